@@ -1,0 +1,181 @@
+#include "daemon/daemon.h"
+
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+
+#include "yulotifyd/log.h"
+#include "yulotifyd/thread.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+// Set once by KillHandler, read by MainLoop. The only variable the handler
+// writes; a lock-free one-byte atomic is async-signal-safe.
+std::atomic<bool> g_stop_flag{false};
+static_assert(sizeof(g_stop_flag) == 1, "the stop flag is one byte");
+
+}  // namespace
+
+Daemon::Daemon(DaemonOptions options)
+    : options_(std::move(options)),
+      sock_fd(-1),
+      inotify_fd(-1),
+      run_status(RUN_STATUS_UNSET),
+      inotify_buffer(kInotifyBufferSize),
+      reload_sem(nullptr),
+      reload_mutex_(PTHREAD_MUTEX_INITIALIZER),
+      monitor_queue_lock(),
+      monitor_queue_lock_ready_(false) {}
+
+// Volume managers are deleted by Cleanup, never here.
+Daemon::~Daemon() { pthread_mutex_destroy(&reload_mutex_); }
+
+void Daemon::KillHandler(int signo) {
+  // SIGTERM and SIGINT are blocked everywhere except inside MainLoop's
+  // pselect, so this runs only on the main thread while it waits there,
+  // holding no lock: logging from here cannot deadlock.
+  YULO_LOG_ALWAYS("In kill handler(%d)", signo);
+  g_stop_flag.store(true);
+}
+
+void Daemon::Run() {
+  umask(0);
+  // The queue-file writer's lock back-off draws from rand().
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+
+  struct sigaction action = {};
+  action.sa_handler = &Daemon::KillHandler;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: the handler must interrupt the main loop's wait.
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  // Keep the termination signals blocked outside the main loop's wait. Worker
+  // threads, created later, inherit the blocked mask, so the handler only
+  // ever runs inside pselect and a stop request is never lost between the
+  // flag test and the wait.
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  sigaddset(&term, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &term, nullptr);
+  YULO_LOG_INFO("Signal handler set ...");
+
+  bool ready = false;
+  do {
+    if (pthread_rwlock_init(&monitor_queue_lock, nullptr) != 0) {
+      YULO_LOG_ALWAYS("Init RWLock for MonitorQueue failed");
+      break;
+    }
+    monitor_queue_lock_ready_ = true;
+    if (!Thread::InitThreadLock()) {
+      YULO_LOG_ALWAYS("Init Thread Lock failed");
+      break;
+    }
+    LoadMonitorQueue();
+    YULO_LOG_INFO("LoadMonitorQueue done ...");
+    LoadDaemonRunStatus();
+    YULO_LOG_INFO("LoadDaemonRunStatus done ...");
+    if (run_status == RUN_STATUS_UNSET || monitor_queues.empty()) {
+      YULO_LOG_INFO("no run status or no monitor config(%zd), stop",
+                    static_cast<ssize_t>(monitor_queues.size()));
+      break;
+    }
+    if (!SetupDomainSocket()) {
+      YULO_LOG_ALWAYS("SetupDomainSocket failed");
+      break;
+    }
+    YULO_LOG_INFO("Domain socket setup done ...");
+    if (!SetupInotify()) {
+      YULO_LOG_ALWAYS("SetupInotify failed");
+      break;
+    }
+    YULO_LOG_INFO("inotify setup done ...");
+    if (!SetupVolumeMgr()) {
+      YULO_LOG_ALWAYS("SetupVolumeMgr failed");
+      break;
+    }
+    YULO_LOG_INFO("Volume manager setup done ...");
+    ready = true;
+  } while (false);
+
+  if (ready) {
+    sd_notifyf(0, "READY=1");
+    MainLoop();
+  }
+  Cleanup();
+}
+
+void Daemon::MainLoop() {
+  const int width = std::max(sock_fd, inotify_fd) + 1;
+  // The mask in force while waiting: the blocked set minus the termination
+  // signals, so they are delivered exactly there.
+  sigset_t wait_mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
+  sigdelset(&wait_mask, SIGTERM);
+  sigdelset(&wait_mask, SIGINT);
+  for (;;) {
+    if (g_stop_flag.load()) return;
+    YULO_LOG_DEBUG("Daemon alive ...");
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(inotify_fd, &readable);
+    FD_SET(sock_fd, &readable);
+    struct timespec timeout = {kSelectTimeoutSeconds, 0};
+    // Time-outs, interruptions and errors alike just start another turn.
+    if (pselect(width, &readable, nullptr, nullptr, &timeout, &wait_mask) <=
+        0) {
+      continue;
+    }
+    if (g_stop_flag.load()) return;
+    // The configuration watch goes first, so a command that arrives together
+    // with a configuration change already sees the new configuration.
+    if (FD_ISSET(inotify_fd, &readable)) HandleInotify();
+    if (FD_ISSET(sock_fd, &readable)) HandleDomainSocket();
+  }
+}
+
+void Daemon::Cleanup() {
+  YULO_LOG_DEBUG("Cleaning resource");
+  if (sock_fd >= 0) {
+    close(sock_fd);
+    sock_fd = -1;
+  }
+  if (inotify_fd >= 0) {
+    for (int wd : watch_descriptors) inotify_rm_watch(inotify_fd, wd);
+    watch_descriptors.clear();
+    close(inotify_fd);
+    inotify_fd = -1;
+  }
+  // Each manager stops and joins its threads in its destructor.
+  for (auto it = volume_mgrs.begin(); it != volume_mgrs.end();) {
+    delete it->second;
+    it = volume_mgrs.erase(it);
+  }
+  SaveDaemonRunStatus();
+  signal(SIGTERM, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
+  signal(SIGPIPE, SIG_DFL);
+  // The termination signals stay blocked: one that arrives from here on is
+  // left pending instead of killing the process halfway through its exit.
+  Thread::DestroyThreadLock();
+  if (monitor_queue_lock_ready_) {
+    pthread_rwlock_destroy(&monitor_queue_lock);
+    monitor_queue_lock_ready_ = false;
+  }
+  unlink(options_.socket_path.c_str());
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,115 @@
+// Daemon: the yulotifyd process object.
+//
+// Run() performs the start-up sequence, reports readiness to the service
+// manager, serves the configuration watch and the control socket on the main
+// thread until SIGTERM or SIGINT, and tears everything down in a fixed order.
+// The main thread alone touches the control socket, the configuration watch
+// and the registry of volume managers; volume managers reach back through the
+// VolumeContext interface (monitor-queue copies, run status, reload
+// acknowledgement).
+//
+// Thread-safety: everything runs on the main thread except the VolumeContext
+// operations, which worker threads call.
+#ifndef YULOTIFYD_DAEMON_DAEMON_H_
+#define YULOTIFYD_DAEMON_DAEMON_H_
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdint.h>
+
+#include <json/json.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "volume/volume_context.h"
+#include "volume/volume_manager.h"
+#include "yulo_build_config.h"
+#include "yulo_platform.h"
+#include "yulotifyd/monitor_queue.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+// Where the daemon keeps its files. The shipped binary always uses the
+// compiled-in defaults; tests may point a Daemon elsewhere.
+struct DaemonOptions {
+  std::string socket_path = YULOTIFYD_SOCKET_PATH;
+  std::string run_status_path = YULOTIFYD_RUN_STATUS_PATH;
+  std::string conf_root = YULOTIFYD_CONF_DIR;
+};
+
+class Daemon : public VolumeContext {
+ public:
+  static constexpr size_t kInotifyBufferSize = 8704;
+  static constexpr int kSelectTimeoutSeconds = 30;
+
+  explicit Daemon(DaemonOptions options = DaemonOptions());
+  ~Daemon() override;
+
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Start-up, main loop and teardown.
+  void Run();
+
+  // VolumeContext.
+  std::vector<MonitorQueue> GetMonitorQueues() override;
+  int32_t GetRunStatus() const override { return run_status; }
+  void PostReloadSemaphore() override;
+
+  // The handler installed for SIGTERM and SIGINT.
+  static void KillHandler(int signo);
+
+ private:
+  void MainLoop();
+  void Cleanup();
+
+  // Run status and monitor queues.
+  void LoadMonitorQueue();
+  void LoadDaemonRunStatus();
+  void SaveDaemonRunStatus();
+  bool SetupInotify();
+  void AddInotifyWatch(const std::string& path);
+  void HandleInotify();
+  void CreateReloadSemaphore();
+  void DestroyReloadSemaphore();
+
+  // Control socket.
+  bool SetupDomainSocket();
+  void HandleDomainSocket();
+  static bool ReadSocket(int fd, uint64_t length, char* buffer);
+  int32_t Dispatch(const std::string& type, const Json::Value& data);
+
+  // Volume manager registry.
+  bool SetupVolumeMgr();
+  bool CreateVolumeMgr(const YULO_VOLUME_INFO* info);
+  VolumeMgr* GetVolumeMgrByShare(const std::string& share_name);
+  VolumeMgr* GetVolumeMgrByMountPoint(const std::string& mount_point);
+  void MountVolume(const std::string& mount_point);
+  void UmountVolume(const std::string& mount_point);
+
+  const DaemonOptions options_;
+
+  int sock_fd;
+  int inotify_fd;
+  std::vector<int> watch_descriptors;
+  std::map<int32_t, VolumeMgr*> volume_mgrs;
+  std::vector<MonitorQueue> monitor_queues;
+  int32_t run_status;
+  std::vector<char> inotify_buffer;
+  // The reload barrier; set only while HandleInotify waits for the
+  // receivers. Worker threads post it under reload_mutex_, which keeps a late
+  // post from touching a semaphore that is being destroyed.
+  sem_t* reload_sem;
+  pthread_mutex_t reload_mutex_;
+  pthread_rwlock_t monitor_queue_lock;
+  bool monitor_queue_lock_ready_;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_DAEMON_DAEMON_H_

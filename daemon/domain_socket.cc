@@ -1,0 +1,224 @@
+// The control socket: one length-prefixed JSON command per connection,
+// answered with a 4-byte status.
+#include <errno.h>
+#include <stddef.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "daemon/daemon.h"
+#include "yulotifyd/json_util.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+constexpr int kListenBacklog = 10;
+constexpr size_t kReadChunk = 1024;
+constexpr int kReadRetries = 3;
+// A command is a few hundred bytes; anything longer is refused unread.
+constexpr uint64_t kMaxBodyLength = 1024 * 1024;
+// A client that stalls mid-request must not hold the main loop.
+constexpr int kClientTimeoutSeconds = 5;
+
+// Returns false when `data[key]` exists but is not a string; else stores the
+// value (or `fallback` when missing) in `out`.
+bool GetString(const Json::Value& data, const char* key, std::string* out) {
+  if (!data.isMember(key)) {
+    out->clear();
+    return true;
+  }
+  const Json::Value& v = data[key];
+  if (!v.isString()) return false;
+  *out = v.asString();
+  return true;
+}
+
+}  // namespace
+
+bool Daemon::SetupDomainSocket() {
+  sock_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (sock_fd < 0) {
+    YULO_LOG_ALWAYS("socket failed, reason=%m");
+    return false;
+  }
+  unlink(options_.socket_path.c_str());
+  struct sockaddr_un addr;
+  std::memset(&addr, 0, sizeof(addr));
+  addr.sun_family = AF_UNIX;
+  const std::string& path = options_.socket_path;
+  if (path.size() >= sizeof(addr.sun_path)) {
+    errno = ENAMETOOLONG;
+    YULO_LOG_ALWAYS("bind failed, reason=%m");
+    return false;
+  }
+  std::memcpy(addr.sun_path, path.data(), path.size());
+  // The family plus the path bytes, without a terminating zero.
+  const socklen_t len =
+      static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) +
+                             path.size());
+  if (bind(sock_fd, reinterpret_cast<struct sockaddr*>(&addr), len) != 0) {
+    YULO_LOG_ALWAYS("bind failed, reason=%m");
+    return false;
+  }
+  if (listen(sock_fd, kListenBacklog) != 0) {
+    YULO_LOG_ALWAYS("listen failed, reason=%m");
+    return false;
+  }
+  // With the process umask at 0 every local user may connect.
+  return true;
+}
+
+bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
+  if (length == 0) return true;
+  int retries = kReadRetries;
+  uint64_t done = 0;
+  while (done < length) {
+    const size_t want =
+        static_cast<size_t>(std::min<uint64_t>(length - done, kReadChunk));
+    const ssize_t n = read(fd, buffer + done, want);
+    if (n <= 0) {
+      if (n < 0 && errno == EINTR && retries > 0) {
+        --retries;
+        continue;
+      }
+      if (n == 0) errno = ECONNRESET;  // "%m" then names the early close
+      YULO_LOG_ALWAYS("Failed to read from domain socket, reason=%m");
+      return false;
+    }
+    done += static_cast<uint64_t>(n);
+  }
+  return true;
+}
+
+void Daemon::HandleDomainSocket() {
+  YULO_LOG_DEBUG("HandleDomainSocket");
+  int32_t reply = -1;
+  const int conn = accept4(sock_fd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (conn < 0) {
+    YULO_LOG_ALWAYS("accept failed, reason=%m");
+    YULO_LOG_DEBUG("Replying socket: %d", reply);
+    return;
+  }
+  struct timeval timeout = {kClientTimeoutSeconds, 0};
+  setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+
+  do {
+    uint64_t length = 0;
+    if (!ReadSocket(conn, sizeof(length), reinterpret_cast<char*>(&length))) {
+      YULO_LOG_ALWAYS("Receive command length failed");
+      break;
+    }
+    if (length == 0 || length > kMaxBodyLength) {
+      YULO_LOG_ALWAYS("Receive command body failed");
+      break;
+    }
+    std::vector<char> body(static_cast<size_t>(length));
+    if (!ReadSocket(conn, length, body.data())) {
+      YULO_LOG_ALWAYS("Receive command body failed");
+      break;
+    }
+    // The text ends at the first zero byte, or with the body when a client
+    // forgot it.
+    const char* end = static_cast<const char*>(
+        std::memchr(body.data(), '\0', body.size()));
+    const std::string text(body.data(),
+                           end == nullptr ? body.size() : end - body.data());
+    Json::Value command;
+    if (!fromString(text, command) || !command.isObject() ||
+        !command.isMember("type") || !command.isMember("data") ||
+        !command["data"].isObject() || !command["type"].isString()) {
+      YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
+      break;
+    }
+    const std::string type = command["type"].asString();
+    const Json::Value data = command["data"];
+    YULO_LOG_INFO("Got command: %s", toString(command).c_str());
+    const int32_t result = Dispatch(type, data);
+    if (result == -2) {
+      YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
+      break;
+    }
+    reply = result;
+  } while (false);
+
+  YULO_LOG_DEBUG("Replying socket: %d", reply);
+  // A client that went away is its own business; SIGPIPE is ignored.
+  ssize_t ignored = write(conn, &reply, sizeof(reply));
+  (void)ignored;
+  close(conn);
+}
+
+// Carries out one command. Returns the reply, or -2 when a member has a type
+// the command cannot use (the caller reports the command as malformed).
+int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
+  if (type == "set_log_level") {
+    std::string level;
+    if (!GetString(data, "log_level", &level)) return -2;
+    if (level == "debug") {
+      LOG_LEVEL = 7;
+    } else if (level == "error") {
+      LOG_LEVEL = 3;
+    } else if (level == "info") {
+      LOG_LEVEL = 6;
+    } else {
+      YULO_LOG_ALWAYS("Unknown log level: %s", level.c_str());
+      return -1;
+    }
+    return 0;
+  }
+  if (type == "notify") {
+    uint32_t event = 0;
+    if (data.isMember("event")) {
+      const Json::Value& v = data["event"];
+      if (!v.isIntegral() || !v.isUInt()) return -2;
+      event = v.asUInt();
+    }
+    std::string path, path_old;
+    if (!GetString(data, "path", &path) ||
+        !GetString(data, "path_old", &path_old)) {
+      return -2;
+    }
+    for (auto& entry : volume_mgrs) {
+      entry.second->PushEvent(event, path, path_old);
+    }
+    return 0;
+  }
+  if (type == "mount_share" || type == "umount_share") {
+    std::string share;
+    if (!GetString(data, "share_name", &share)) return -2;
+    VolumeMgr* mgr = GetVolumeMgrByShare(share);
+    if (mgr == nullptr) {
+      YULO_LOG_ALWAYS("Cannot get volume manager, share: %s", share.c_str());
+      return -1;
+    }
+    if (type == "mount_share") {
+      mgr->MountShare(share);
+    } else {
+      mgr->UmountShare(share);
+    }
+    return 0;
+  }
+  if (type == "mount_volume" || type == "umount_volume") {
+    std::string mount_point;
+    if (!GetString(data, "mount_point", &mount_point)) return -2;
+    if (type == "mount_volume") {
+      MountVolume(mount_point);
+    } else {
+      UmountVolume(mount_point);
+    }
+    return 0;
+  }
+  YULO_LOG_ALWAYS("Unknown command type: %s", type.c_str());
+  return -1;
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,7 @@
+#include "daemon/daemon.h"
+
+int main() {
+  YULO::YULOTIFYD::Daemon daemon;
+  daemon.Run();
+  return 0;
+}

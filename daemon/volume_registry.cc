@@ -1,0 +1,90 @@
+// The registry of volume managers, keyed by volume id.
+#include <cstring>
+
+#include "daemon/daemon.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+constexpr int kPathBufferSize = 4096;
+}  // namespace
+
+bool Daemon::SetupVolumeMgr() {
+  YULO_VOLUME_INFO* list = YULOMountVolAllEnum(0, 0, 0);
+  if (list == nullptr) {
+    YULO_LOG_ALWAYS("YULOMountVolAllEnum failed");
+    return false;
+  }
+  // Every volume mounted now gets a manager, USB volumes included.
+  for (YULO_VOLUME_INFO* info = list; info != nullptr; info = info->next) {
+    if (!CreateVolumeMgr(info)) YULO_LOG_ALWAYS("CreateVolumeMgr failed");
+  }
+  YULOMountVolInfoFree(list);
+  return true;
+}
+
+bool Daemon::CreateVolumeMgr(const YULO_VOLUME_INFO* info) {
+  try {
+    VolumeMgr* mgr = new VolumeMgr(info, this);
+    // An id that is already registered keeps its manager; callers avoid that
+    // case by looking the mount point up first.
+    volume_mgrs.insert(std::make_pair(info->vol_id, mgr));
+  } catch (...) {
+    YULO_LOG_ALWAYS("Failed to initiate mgr for volume(id=%d)", info->vol_id);
+    return false;
+  }
+  YULO_LOG_DEBUG("VolumeMgr created, id=%d, mount point=%s", info->vol_id,
+                 info->mount_point);
+  return true;
+}
+
+VolumeMgr* Daemon::GetVolumeMgrByShare(const std::string& share_name) {
+  char path[kPathBufferSize];
+  std::memset(path, 0, sizeof(path));
+  if (YULOSharePathGet(share_name.c_str(), path, sizeof(path)) != 0) {
+    return nullptr;
+  }
+  int vol_id = 0;
+  if (VolumePathParse(path, &vol_id) <= 0) return nullptr;
+  auto it = volume_mgrs.find(vol_id);
+  return it == volume_mgrs.end() ? nullptr : it->second;
+}
+
+VolumeMgr* Daemon::GetVolumeMgrByMountPoint(const std::string& mount_point) {
+  for (auto& entry : volume_mgrs) {
+    if (entry.second->GetMountPoint() == mount_point) return entry.second;
+  }
+  return nullptr;
+}
+
+void Daemon::MountVolume(const std::string& mount_point) {
+  if (GetVolumeMgrByMountPoint(mount_point) != nullptr) return;
+  YULO_VOLUME_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  if (YULOMountVolInfoGet(mount_point.c_str(), &info) < 0) {
+    YULO_LOG_ALWAYS("YULOMountVolInfoGet failed, mount_point=%s",
+                    mount_point.c_str());
+    return;
+  }
+  // USB volumes plugged in while the daemon runs are never watched.
+  if (info.vol_kind == YULO_VOLUME_KIND_USB) {
+    YULO_LOG_ALWAYS("skipped mounting usb volume [%s]", info.mount_point);
+    return;
+  }
+  if (!CreateVolumeMgr(&info)) YULO_LOG_ALWAYS("CreateVolumeMgr failed");
+}
+
+void Daemon::UmountVolume(const std::string& mount_point) {
+  for (auto it = volume_mgrs.begin(); it != volume_mgrs.end(); ++it) {
+    if (it->second->GetMountPoint() == mount_point) {
+      delete it->second;
+      volume_mgrs.erase(it);
+      return;
+    }
+  }
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

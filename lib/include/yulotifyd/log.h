@@ -1,0 +1,65 @@
+// Process-wide logging of yulotifyd and its companion library.
+//
+// Every line goes to syslog at priority LOG_ERR, whatever it means, and
+// begins with "<source>:<line> " where <source> is the emitting source file's
+// base name without its extension ("daemon", "volume_manager", ...). The
+// verbosity is LOG_LEVEL, a syslog severity: 7 debug, 6 info, 3 error.
+// Each message has one of three gates:
+//   YULO_LOG_ALWAYS  failures; written whatever LOG_LEVEL is
+//   YULO_LOG_INFO    progress; written when LOG_LEVEL is 6 or 7
+//   YULO_LOG_DEBUG   tracing; written only when LOG_LEVEL is 7
+// "%m" in a format is errno's text, as in syslog(3); errno is preserved from
+// the call site even if evaluating the gate or the arguments changes it.
+//
+// Thread-safety: all functions may be called from any thread. LOG_LEVEL is
+// read without a lock by every thread and written by the daemon's main thread.
+#ifndef YULOTIFYD_LOG_H_
+#define YULOTIFYD_LOG_H_
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <string>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+// The current verbosity; 3 (error) until someone changes it.
+extern std::atomic<int32_t> LOG_LEVEL;
+
+enum class LogGate { kAlways, kInfo, kDebug };
+
+// True when a message of this gate is to be written at the current level.
+bool LogGateOpen(LogGate gate);
+
+// Writes one line at LOG_ERR: "<stem of file>:<line> " + the formatted text.
+// `file` may be a full path (__FILE__); only its base name is printed.
+void LogWrite(const char* file, int line, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The text LogWrite hands to syslog, without writing it. `saved_errno` is
+// what "%m" expands to.
+std::string FormatLogLine(const char* file, int line, int saved_errno,
+                          const char* fmt, va_list args)
+    __attribute__((format(printf, 4, 0)));
+
+// "dir/volume_manager.cc" -> "volume_manager".
+std::string SourceStem(const char* file);
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#define YULO_LOG_GATED(gate, ...)                                   \
+  do {                                                              \
+    if (::YULO::YULOTIFYD::LogGateOpen(gate))                       \
+      ::YULO::YULOTIFYD::LogWrite(__FILE__, __LINE__, __VA_ARGS__); \
+  } while (0)
+
+#define YULO_LOG_ALWAYS(...) \
+  YULO_LOG_GATED(::YULO::YULOTIFYD::LogGate::kAlways, __VA_ARGS__)
+#define YULO_LOG_INFO(...) \
+  YULO_LOG_GATED(::YULO::YULOTIFYD::LogGate::kInfo, __VA_ARGS__)
+#define YULO_LOG_DEBUG(...) \
+  YULO_LOG_GATED(::YULO::YULOTIFYD::LogGate::kDebug, __VA_ARGS__)
+
+#endif  // YULOTIFYD_LOG_H_

@@ -1,0 +1,131 @@
+// MonitorQueue: one consumer's subscription to file-system changes.
+//
+// A monitor queue is a queue file (where the daemon appends one JSON line per
+// wanted change) and a list of monitors, each naming a share, a directory
+// below it, whether subdirectories count, and the queue event codes wanted.
+// Queues are configured as one JSON file each in the three directories given
+// by GetConfDir(); docs/monitor-queues.md describes the format.
+//
+// Value type: copyable, no shared state. Thread-safety: const members and the
+// static queries may run concurrently on different objects; copying must be
+// serialised against LoadAll() on the same vector by the caller.
+#ifndef YULOTIFYD_MONITOR_QUEUE_H_
+#define YULOTIFYD_MONITOR_QUEUE_H_
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+// Kinds of monitor queue, each with its own configuration directory.
+enum _tag_monitor_queue_type_ {
+  MONITOR_QUEUE_TYPE_SYSTEM = 0,  // appliance services: <root>/system.d
+  MONITOR_QUEUE_TYPE_APP = 1,     // installed applications: <root>/app.d
+  MONITOR_QUEUE_TYPE_USER = 2,    // per-user subscriptions: <root>/user.d
+};
+typedef enum _tag_monitor_queue_type_ MONITOR_QUEUE_TYPE;
+
+// Queue event codes: the "event" member of a queue line and the bits of a
+// monitor's "events" mask.
+enum : uint32_t {
+  QUEUE_EVENT_ACCESS = 1,
+  QUEUE_EVENT_MODIFY = 2,
+  QUEUE_EVENT_ATTRIB = 4,
+  QUEUE_EVENT_CLOSE_WRITE = 8,
+  QUEUE_EVENT_CLOSE_NOWRITE = 16,
+  QUEUE_EVENT_OPEN = 32,
+  QUEUE_EVENT_CREATE = 64,
+  QUEUE_EVENT_DELETE = 128,
+  QUEUE_EVENT_MOVE = 256,
+  QUEUE_EVENT_RESCAN = 512,
+  QUEUE_EVENT_RESET = 1024,
+  QUEUE_EVENT_ALL = 1023,  // every code a monitor can ask for
+};
+
+class MonitorQueue {
+ public:
+  // One monitor of a queue.
+  struct MonitorQueueConfig {
+    std::string share;       // share name as configured
+    std::string share_path;  // its absolute path, no trailing "/"
+    std::string dir;         // directory below the share root, "/" = root
+    std::string directory;   // share_path joined with dir, normalised
+    bool recursive = true;
+    uint32_t events = QUEUE_EVENT_ALL;
+  };
+
+  // Maps a share name to its absolute path; false for an unknown share.
+  using ShareResolver =
+      std::function<bool(const std::string& share_name, std::string* path)>;
+
+  MonitorQueue() = default;
+  // `configs` are kept as given; build them with MakeConfig.
+  MonitorQueue(std::string queue_path, std::vector<MonitorQueueConfig> configs);
+
+  // Builds a monitor from its parts; `directory` is computed from
+  // `share_path` and `dir` (normalised: no repeated "/", no "." component,
+  // no trailing "/"). It is left empty, so the monitor matches nothing, when
+  // `share_path` is relative or either part has a ".." component.
+  static MonitorQueueConfig MakeConfig(const std::string& share,
+                                       const std::string& share_path,
+                                       const std::string& dir, bool recursive,
+                                       uint32_t events);
+
+  // Replaces `queues` with every queue configured under the compiled-in
+  // configuration root, shares resolved through the platform library.
+  // Returns how many queues were loaded.
+  static int LoadAll(std::vector<MonitorQueue>& queues);
+  // The same from another configuration root and share resolver.
+  static int LoadAll(std::vector<MonitorQueue>& queues,
+                     const std::string& conf_root,
+                     const ShareResolver& resolve);
+
+  // Parses one configuration file. Returns false, with `reason` set, when the
+  // file is to be skipped; monitors naming unknown shares are dropped (and
+  // logged) without failing the file.
+  static bool LoadFile(const std::string& file, const ShareResolver& resolve,
+                       MonitorQueue* out, std::string* reason);
+
+  // The directory holding the configuration files of `type`.
+  static std::string GetConfDir(_tag_monitor_queue_type_ type);
+  static std::string GetConfDir(_tag_monitor_queue_type_ type,
+                                const std::string& conf_root);
+
+  // The resolver used by LoadAll(queues): the platform's share table.
+  static bool ResolveSharePath(const std::string& share_name,
+                               std::string* path);
+
+  // Absolute share paths of every monitor of every queue.
+  static std::set<std::string> GetShareSet(
+      const std::vector<MonitorQueue>& queues);
+  // Whether any queue has a monitor on a share at or below `path`.
+  static bool IsDirMonitoring(const std::vector<MonitorQueue>& queues,
+                              const std::string& path);
+
+  // Whether some monitor of this queue has a share at or below `path`.
+  bool IsDirMonitoring(const std::string& path) const;
+  // Whether this queue wants event code `mask` for `path`.
+  bool IsMonitoring(const std::string& path, const uint32_t& mask);
+  // The kernel event bits this queue wants on shares below `mount_point`.
+  uint32_t GetUnionMask(const std::string& mount_point) const;
+  // Adds this queue's share paths to `shares`.
+  void CollectShareSet(std::set<std::string>& shares) const;
+
+  const std::string& GetQueuePath() const { return queue_path_; }
+  const std::vector<MonitorQueueConfig>& GetConfigs() const {
+    return configs_;
+  }
+
+ private:
+  std::string queue_path_;
+  std::vector<MonitorQueueConfig> configs_;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_MONITOR_QUEUE_H_

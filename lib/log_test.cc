@@ -1,0 +1,79 @@
+#include "yulotifyd/log.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <string>
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace {
+
+std::string Format(const char* file, int line, int err, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+std::string Format(const char* file, int line, int err, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string s = FormatLogLine(file, line, err, fmt, args);
+  va_end(args);
+  return s;
+}
+
+class LogLevelTest : public ::testing::Test {
+ protected:
+  void SetUp() override { saved_ = LOG_LEVEL.load(); }
+  void TearDown() override { LOG_LEVEL = saved_; }
+  int32_t saved_ = 3;
+};
+
+TEST(LogTest, DefaultLevelIsError) { EXPECT_EQ(LOG_LEVEL.load(), 3); }
+
+TEST(LogTest, SourceStemDropsDirectoryAndExtension) {
+  EXPECT_EQ(SourceStem("/src/volume/volume_manager.cc"), "volume_manager");
+  EXPECT_EQ(SourceStem("daemon.cc"), "daemon");
+  EXPECT_EQ(SourceStem("a/b/noext"), "noext");
+  EXPECT_EQ(SourceStem(""), "");
+}
+
+TEST(LogTest, LineBeginsWithStemAndLine) {
+  EXPECT_EQ(Format("/x/daemon/daemon.cc", 123, 0, "In kill handler(%d)", 15),
+            "daemon:123 In kill handler(15)");
+}
+
+TEST(LogTest, PercentMIsTheCallersErrno) {
+  errno = 0;
+  EXPECT_EQ(Format("d.cc", 7, ENOENT, "bind failed, reason=%m"),
+            "d:7 bind failed, reason=No such file or directory");
+}
+
+TEST(LogTest, LongMessagesAreNotCut) {
+  const std::string big(5000, 'x');
+  const std::string s = Format("f.cc", 1, 0, "path=%s", big.c_str());
+  EXPECT_EQ(s, "f:1 path=" + big);
+}
+
+TEST(LogTest, LogWriteKeepsErrno) {
+  errno = EACCES;
+  LogWrite(__FILE__, __LINE__, "test line from log_test, reason=%m");
+  EXPECT_EQ(errno, EACCES);
+}
+
+TEST_F(LogLevelTest, GatesFollowTheLevel) {
+  struct Case {
+    int32_t level;
+    bool info;
+    bool debug;
+  } cases[] = {{3, false, false}, {6, true, false}, {7, true, true},
+               {5, false, false}, {0, false, false}, {8, false, false}};
+  for (const Case& c : cases) {
+    LOG_LEVEL = c.level;
+    EXPECT_TRUE(LogGateOpen(LogGate::kAlways)) << c.level;
+    EXPECT_EQ(LogGateOpen(LogGate::kInfo), c.info) << c.level;
+    EXPECT_EQ(LogGateOpen(LogGate::kDebug), c.debug) << c.level;
+  }
+}
+
+}  // namespace
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs everything yulotifyd needs to build, test and run its demo on
+# Debian 12. Safe to run again.
+set -euo pipefail
+export DEBIAN_FRONTEND=noninteractive
+packages=(
+  build-essential cmake pkg-config
+  libjsoncpp-dev libsystemd-dev libinih-dev
+  googletest libgtest-dev libgmock-dev
+  python3 python3-pytest
+  util-linux procps inotify-tools
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the dependencies, builds yulotifyd three ways (plain, ASan+UBSan,
+# TSan) and runs every test: the unit tests of each build, then the
+# end-to-end tests against the installed plain build. Run as root: the tests
+# mount file systems in private mount namespaces and use fanotify.
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+cd "$here"
+bash scripts/deps.sh
+
+out=${YULOTIFYD_TEST_DIR:-$here/build-test}
+mkdir -p "$out"
+
+echo "== plain build"
+bash scripts/build.sh "$out/plain" "$out/plain-install" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+(cd "$out/plain" && ctest --output-on-failure -j2)
+
+echo "== end-to-end tests"
+YULOTIFYD_PREFIX="$out/plain-install" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/e2e"
+
+echo "== ASan+UBSan build"
+bash scripts/build.sh "$out/asan" "$out/asan-install" -DCMAKE_BUILD_TYPE=Debug -DYULOTIFYD_SANITIZE=address
+(cd "$out/asan" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j2)
+
+echo "== TSan build"
+bash scripts/build.sh "$out/tsan" "$out/tsan-install" -DCMAKE_BUILD_TYPE=Debug -DYULOTIFYD_SANITIZE=thread
+(cd "$out/tsan" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j2)
+
+echo "== all tests passed"
