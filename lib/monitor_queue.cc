@@ -1,0 +1,605 @@
+#include "yulotifyd/monitor_queue.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "yulo_build_config.h"
+#include "yulo_platform.h"
+#include "yulotifyd/json_util.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+// A monitor-queue file is a few hundred bytes; anything this big is a
+// mistake (or something we should not be slurping into memory).
+constexpr size_t kMaxConfFileSize = 1024 * 1024;
+
+// Buffer handed to YULOSharePathGet.
+constexpr int kSharePathBufSize = 4096;
+
+constexpr const char kConfSuffix[] = ".json";
+
+struct EventName {
+  const char* name;
+  uint32_t code;
+};
+
+constexpr EventName kEventNames[] = {
+    {"access", QUEUE_EVENT_ACCESS},
+    {"modify", QUEUE_EVENT_MODIFY},
+    {"attrib", QUEUE_EVENT_ATTRIB},
+    {"close_write", QUEUE_EVENT_CLOSE_WRITE},
+    {"close_nowrite", QUEUE_EVENT_CLOSE_NOWRITE},
+    {"open", QUEUE_EVENT_OPEN},
+    {"create", QUEUE_EVENT_CREATE},
+    {"delete", QUEUE_EVENT_DELETE},
+    {"move", QUEUE_EVENT_MOVE},
+    {"rescan", QUEUE_EVENT_RESCAN},
+};
+
+// Kernel (inotify) bits the watcher has to ask for so that a queue event
+// code can be produced. A created entry may also arrive by being moved in,
+// a deleted one by being moved out; a rescan is triggered when a watched
+// directory itself goes away.
+uint32_t KernelBitsFor(uint32_t events) {
+  uint32_t bits = events & (QUEUE_EVENT_ACCESS | QUEUE_EVENT_MODIFY |
+                            QUEUE_EVENT_ATTRIB | QUEUE_EVENT_CLOSE_WRITE |
+                            QUEUE_EVENT_CLOSE_NOWRITE | QUEUE_EVENT_OPEN);
+  static_assert(QUEUE_EVENT_ACCESS == IN_ACCESS &&
+                    QUEUE_EVENT_MODIFY == IN_MODIFY &&
+                    QUEUE_EVENT_ATTRIB == IN_ATTRIB &&
+                    QUEUE_EVENT_CLOSE_WRITE == IN_CLOSE_WRITE &&
+                    QUEUE_EVENT_CLOSE_NOWRITE == IN_CLOSE_NOWRITE &&
+                    QUEUE_EVENT_OPEN == IN_OPEN,
+                "the low queue codes are the inotify bits themselves");
+  if (events & QUEUE_EVENT_CREATE) bits |= IN_CREATE | IN_MOVED_TO;
+  if (events & QUEUE_EVENT_DELETE) bits |= IN_DELETE | IN_MOVED_FROM;
+  if (events & QUEUE_EVENT_MOVE) bits |= IN_MOVED_FROM | IN_MOVED_TO;
+  if (events & QUEUE_EVENT_RESCAN) bits |= IN_DELETE_SELF;
+  return bits;
+}
+
+// strerror_r comes in a GNU flavour (returns the text) and an XSI one
+// (returns 0 and fills the buffer); these two overloads accept either.
+[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
+  return text;
+}
+[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
+  return rc == 0 ? buf : "unknown error";
+}
+
+std::string ErrnoText(int err) {
+  char buf[256];
+  buf[0] = '\0';
+  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
+}
+
+bool HasNul(const std::string& s) {
+  return s.find('\0') != std::string::npos;
+}
+
+// Turns an absolute path into its canonical spelling: repeated "/" collapsed,
+// "." components dropped, no trailing "/" ("/" for the root itself). Fails on
+// a relative path and on any ".." component: we never resolve those, since
+// what ".." means depends on symlinks we are not going to chase.
+bool NormalizeAbsolutePath(std::string_view in, std::string* out) {
+  if (in.empty() || in[0] != '/') return false;
+  std::string result;
+  result.reserve(in.size());
+  size_t pos = 0;
+  while (pos < in.size()) {
+    while (pos < in.size() && in[pos] == '/') ++pos;
+    if (pos >= in.size()) break;
+    size_t end = in.find('/', pos);
+    if (end == std::string_view::npos) end = in.size();
+    const std::string_view part = in.substr(pos, end - pos);
+    pos = end;
+    if (part == ".") continue;
+    if (part == "..") return false;
+    result += '/';
+    result.append(part.data(), part.size());
+  }
+  if (result.empty()) result = "/";
+  *out = std::move(result);
+  return true;
+}
+
+// `path` without trailing "/", except that "/" stays "/".
+std::string_view StripTrailingSlashes(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  return path;
+}
+
+// Whether `path` is `dir` itself or lies below it. Below means anywhere
+// underneath when `recursive`, else only an entry directly inside `dir`.
+// `dir` is a normalised absolute path; an empty `dir` matches nothing.
+bool PathAtOrBelow(std::string_view dir, std::string_view path,
+                   bool recursive) {
+  if (dir.empty()) return false;
+  path = StripTrailingSlashes(path);
+  if (path.empty()) return false;
+  if (path == dir) return true;
+  std::string_view rest;
+  if (dir == "/") {
+    if (path[0] != '/') return false;
+    rest = path.substr(1);
+  } else {
+    // The character after the prefix has to be a "/": "/vol1/media2" is not
+    // below "/vol1/media".
+    if (path.size() <= dir.size() + 1 ||
+        path.compare(0, dir.size(), dir) != 0 || path[dir.size()] != '/') {
+      return false;
+    }
+    rest = path.substr(dir.size() + 1);
+  }
+  if (rest.empty()) return false;
+  return recursive || rest.find('/') == std::string_view::npos;
+}
+
+bool EndsWithConfSuffix(const char* name) {
+  const size_t len = std::strlen(name);
+  const size_t suffix_len = sizeof(kConfSuffix) - 1;
+  return len >= suffix_len &&
+         std::memcmp(name + len - suffix_len, kConfSuffix, suffix_len) == 0;
+}
+
+// Reads a configuration file of at most kMaxConfFileSize bytes.
+bool ReadConfFile(const std::string& file, std::string* text,
+                  std::string* reason) {
+  // O_NONBLOCK so that a FIFO put where a file belongs cannot hang us; it is
+  // refused by the regular-file check right after.
+  int fd;
+  do {
+    fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    *reason = "cannot open: " + ErrnoText(errno);
+    return false;
+  }
+  bool ok = true;
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    *reason = "cannot stat: " + ErrnoText(errno);
+    ok = false;
+  } else if (!S_ISREG(st.st_mode)) {
+    *reason = "not a regular file";
+    ok = false;
+  } else if (static_cast<uint64_t>(st.st_size) > kMaxConfFileSize) {
+    *reason = "larger than 1 MiB (" + std::to_string(st.st_size) + " bytes)";
+    ok = false;
+  }
+  text->clear();
+  char buf[8192];
+  while (ok) {
+    const ssize_t n = read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      *reason = "cannot read: " + ErrnoText(errno);
+      ok = false;
+    } else if (n == 0) {
+      break;
+    } else {
+      text->append(buf, static_cast<size_t>(n));
+      // The file may have grown since fstat.
+      if (text->size() > kMaxConfFileSize) {
+        *reason = "larger than 1 MiB";
+        ok = false;
+      }
+    }
+  }
+  close(fd);
+  return ok;
+}
+
+// Parses an "events" member: a number (bits above the known codes dropped)
+// or a list of event names.
+bool ParseEvents(const Json::Value& value, uint32_t* events,
+                 std::string* problem) {
+  if (value.isArray()) {
+    uint32_t mask = 0;
+    for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
+      const Json::Value& item = value[i];
+      if (!item.isString()) {
+        *problem = "\"events\" list holds something other than a name";
+        return false;
+      }
+      const std::string name = item.asString();
+      const EventName* found = nullptr;
+      for (const EventName& e : kEventNames) {
+        if (name == e.name) {
+          found = &e;
+          break;
+        }
+      }
+      if (found == nullptr) {
+        *problem = "unknown event name \"" + name + "\"";
+        return false;
+      }
+      mask |= found->code;
+    }
+    *events = mask;
+    return true;
+  }
+  if (value.isNumeric() && !value.isBool()) {
+    if (value.isUInt64()) {
+      *events =
+          static_cast<uint32_t>(value.asLargestUInt() & QUEUE_EVENT_ALL);
+      return true;
+    }
+    if (value.isInt64() || value.asDouble() < 0) {
+      *problem = "\"events\" is negative";
+    } else {
+      *problem = "\"events\" is not a whole number or is too large";
+    }
+    return false;
+  }
+  *problem = "\"events\" is neither a number nor a list of names";
+  return false;
+}
+
+// Reads one entry of "monitors". Returns false, having logged why, when the
+// monitor is to be dropped.
+bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
+                  const std::string& file,
+                  const MonitorQueue::ShareResolver& resolve,
+                  MonitorQueue::MonitorQueueConfig* out) {
+  const unsigned number = static_cast<unsigned>(index);
+  auto drop = [&](const std::string& problem) {
+    YULO_LOG_ALWAYS("monitor queue file %s: monitors[%u] skipped: %s",
+                    file.c_str(), number, problem.c_str());
+    return false;
+  };
+
+  if (!m.isObject()) return drop("not an object");
+
+  if (!m.isMember("share")) return drop("no \"share\" member");
+  const Json::Value& share_value = m["share"];
+  if (!share_value.isString()) return drop("\"share\" is not a string");
+  const std::string share = share_value.asString();
+  if (share.empty()) return drop("\"share\" is empty");
+  if (HasNul(share)) return drop("\"share\" contains a NUL character");
+
+  std::string dir = "/";
+  if (m.isMember("dir")) {
+    const Json::Value& v = m["dir"];
+    if (!v.isString()) return drop("\"dir\" is not a string");
+    dir = v.asString();
+    if (HasNul(dir)) return drop("\"dir\" contains a NUL character");
+    std::string ignored;
+    if (!NormalizeAbsolutePath("/" + dir, &ignored)) {
+      return drop("\"dir\" \"" + dir + "\" contains a \"..\" component");
+    }
+  }
+
+  bool recursive = true;
+  if (m.isMember("recursive")) {
+    const Json::Value& v = m["recursive"];
+    if (!v.isBool()) return drop("\"recursive\" is not true or false");
+    recursive = v.asBool();
+  }
+
+  uint32_t events = QUEUE_EVENT_ALL;
+  if (m.isMember("events")) {
+    std::string problem;
+    if (!ParseEvents(m["events"], &events, &problem)) return drop(problem);
+  }
+
+  std::string share_path;
+  if (!resolve(share, &share_path)) {
+    return drop("unknown share \"" + share + "\"");
+  }
+  std::string normalized_share_path;
+  if (!NormalizeAbsolutePath(share_path, &normalized_share_path)) {
+    return drop("share \"" + share + "\" resolves to \"" + share_path +
+                "\", not a plain absolute path");
+  }
+
+  *out = MonitorQueue::MakeConfig(share, normalized_share_path, dir,
+                                  recursive, events);
+  return true;
+}
+
+bool LoadFileUnguarded(const std::string& file,
+                       const MonitorQueue::ShareResolver& resolve,
+                       MonitorQueue* out, std::string* reason) {
+  if (!resolve) {
+    *reason = "no share resolver";
+    return false;
+  }
+  std::string text;
+  if (!ReadConfFile(file, &text, reason)) return false;
+
+  Json::Value root;
+  if (!fromString(text, root)) {
+    *reason = "not valid JSON";
+    return false;
+  }
+  if (!root.isObject()) {
+    *reason = "not a JSON object";
+    return false;
+  }
+  if (!root.isMember("queue")) {
+    *reason = "no \"queue\" member";
+    return false;
+  }
+  const Json::Value& queue_value = root["queue"];
+  if (!queue_value.isString()) {
+    *reason = "\"queue\" is not a string";
+    return false;
+  }
+  std::string queue_path = queue_value.asString();
+  if (queue_path.empty() || queue_path[0] != '/') {
+    *reason = "\"queue\" is not an absolute path";
+    return false;
+  }
+  if (HasNul(queue_path)) {
+    *reason = "\"queue\" contains a NUL character";
+    return false;
+  }
+
+  std::vector<MonitorQueue::MonitorQueueConfig> configs;
+  if (root.isMember("monitors")) {
+    const Json::Value& monitors = root["monitors"];
+    if (!monitors.isArray()) {
+      *reason = "\"monitors\" is not a list";
+      return false;
+    }
+    configs.reserve(monitors.size());
+    for (Json::ArrayIndex i = 0; i < monitors.size(); ++i) {
+      MonitorQueue::MonitorQueueConfig config;
+      if (ParseMonitor(monitors[i], i, file, resolve, &config)) {
+        configs.push_back(std::move(config));
+      }
+    }
+  }
+
+  if (out != nullptr) {
+    *out = MonitorQueue(std::move(queue_path), std::move(configs));
+  }
+  return true;
+}
+
+// Names of the regular files ending in ".json" in `dir`, sorted byte-wise.
+// Symlinks count as what they point to.
+std::vector<std::string> ListConfFiles(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) {
+    if (errno == ENOENT) {
+      YULO_LOG_DEBUG("monitor queue directory %s does not exist",
+                     dir.c_str());
+    } else {
+      YULO_LOG_ALWAYS("cannot read monitor queue directory %s: %m",
+                      dir.c_str());
+    }
+    return names;
+  }
+  const int dfd = dirfd(d);
+  for (;;) {
+    errno = 0;
+    const struct dirent* entry = readdir(d);
+    if (entry == nullptr) {
+      if (errno != 0) {
+        YULO_LOG_ALWAYS("error reading monitor queue directory %s: %m",
+                        dir.c_str());
+      }
+      break;
+    }
+    if (!EndsWithConfSuffix(entry->d_name)) continue;
+    struct stat st;
+    if (fstatat(dfd, entry->d_name, &st, 0) != 0) {
+      YULO_LOG_ALWAYS("skipped monitor queue file %s/%s: cannot stat: %m",
+                      dir.c_str(), entry->d_name);
+      continue;
+    }
+    if (!S_ISREG(st.st_mode)) {
+      YULO_LOG_DEBUG("ignoring %s/%s: not a regular file", dir.c_str(),
+                     entry->d_name);
+      continue;
+    }
+    names.emplace_back(entry->d_name);
+  }
+  closedir(d);
+  // std::string compares through char_traits<char>, i.e. as unsigned bytes.
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace
+
+MonitorQueue::MonitorQueue(std::string queue_path,
+                           std::vector<MonitorQueueConfig> configs)
+    : queue_path_(std::move(queue_path)), configs_(std::move(configs)) {}
+
+MonitorQueue::MonitorQueueConfig MonitorQueue::MakeConfig(
+    const std::string& share, const std::string& share_path,
+    const std::string& dir, bool recursive, uint32_t events) {
+  MonitorQueueConfig config;
+  config.share = share;
+  config.dir = dir;
+  config.recursive = recursive;
+  config.events = events;
+  std::string normalized;
+  if (!NormalizeAbsolutePath(share_path, &normalized)) {
+    // Kept as given for the log lines; `directory` stays empty and the
+    // monitor matches nothing.
+    config.share_path = share_path;
+    return config;
+  }
+  config.share_path = std::move(normalized);
+  // `dir` is taken relative to the share root whether or not it starts
+  // with "/". Left empty (matching nothing) on a ".." component.
+  if (!NormalizeAbsolutePath(config.share_path + "/" + dir,
+                             &config.directory)) {
+    config.directory.clear();
+  }
+  return config;
+}
+
+std::string MonitorQueue::GetConfDir(_tag_monitor_queue_type_ type) {
+  return GetConfDir(type, YULOTIFYD_CONF_DIR);
+}
+
+std::string MonitorQueue::GetConfDir(_tag_monitor_queue_type_ type,
+                                     const std::string& conf_root) {
+  const char* sub;
+  switch (static_cast<int>(type)) {
+    case MONITOR_QUEUE_TYPE_SYSTEM:
+      sub = "system.d";
+      break;
+    case MONITOR_QUEUE_TYPE_APP:
+      sub = "app.d";
+      break;
+    case MONITOR_QUEUE_TYPE_USER:
+      sub = "user.d";
+      break;
+    default:
+      return std::string();
+  }
+  std::string dir = conf_root;
+  if (dir.empty() || dir.back() != '/') dir += '/';
+  dir += sub;
+  return dir;
+}
+
+bool MonitorQueue::ResolveSharePath(const std::string& share_name,
+                                    std::string* path) {
+  if (share_name.empty() || HasNul(share_name)) return false;
+  char buf[kSharePathBufSize];
+  buf[0] = '\0';
+  if (YULOSharePathGet(share_name.c_str(), buf, sizeof(buf)) != 0) {
+    return false;
+  }
+  buf[sizeof(buf) - 1] = '\0';
+  if (path != nullptr) *path = buf;
+  return true;
+}
+
+int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues) {
+  return LoadAll(queues, YULOTIFYD_CONF_DIR, &MonitorQueue::ResolveSharePath);
+}
+
+int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues,
+                          const std::string& conf_root,
+                          const ShareResolver& resolve) {
+  std::vector<MonitorQueue> loaded;
+  static constexpr _tag_monitor_queue_type_ kTypes[] = {
+      MONITOR_QUEUE_TYPE_SYSTEM, MONITOR_QUEUE_TYPE_APP,
+      MONITOR_QUEUE_TYPE_USER};
+  for (const _tag_monitor_queue_type_ type : kTypes) {
+    const std::string dir = GetConfDir(type, conf_root);
+    for (const std::string& name : ListConfFiles(dir)) {
+      const std::string file = dir + "/" + name;
+      MonitorQueue queue;
+      std::string reason;
+      if (LoadFile(file, resolve, &queue, &reason)) {
+        YULO_LOG_DEBUG("loaded monitor queue file %s: queue %s, %zu monitors",
+                       file.c_str(), queue.GetQueuePath().c_str(),
+                       queue.GetConfigs().size());
+        loaded.push_back(std::move(queue));
+      } else {
+        YULO_LOG_ALWAYS("skipped monitor queue file %s: %s", file.c_str(),
+                        reason.c_str());
+      }
+    }
+  }
+  // Built aside and swapped in, so `queues` is never seen half filled by
+  // anyone holding the same lock as our caller.
+  queues.swap(loaded);
+  YULO_LOG_INFO("loaded %zu monitor queues from %s", queues.size(),
+                conf_root.c_str());
+  return static_cast<int>(queues.size());
+}
+
+bool MonitorQueue::LoadFile(const std::string& file,
+                            const ShareResolver& resolve, MonitorQueue* out,
+                            std::string* reason) {
+  std::string why;
+  bool ok = false;
+  // JsonCpp throws on deep nesting and on conversions we did not guard;
+  // whatever a file holds, it costs at most that file.
+  try {
+    ok = LoadFileUnguarded(file, resolve, out, &why);
+  } catch (const std::exception& e) {
+    why = std::string("unexpected error: ") + e.what();
+    ok = false;
+  } catch (...) {
+    why = "unexpected error";
+    ok = false;
+  }
+  if (!ok && reason != nullptr) *reason = why;
+  return ok;
+}
+
+std::set<std::string> MonitorQueue::GetShareSet(
+    const std::vector<MonitorQueue>& queues) {
+  std::set<std::string> shares;
+  for (const MonitorQueue& queue : queues) queue.CollectShareSet(shares);
+  return shares;
+}
+
+bool MonitorQueue::IsDirMonitoring(const std::vector<MonitorQueue>& queues,
+                                   const std::string& path) {
+  for (const MonitorQueue& queue : queues) {
+    if (queue.IsDirMonitoring(path)) return true;
+  }
+  return false;
+}
+
+bool MonitorQueue::IsDirMonitoring(const std::string& path) const {
+  const std::string_view dir = StripTrailingSlashes(path);
+  if (dir.empty()) return false;
+  for (const MonitorQueueConfig& config : configs_) {
+    if (config.directory.empty()) continue;  // matches nothing
+    if (PathAtOrBelow(dir, config.share_path, true)) return true;
+  }
+  return false;
+}
+
+bool MonitorQueue::IsMonitoring(const std::string& path,
+                                const uint32_t& mask) {
+  for (const MonitorQueueConfig& config : configs_) {
+    if ((config.events & mask) == 0) continue;
+    if (PathAtOrBelow(config.directory, path, config.recursive)) return true;
+  }
+  return false;
+}
+
+uint32_t MonitorQueue::GetUnionMask(const std::string& mount_point) const {
+  const std::string_view mount = StripTrailingSlashes(mount_point);
+  if (mount.empty()) return 0;
+  uint32_t bits = 0;
+  for (const MonitorQueueConfig& config : configs_) {
+    if (config.directory.empty()) continue;
+    // Strictly below the mount point; the mount point itself is not a share.
+    if (config.share_path == mount) continue;
+    if (!PathAtOrBelow(mount, config.share_path, true)) continue;
+    bits |= KernelBitsFor(config.events);
+  }
+  return bits;
+}
+
+void MonitorQueue::CollectShareSet(std::set<std::string>& shares) const {
+  for (const MonitorQueueConfig& config : configs_) {
+    // A monitor that matches nothing (see MakeConfig) has no usable share.
+    if (!config.directory.empty()) shares.insert(config.share_path);
+  }
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
