@@ -1,0 +1,72 @@
+"""pytest wiring of the end-to-end harness (see harness.py and README.md)."""
+
+import os
+import shutil
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+import harness  # noqa: E402
+
+
+def pytest_addoption(parser):
+    parser.addoption(
+        "--prefix", action="store", default=None,
+        help="install prefix of the yulotifyd under test "
+             "(default: $YULOTIFYD_PREFIX)")
+
+
+@pytest.fixture(scope="session")
+def yulotifyd_prefix(pytestconfig) -> Path:
+    """The install prefix under test; fails every test clearly if there is
+    no usable installation or the machine cannot run the harness."""
+    problems = []
+    if os.geteuid() != 0:
+        problems.append("the end-to-end tests must run as root "
+                        "(they create mount namespaces)")
+    for tool in ("unshare", "nsenter", "mount"):
+        if shutil.which(tool) is None:
+            problems.append("%s (util-linux) is not installed" % tool)
+    try:
+        prefix = harness.find_prefix(pytestconfig.getoption("--prefix"))
+        harness.daemon_binary(prefix)
+    except harness.HarnessError as e:
+        problems.append(str(e))
+        prefix = None
+    if problems:
+        pytest.fail("cannot run end-to-end tests:\n  " + "\n  ".join(problems),
+                    pytrace=False)
+    return prefix
+
+
+@pytest.fixture
+def make_appliance(tmp_path, yulotifyd_prefix):
+    """Factory of Appliances in this test's temporary directory; every one
+    is stopped when the test ends, whatever its outcome."""
+    created = []
+
+    def factory(**kwargs) -> harness.Appliance:
+        kwargs.setdefault("prefix", yulotifyd_prefix)
+        appliance = harness.Appliance(tmp_path / ("appliance%d" % len(created)),
+                                      **kwargs)
+        created.append(appliance)
+        return appliance
+
+    yield factory
+    errors = []
+    for appliance in created:
+        try:
+            appliance.stop()
+        except Exception as e:  # keep cleaning the others
+            errors.append(e)
+    if errors:
+        raise errors[0]
+
+
+@pytest.fixture
+def appliance(make_appliance) -> harness.Appliance:
+    """One unstarted appliance running the installed yulotifyd."""
+    return make_appliance()
