@@ -1,8 +1,12 @@
 #include "volume/volume_manager.h"
 
-#include <cstring>
-#include <memory>
+#include <sys/stat.h>
 
+#include <cstring>
+#include <new>
+
+#include "output/event_processor.h"
+#include "volume/event_receiver.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -13,37 +17,69 @@ namespace {
 constexpr int kShareEnumFlags = 0xA09;
 constexpr int kPathBufferSize = 4096;
 
+// Cookies of injected renames, shared by all volumes. Only the main thread
+// injects events, so it needs no lock.
+uint64_t g_push_cookie = 0;
+
 }  // namespace
 
 VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context)
-    : context_(context), queue_mutex_(), mutex_ready_(false) {
+    : context_(context),
+      processor_(nullptr),
+      receiver_(nullptr) {
   if (!Init(info)) {
-    if (mutex_ready_) pthread_mutex_destroy(&queue_mutex_);
+    // Nothing half-built outlives a failed start.
+    FreeThreads();
     throw -1;
   }
 }
 
 VolumeMgr::~VolumeMgr() {
-  if (mutex_ready_) pthread_mutex_destroy(&queue_mutex_);
+  // The processor goes first, so nothing drains the queue while the receiver
+  // may still fill it; what is left in the queue is discarded.
+  FreeThreads();
+}
+
+void VolumeMgr::FreeThreads() {
+  delete processor_;
+  processor_ = nullptr;
+  delete receiver_;
+  receiver_ = nullptr;
 }
 
 bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   mount_point_ = info->mount_point;
-  if (pthread_mutex_init(&queue_mutex_, nullptr) != 0) {
-    YULO_LOG_ALWAYS("pthread_mutex_init failed");
+  ListShares(mount_point_);
+
+  uint32_t mask = 0;
+  for (const MonitorQueue& queue : GetMonitorQueues()) {
+    mask |= queue.GetUnionMask(mount_point_);
+  }
+  // Access, open and close-without-write are never asked of the kernel.
+  try {
+    receiver_ = new EventReceiver(mask & kKernelMaskBits, this);
+  } catch (...) {
+    receiver_ = nullptr;
+  }
+  if (receiver_ == nullptr || !receiver_->Start()) {
+    YULO_LOG_ALWAYS("Failed to run EventReceiver");
     return false;
   }
-  mutex_ready_ = true;
-  ListShares(mount_point_);
-  // This build has no event receiver yet: the kernel watches and the
-  // per-volume threads come with the event pipeline. Without a receiver the
-  // volume cannot be watched, so the manager is not created.
-  YULO_LOG_ALWAYS("Failed to run EventReceiver");
-  return false;
+  try {
+    processor_ = new EventProcessor(this);
+  } catch (...) {
+    processor_ = nullptr;
+  }
+  if (processor_ == nullptr || !processor_->Start()) {
+    YULO_LOG_ALWAYS("Failed to run EventProcessor");
+    return false;
+  }
+  return true;
 }
 
 void VolumeMgr::ListShares(std::string prefix) {
-  // The trailing "/" keeps /vol1 from claiming the shares of /vol10.
+  // The trailing "/" keeps /vol1 from claiming the shares of /vol10, and the
+  // volume's root from counting as a share.
   if (prefix.empty() || prefix.back() != '/') prefix += '/';
   PYULO_SZ_LIST list = YULOSzListAlloc(1024);
   if (list == nullptr) {
@@ -67,13 +103,98 @@ void VolumeMgr::ListShares(std::string prefix) {
   YULOSzListFree(list);
 }
 
-bool VolumeMgr::PushEvent(uint32_t, const std::string&, const std::string&) {
-  // Reached only on a constructed manager, which this build never has.
+bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
+  if (queue_.Push(event)) return true;
+  YULO_LOG_ALWAYS("Event queue is full");
   return false;
 }
 
+void VolumeMgr::GetEvents(std::list<NotifyEvent>& out) { queue_.TakeAll(out); }
+
+std::string VolumeMgr::FindShareRoot(
+    const std::vector<std::string>& share_paths, const std::string& path) {
+  // Deliberately a plain prefix test without a "/" boundary, in list order.
+  for (const std::string& share : share_paths) {
+    if (path.compare(0, share.size(), share) == 0) return share;
+  }
+  return std::string();
+}
+
+NotifyEvent VolumeMgr::BuildRecord(uint32_t mask, bool is_dir,
+                                   const std::string& path,
+                                   const std::string& root) {
+  NotifyEvent record;
+  record.mask = is_dir ? (mask | YULO_ISDIR) : mask;
+  record.cookie = 0;
+  record.root = -1;
+  record.watch = root;
+  record.path = path.substr(std::min(root.size(), path.size()));
+  return record;
+}
+
+uint32_t VolumeMgr::ConvertType(uint32_t type, bool is_dir) {
+  uint32_t mask = type & 0x3f;
+  if (type & QUEUE_EVENT_CREATE) mask |= YULO_CREATE;
+  if (type & QUEUE_EVENT_DELETE) mask |= YULO_DELETE;
+  if (type & QUEUE_EVENT_RESCAN) mask |= YULO_RESCAN;
+  if (is_dir) mask |= YULO_ISDIR;
+  return mask;
+}
+
+bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
+                          const std::string& path_old) {
+  std::vector<NotifyEvent> records;
+  const bool offered = BuildInjected(type, path, path_old, share_paths_,
+                                     mount_point_, &g_push_cookie, &records);
+  // A push that fails is logged by the queue; the injection still counts.
+  for (const NotifyEvent& record : records) EnqueueEvent(record);
+  return offered;
+}
+
+bool VolumeMgr::BuildInjected(uint32_t type, const std::string& path,
+                              const std::string& path_old,
+                              const std::vector<std::string>& share_paths,
+                              const std::string& mount_point,
+                              uint64_t* cookie,
+                              std::vector<NotifyEvent>* out) {
+  const std::string root = FindShareRoot(share_paths, path);
+  const std::string root_old = FindShareRoot(share_paths, path_old);
+  if (root.empty() && root_old.empty()) return false;
+  // An event for a path that no longer exists is dropped silently.
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return false;
+  bool is_dir = S_ISDIR(st.st_mode);
+  YULO_LOG_DEBUG("Volume: %s push event: %d, Path: %s, OldPath: %s",
+                 mount_point.c_str(), static_cast<int>(type), path.c_str(),
+                 path_old.c_str());
+  if (type & QUEUE_EVENT_MOVE) {
+    if (root == root_old) {
+      const uint32_t shared = static_cast<uint32_t>(++*cookie);
+      out->push_back(BuildRecord(YULO_MOVE_FROM, is_dir, path_old, root_old));
+      out->back().cookie = shared;
+      out->push_back(BuildRecord(YULO_MOVE_TO, is_dir, path, root));
+      out->back().cookie = shared;
+      return true;
+    }
+    // Across share roots the rename is a creation here and a deletion there.
+    if (!root.empty() && lstat(path.c_str(), &st) == 0) {
+      is_dir = S_ISDIR(st.st_mode);
+      out->push_back(BuildRecord(YULO_CREATE, is_dir, path, root));
+    }
+    if (!root_old.empty()) {
+      out->push_back(BuildRecord(YULO_DELETE, is_dir, path_old, root_old));
+    }
+    return true;
+  }
+  if (root.empty()) return false;
+  out->push_back(BuildRecord(ConvertType(type, false), is_dir, path, root));
+  return true;
+}
+
 void VolumeMgr::MountShare(const std::string& share_name) {
-  share_paths_.push_back(mount_point_ + "/" + share_name);
+  const std::string path = mount_point_ + "/" + share_name;
+  share_paths_.push_back(path);
+  receiver_->PostCommand(ReceiverCommand::kMountShare, path);
 }
 
 void VolumeMgr::UmountShare(const std::string& share_name) {
@@ -84,14 +205,34 @@ void VolumeMgr::UmountShare(const std::string& share_name) {
       break;
     }
   }
+  receiver_->PostCommand(ReceiverCommand::kUmountShare, path);
 }
 
 void VolumeMgr::ReloadWatches() {
-  // No receiver: acknowledge at once so a reload never waits for us.
-  context_->PostReloadSemaphore();
+  receiver_->PostCommand(ReceiverCommand::kReloadAll, std::string());
 }
 
-void VolumeMgr::NotifyProcessor() {}
+void VolumeMgr::NotifyProcessor() {
+  processor_->DoAction(&EventProcessor::FetchAction, nullptr);
+}
+
+std::vector<MonitorQueue> VolumeMgr::GetMonitorQueues() {
+  if (context_ == nullptr) return std::vector<MonitorQueue>();
+  return context_->GetMonitorQueues();
+}
+
+void VolumeMgr::WatchesReady() {
+  if (context_ != nullptr) context_->PostReloadSemaphore();
+}
+
+bool VolumeMgr::IsInitStart() {
+  return context_ != nullptr && context_->GetRunStatus() == RUN_STATUS_INIT;
+}
+
+bool VolumeMgr::IsRecovery() {
+  return context_ != nullptr &&
+         context_->GetRunStatus() == RUN_STATUS_RECOVERY;
+}
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

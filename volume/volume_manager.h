@@ -1,37 +1,60 @@
-// VolumeMgr: one watched data volume: its share list, its event queue and,
-// once the event pipeline is built in, its receiver and processor threads.
+// VolumeMgr: one watched data volume.
 //
-// Ownership: created and deleted by the daemon core on its main thread; holds
-// a non-owning pointer to the VolumeContext, which outlives it.
-// Thread-safety: the share list and the command entry points (MountShare,
-// UmountShare, ReloadWatches, NotifyProcessor) belong to the main thread.
+// It owns the volume's two worker threads (the EventReceiver, which reads the
+// kernel and fills the event queue, and the EventProcessor, which drains it
+// into the queue files), the event queue between them, and the list of
+// shares on the volume. The daemon core reaches the threads only through it:
+// share mount and unmount, re-adding all watches after a reload, and events
+// injected by other services.
+//
+// Ownership: created and deleted by the daemon core; owns its receiver,
+// processor and queued events; `context` is not owned and outlives it.
+// Thread-safety: the event queue is guarded by its own (leaf) mutex. The
+// share list and PushEvent, MountShare, UmountShare, ReloadWatches and
+// NotifyProcessor belong to the daemon's main thread.
 #ifndef YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
-#include <pthread.h>
-
 #include <cstdint>
+#include <list>
 #include <string>
 #include <vector>
 
+#include "notify/notify_event.h"
+#include "output/event_source.h"
+#include "volume/event_queue.h"
+#include "volume/receiver_owner.h"
 #include "volume/volume_context.h"
 #include "yulo_platform.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 
-class VolumeMgr {
+class EventProcessor;
+class EventReceiver;
+
+class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
-  // Sets the volume up from its information record. Throws the integer -1,
-  // after logging why, when the volume cannot be watched.
+  // The kernel event bits a volume ever asks for: modify, attrib,
+  // close-write, both move halves, create and delete.
+  static constexpr uint32_t kKernelMaskBits = 0x3ce;
+
+  // Sets the volume up from its information record and starts its threads.
+  // Throws the integer -1, after logging why, when that fails.
   VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context);
-  virtual ~VolumeMgr();
+  ~VolumeMgr() override;
 
   VolumeMgr(const VolumeMgr&) = delete;
   VolumeMgr& operator=(const VolumeMgr&) = delete;
 
-  // Injects an event reported by another service (queue event code `type`,
-  // path, old path of a rename). True when a record was offered to the queue.
+  // Queue (ReceiverOwner / EventSource).
+  bool EnqueueEvent(const NotifyEvent& event) override;
+  void GetEvents(std::list<NotifyEvent>& out) override;
+  size_t QueuedEvents() { return queue_.Size(); }
+
+  // Injects an event reported by another service: queue event code `type`,
+  // its path and, for a rename (256), the old path. True when a record was
+  // offered to the queue.
   bool PushEvent(uint32_t type, const std::string& path,
                  const std::string& path_old);
   void MountShare(const std::string& share_name);
@@ -41,20 +64,45 @@ class VolumeMgr {
   // Has the processor take the events queued so far.
   void NotifyProcessor();
 
-  const std::string& GetMountPoint() const { return mount_point_; }
+  std::vector<MonitorQueue> GetMonitorQueues() override;
+  void WatchesReady() override;
+  bool IsInitStart();
+  bool IsRecovery() override;
+  const std::string& GetMountPoint() const override { return mount_point_; }
   const std::vector<std::string>& GetSharePaths() const {
     return share_paths_;
   }
 
+  // Queue event code `type` (as written in queue lines) -> kernel mask bits.
+  static uint32_t ConvertType(uint32_t type, bool is_dir);
+
+  // The records an injected event becomes, in the form the kernel would
+  // have produced them, appended to `out`: `type`, `path` and `path_old` as
+  // for PushEvent, `share_paths` the volume's shares in list order. Returns
+  // PushEvent's result. `cookie` is the counter of injected renames.
+  static bool BuildInjected(uint32_t type, const std::string& path,
+                            const std::string& path_old,
+                            const std::vector<std::string>& share_paths,
+                            const std::string& mount_point, uint64_t* cookie,
+                            std::vector<NotifyEvent>* out);
+
  private:
   bool Init(const YULO_VOLUME_INFO* info);
   void ListShares(std::string prefix);
+  void FreeThreads();
+  // The first of `share_paths` that `path` begins with; "" when none.
+  static std::string FindShareRoot(const std::vector<std::string>& share_paths,
+                                   const std::string& path);
+  static NotifyEvent BuildRecord(uint32_t mask, bool is_dir,
+                                 const std::string& path,
+                                 const std::string& root);
 
   std::string mount_point_;
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
-  pthread_mutex_t queue_mutex_;
-  bool mutex_ready_;
+  EventProcessor* processor_;
+  EventReceiver* receiver_;
+  EventQueue queue_;
 };
 
 }  // namespace YULOTIFYD

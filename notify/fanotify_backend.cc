@@ -1,0 +1,313 @@
+#include "notify/fanotify_backend.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+// Kernel reads per Read call while every event read so far was dropped, so
+// that a stream of unwanted events cannot hold the caller for long.
+constexpr int kMaxReadsPerCall = 8;
+// A fanotify event of this group is far smaller than this; a read that left
+// less room than this in the staging buffer probably left events behind.
+constexpr size_t kLargeEvent = 1024;
+
+uint64_t FsidKey(const struct statfs& sfs) {
+  int32_t val[2];
+  static_assert(sizeof(sfs.f_fsid) == sizeof(val), "fsid is two ints");
+  std::memcpy(val, &sfs.f_fsid, sizeof(val));
+  return static_cast<uint32_t>(val[0]) |
+         (static_cast<uint64_t>(static_cast<uint32_t>(val[1])) << 32);
+}
+
+// The path of the object behind `fd`, as the kernel prints it. False with
+// errno when it cannot be read or does not fit PATH_MAX.
+bool ReadFdPath(int fd, std::string* path) {
+  char link[64];
+  std::snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+  char buf[PATH_MAX + 1];
+  const ssize_t n = ::readlink(link, buf, sizeof(buf));
+  if (n < 0) return false;
+  if (static_cast<size_t>(n) >= sizeof(buf)) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  path->assign(buf, static_cast<size_t>(n));
+  return true;
+}
+
+}  // namespace
+
+FanotifyBackend::FanotifyBackend() : FanotifyBackend(Options()) {}
+
+FanotifyBackend::FanotifyBackend(const Options& options)
+    : options_(options), translator_(this) {
+  switch (options_.move_events) {
+    case MoveEvents::kAuto:
+      break;
+    case MoveEvents::kRename:
+      move_mode_known_ = true;
+      break;
+    case MoveEvents::kHalves:
+      rename_events_ = false;
+      move_mode_known_ = true;
+      break;
+  }
+  if (options_.staging_bytes < 4 * kLargeEvent) {
+    options_.staging_bytes = 4 * kLargeEvent;
+  }
+}
+
+FanotifyBackend::~FanotifyBackend() = default;
+
+bool FanotifyBackend::OwnDescriptor(int fd) const {
+  return fd_.Valid() && fd == fd_.Get();
+}
+
+int FanotifyBackend::Init() {
+  if (fd_.Valid()) {
+    errno = EBUSY;
+    return -1;
+  }
+  // FAN_UNLIMITED_MARKS needs CAP_SYS_ADMIN, as file-system marks do: asking
+  // for it makes a process that could never add a watch fail here, at init,
+  // instead of at every AddWatch. We add a handful of marks at most.
+  const int fd =
+      ::fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_CLOEXEC |
+                          FAN_NONBLOCK | FAN_UNLIMITED_MARKS,
+                      O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+  if (fd < 0) return -1;
+  fd_.Reset(fd);
+  staging_.assign(options_.staging_bytes, 0);
+  staged_begin_ = staged_end_ = 0;
+  return fd;
+}
+
+int FanotifyBackend::Mark(unsigned int flags, const MountWatch& watch,
+                          const std::string& mount_point, uint64_t mask) {
+  // Through the descriptor opened at AddWatch, so that the mark lands on
+  // the same file system even if something was mounted over it meanwhile.
+  if (watch.is_dir) {
+    return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask,
+                           watch.fd.Get(), ".");
+  }
+  return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                         mount_point.c_str());
+}
+
+int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
+                              uint32_t mask) {
+  if (!OwnDescriptor(fd)) {
+    errno = EBADF;
+    return -1;
+  }
+  // open_by_handle_at wants a real open descriptor on the file system (an
+  // O_PATH one is refused). It is opened before the mark is placed, so that
+  // opening it raises no event of its own.
+  MountWatch watch;
+  watch.fd.Reset(RetryOnEintr([&] {
+    return ::open(mount_point.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  }));
+  if (!watch.fd.Valid()) return -1;
+  struct stat st;
+  struct statfs sfs;
+  if (::fstat(watch.fd.Get(), &st) != 0 ||
+      RetryOnEintr([&] { return ::fstatfs(watch.fd.Get(), &sfs); }) != 0 ||
+      !ReadFdPath(watch.fd.Get(), &watch.root)) {
+    return -1;
+  }
+  watch.fsid = FsidKey(sfs);
+  watch.is_dir = S_ISDIR(st.st_mode);
+  watch.order = next_order_++;
+
+  const uint32_t wanted = event_mask_ | mask;
+  uint64_t kernel_mask = FanotifyMarkMask(wanted, rename_events_);
+  int r = Mark(FAN_MARK_ADD, watch, mount_point, kernel_mask);
+  if (r != 0 && errno == EINVAL && !move_mode_known_) {
+    // No FAN_RENAME before Linux 5.17: fall back to the two halves.
+    const uint64_t halves = FanotifyMarkMask(wanted, false);
+    r = Mark(FAN_MARK_ADD, watch, mount_point, halves);
+    if (r == 0) {
+      rename_events_ = false;
+      kernel_mask = halves;
+    }
+  }
+  if (r != 0) return -1;
+  move_mode_known_ = true;
+
+  fs_masks_[watch.fsid] |= kernel_mask;
+  event_mask_ = wanted;
+  translator_.SetEventMask(event_mask_);
+  watches_.erase(mount_point);  // a repeated add replaces the old entry
+  watches_.emplace(mount_point, std::move(watch));
+  translator_.ForgetPaths();  // paths may now resolve through another mount
+  return 0;
+}
+
+int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
+                                 uint32_t /*mask*/) {
+  if (!OwnDescriptor(fd)) {
+    errno = EBADF;
+    return -1;
+  }
+  const auto it = watches_.find(mount_point);
+  if (it == watches_.end()) {
+    errno = ENOENT;
+    return -1;
+  }
+  const uint64_t fsid = it->second.fsid;
+  bool shared = false;
+  for (const auto& entry : watches_) {
+    if (entry.first != mount_point && entry.second.fsid == fsid) {
+      shared = true;
+      break;
+    }
+  }
+  int r = 0;
+  int err = 0;
+  if (!shared) {
+    // The file system is marked once for all its watched mount points; the
+    // mark goes with the last of them.
+    const auto mask = fs_masks_.find(fsid);
+    if (mask != fs_masks_.end()) {
+      r = Mark(FAN_MARK_REMOVE, it->second, mount_point, mask->second);
+      err = errno;
+      fs_masks_.erase(mask);
+    }
+  }
+  watches_.erase(it);
+  translator_.ForgetPaths();
+  if (r != 0) {
+    errno = err;
+    return -1;
+  }
+  return 0;
+}
+
+int FanotifyBackend::WaitReadable(int fd, const struct timeval& timeout,
+                                  bool* readable) {
+  if (OwnDescriptor(fd) && staged_begin_ < staged_end_) {
+    *readable = true;
+    return 1;
+  }
+  return WaitFdReadable(fd, timeout, readable);
+}
+
+ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
+  if (!OwnDescriptor(fd)) {
+    errno = EBADF;
+    return -1;
+  }
+  uint8_t* out = static_cast<uint8_t*>(buffer);
+  size_t produced = 0;
+  bool last_read_full = false;
+  for (int reads = 0;;) {
+    if (staged_begin_ < staged_end_) {
+      size_t written = 0;
+      const size_t used = translator_.Translate(
+          staging_.data() + staged_begin_, staged_end_ - staged_begin_,
+          out + produced, capacity - produced, &written);
+      staged_begin_ += used;
+      produced += written;
+      if (staged_begin_ < staged_end_) {
+        // The caller's buffer is full; the rest waits for the next Read.
+        if (produced == 0 && used == 0) {
+          errno = EINVAL;  // too small for even one event's records
+          return -1;
+        }
+        return static_cast<ssize_t>(produced);
+      }
+    }
+    // Everything read is translated. Read on only when all of it was
+    // dropped, or when the kernel probably holds more and there is room.
+    if ((produced > 0 && !last_read_full) || reads == kMaxReadsPerCall) {
+      return static_cast<ssize_t>(produced);
+    }
+    const ssize_t n = RetryOnEintr(
+        [&] { return ::read(fd_.Get(), staging_.data(), staging_.size()); });
+    ++reads;
+    if (n < 0) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK || produced > 0) {
+        return static_cast<ssize_t>(produced);
+      }
+      return -1;
+    }
+    if (n == 0) return static_cast<ssize_t>(produced);
+    staged_begin_ = 0;
+    staged_end_ = static_cast<size_t>(n);
+    last_read_full = staging_.size() - staged_end_ < kLargeEvent;
+  }
+}
+
+const std::pair<const std::string, FanotifyBackend::MountWatch>*
+FanotifyBackend::Resolver(uint64_t fsid) {
+  const std::pair<const std::string, MountWatch>* best = nullptr;
+  for (const auto& entry : watches_) {
+    if (entry.second.fsid == fsid &&
+        (best == nullptr || entry.second.order < best->second.order)) {
+      best = &entry;
+    }
+  }
+  return best;
+}
+
+int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
+  const auto* watch = Resolver(dir.fsid);
+  if (watch == nullptr) return ESTALE;  // no watched mount point left there
+  if (dir.size > MAX_HANDLE_SZ) return EINVAL;
+
+  alignas(struct file_handle)
+      uint8_t storage[sizeof(struct file_handle) + MAX_HANDLE_SZ];
+  struct file_handle* handle = reinterpret_cast<struct file_handle*>(storage);
+  handle->handle_bytes = dir.size;
+  handle->handle_type = dir.type;
+  std::memcpy(handle->f_handle, dir.bytes, dir.size);
+
+  // O_PATH: opening and closing the directory raises no events.
+  UniqueFd dir_fd(RetryOnEintr([&] {
+    return ::open_by_handle_at(watch->second.fd.Get(), handle,
+                               O_PATH | O_CLOEXEC);
+  }));
+  if (!dir_fd.Valid()) return errno;
+  std::string real;
+  if (!ReadFdPath(dir_fd.Get(), &real)) return errno;
+  // Checked after reading the path: a directory removed before or during
+  // the read is refused, never reported under a " (deleted)" name.
+  struct stat st;
+  if (::fstat(dir_fd.Get(), &st) != 0) return errno;
+  if (st.st_nlink == 0) return ENOENT;
+
+  // Re-spell the path under the mount point string the caller watches.
+  const std::string& root = watch->second.root;
+  size_t rest;
+  if (real == root) {
+    rest = real.size();
+  } else if (root == "/" && !real.empty() && real[0] == '/') {
+    rest = 1;
+  } else if (real.size() > root.size() &&
+             real.compare(0, root.size(), root) == 0 &&
+             real[root.size()] == '/') {
+    rest = root.size() + 1;
+  } else {
+    return EXDEV;  // not reachable through the watched mount point
+  }
+  path->assign(watch->first);
+  if (rest < real.size()) {
+    if (path->empty() || path->back() != '/') path->push_back('/');
+    path->append(real, rest, std::string::npos);
+  }
+  return 0;
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,116 @@
+// FanotifyBackend: the appliance notification protocol on stock Linux.
+//
+// Used when the appliance calls do not exist (see OpenKernelBackend). It
+// emulates them so that nothing above the backend can tell the difference:
+//
+//   Init         fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME ...);
+//                the descriptor is the fanotify descriptor, so waiting on it
+//                with select or poll works unchanged
+//   AddWatch     one FAN_MARK_FILESYSTEM mark for the mount point's file
+//                system (a file system mounted at several watched places is
+//                marked, and reported, once)
+//   RemoveWatch  removes that mark when no watched mount point is left on
+//                the file system
+//   Read         packed RawNotifyRecords with full paths, never a record
+//                split across two reads (see FanotifyTranslator)
+//
+// Full paths: the directory handle of each event is opened with
+// open_by_handle_at(O_PATH) against a descriptor of the watched mount point
+// (O_PATH opens raise no events of their own) and its path read back from
+// /proc/self/fd; answers are cached per directory. Paths are spelt under the
+// mount point string given to AddWatch.
+//
+// Requirements: CAP_SYS_ADMIN (file-system marks; Init fails with EPERM
+// without it, leaving the caller inert), CAP_DAC_READ_SEARCH
+// (open_by_handle_at), /proc, Linux 5.9 (FAN_REPORT_DFID_NAME). FAN_RENAME,
+// which pairs the two names of a move, needs Linux 5.17; on older kernels
+// moves come as unpaired halves (see FanotifyTranslator).
+//
+// Ownership: owns the fanotify descriptor and one read-only descriptor per
+// watched mount point (opened before its mark is placed); all are closed on
+// destruction.
+// Thread-safety: none (see NotifyBackend).
+#ifndef YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
+#define YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "notify/fanotify_translator.h"
+#include "notify/notify_backend.h"
+#include "notify/unique_fd.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+class FanotifyBackend : public NotifyBackend, private DirResolver {
+ public:
+  enum class MoveEvents {
+    kAuto,    // FAN_RENAME when the kernel has it, else the halves
+    kRename,  // FAN_RENAME only
+    kHalves,  // FAN_MOVED_FROM / FAN_MOVED_TO only (what old kernels give)
+  };
+
+  struct Options {
+    MoveEvents move_events = MoveEvents::kAuto;
+    // fanotify events read at once; translated records must fit the
+    // caller's buffer, and what does not fit waits for the next Read.
+    size_t staging_bytes = 128 * 1024;
+  };
+
+  FanotifyBackend();
+  explicit FanotifyBackend(const Options& options);
+  ~FanotifyBackend() override;
+
+  const char* Name() const override { return "fanotify"; }
+  int Init() override;
+  int AddWatch(int fd, const std::string& mount_point, uint32_t mask) override;
+  int RemoveWatch(int fd, const std::string& mount_point,
+                  uint32_t mask) override;
+  // Reports readable at once, without a system call, while events read from
+  // the kernel are still waiting to be translated.
+  int WaitReadable(int fd, const struct timeval& timeout,
+                   bool* readable) override;
+  ssize_t Read(int fd, void* buffer, size_t capacity) override;
+
+  // Whether moves are reported with FAN_RENAME (known after the first
+  // successful AddWatch in kAuto mode).
+  bool rename_events() const { return rename_events_; }
+  const FanotifyTranslator& translator() const { return translator_; }
+
+ private:
+  struct MountWatch {
+    uint64_t fsid = 0;
+    uint64_t order = 0;  // AddWatch sequence, oldest resolves paths
+    UniqueFd fd;         // read-only descriptor of the mount point
+    std::string root;    // its path as the kernel prints it
+    bool is_dir = false;
+  };
+
+  int ResolveDir(const DirHandle& dir, std::string* path) override;
+  int Mark(unsigned int flags, const MountWatch& watch,
+           const std::string& mount_point, uint64_t mask);
+  bool OwnDescriptor(int fd) const;
+  // The watch through which paths on `fsid` are resolved, or null.
+  const std::pair<const std::string, MountWatch>* Resolver(uint64_t fsid);
+
+  Options options_;
+  UniqueFd fd_;
+  bool rename_events_ = true;
+  bool move_mode_known_ = false;
+  uint32_t event_mask_ = 0;
+  uint64_t next_order_ = 0;
+  std::map<std::string, MountWatch> watches_;  // by mount point string
+  std::map<uint64_t, uint64_t> fs_masks_;      // fsid -> marked kernel mask
+  std::vector<uint8_t> staging_;
+  size_t staged_begin_ = 0;
+  size_t staged_end_ = 0;
+  FanotifyTranslator translator_;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_

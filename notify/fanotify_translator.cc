@@ -1,0 +1,240 @@
+#include "notify/fanotify_translator.h"
+
+#include <sys/fanotify.h>
+
+#include <cstring>
+
+#include "notify/notify_event.h"
+#include "notify/raw_record.h"
+#include "notify/unique_fd.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+// Bits that fanotify and the appliance define alike: access, modify,
+// attrib, close-write, close-nowrite, open, create, delete.
+constexpr uint32_t kSharedBits = 0x33f;
+constexpr uint32_t kMoveBits = YULO_MOVE_FROM | YULO_MOVE_TO;
+// The order in which the bits of a merged event are written out.
+constexpr uint32_t kSplitOrder[] = {
+    YULO_CREATE, YULO_MOVE_TO,     YULO_OPEN,          YULO_ACCESS,
+    YULO_MODIFY, YULO_ATTRIB,      YULO_CLOSE_WRITE,   YULO_CLOSE_NOWRITE,
+    YULO_MOVE_FROM, YULO_DELETE};
+
+static_assert(FAN_ACCESS == YULO_ACCESS && FAN_MODIFY == YULO_MODIFY &&
+                  FAN_ATTRIB == YULO_ATTRIB &&
+                  FAN_CLOSE_WRITE == YULO_CLOSE_WRITE &&
+                  FAN_CLOSE_NOWRITE == YULO_CLOSE_NOWRITE &&
+                  FAN_OPEN == YULO_OPEN && FAN_CREATE == YULO_CREATE &&
+                  FAN_DELETE == YULO_DELETE,
+              "shared event bits differ");
+
+// Layout of a fid info record: header (4), fsid (8), then a struct
+// file_handle: handle_bytes (4), handle_type (4), the handle, and for the
+// *_NAME types a NUL-terminated name.
+constexpr size_t kFidFsidOffset = 4;
+constexpr size_t kFidHandleOffset = 12;
+constexpr size_t kFidHandleBytesOffset = 20;
+
+bool ParseFidInfo(const uint8_t* info, size_t len, bool with_name,
+                  DirHandle* dir, std::string_view* name) {
+  if (len < kFidHandleBytesOffset) return false;
+  int32_t fsid_val[2];
+  std::memcpy(fsid_val, info + kFidFsidOffset, sizeof(fsid_val));
+  uint32_t handle_bytes;
+  int32_t handle_type;
+  std::memcpy(&handle_bytes, info + kFidHandleOffset, 4);
+  std::memcpy(&handle_type, info + kFidHandleOffset + 4, 4);
+  if (handle_bytes > len - kFidHandleBytesOffset) return false;
+  dir->fsid = static_cast<uint32_t>(fsid_val[0]) |
+              (static_cast<uint64_t>(static_cast<uint32_t>(fsid_val[1])) << 32);
+  dir->type = handle_type;
+  dir->bytes = info + kFidHandleBytesOffset;
+  dir->size = handle_bytes;
+  *name = std::string_view();
+  if (with_name) {
+    const char* start =
+        reinterpret_cast<const char*>(dir->bytes) + handle_bytes;
+    const size_t room = len - kFidHandleBytesOffset - handle_bytes;
+    *name = std::string_view(start, strnlen(start, room));
+  }
+  return true;
+}
+
+}  // namespace
+
+uint64_t FanotifyMarkMask(uint32_t yulo_mask, bool rename_events) {
+  uint64_t mask = (yulo_mask & kSharedBits) | FAN_ONDIR;
+  mask |= rename_events ? FAN_RENAME : (FAN_MOVED_FROM | FAN_MOVED_TO);
+  return mask;
+}
+
+FanotifyTranslator::FanotifyTranslator(DirResolver* resolver)
+    : resolver_(resolver) {}
+
+uint32_t FanotifyTranslator::NextCookie() {
+  if (++last_cookie_ == 0) ++last_cookie_;
+  return last_cookie_;
+}
+
+bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {
+  const std::string* dir =
+      cache_.Find(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size);
+  if (dir == nullptr) {
+    ++resolver_calls_;
+    const int err = resolver_->ResolveDir(info.dir, &dir_scratch_);
+    if (err != 0) {
+      ++dropped_events_;
+      if (LogGateOpen(LogGate::kDebug)) {
+        const std::string name(info.name);
+        LogWrite(__FILE__, __LINE__,
+                 "yulotify(%d): directory of the event cannot be resolved, "
+                 "skip event (%s): %s (%d)\n",
+                 __LINE__, name.c_str(), ErrnoText(err).c_str(), err);
+      }
+      return false;
+    }
+    cache_.Insert(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size,
+                  dir_scratch_);
+    dir = &dir_scratch_;
+  }
+  path->assign(*dir);
+  if (!info.name.empty() && info.name != ".") {
+    if (path->empty() || path->back() != '/') path->push_back('/');
+    path->append(info.name.data(), info.name.size());
+  }
+  return true;
+}
+
+size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
+                                        uint32_t metadata_len,
+                                        uint32_t event_len, uint8_t* out,
+                                        size_t room) {
+  if (fan_mask & FAN_Q_OVERFLOW) {
+    const size_t n = WriteRawRecord(out, room, YULO_Q_OVERFLOW, 0, "");
+    if (n == 0) return kNoRoom;
+    cache_.Clear();  // renames may have been lost with the other events
+    return n;
+  }
+
+  FidInfo plain, from, to;
+  for (size_t pos = metadata_len;
+       pos + sizeof(fanotify_event_info_header) <= event_len;) {
+    fanotify_event_info_header header;
+    std::memcpy(&header, event + pos, sizeof(header));
+    if (header.len < sizeof(header) || header.len > event_len - pos) break;
+    FidInfo* slot = nullptr;
+    bool with_name = true;
+    switch (header.info_type) {
+      case FAN_EVENT_INFO_TYPE_DFID_NAME:
+        slot = &plain;
+        break;
+      case FAN_EVENT_INFO_TYPE_DFID:
+        slot = &plain;
+        with_name = false;
+        break;
+      case FAN_EVENT_INFO_TYPE_OLD_DFID_NAME:
+        slot = &from;
+        break;
+      case FAN_EVENT_INFO_TYPE_NEW_DFID_NAME:
+        slot = &to;
+        break;
+      default:
+        break;
+    }
+    if (slot != nullptr && !slot->present) {
+      slot->present = ParseFidInfo(event + pos, header.len, with_name,
+                                   &slot->dir, &slot->name);
+    }
+    pos += header.len;
+  }
+
+  const bool is_dir = (fan_mask & FAN_ONDIR) != 0;
+  const uint32_t dir_flag = is_dir ? static_cast<uint32_t>(YULO_ISDIR) : 0u;
+  // A directory that moved takes every cached path below it along.
+  const bool dir_moved =
+      is_dir && (fan_mask & (FAN_RENAME | FAN_MOVED_FROM | FAN_MOVED_TO));
+
+  size_t size = 0;
+  if (fan_mask & FAN_RENAME) {
+    const bool want_from = (event_mask_ & YULO_MOVE_FROM) && from.present &&
+                           ResolvePath(from, &path_[0]);
+    const bool want_to = (event_mask_ & YULO_MOVE_TO) && to.present &&
+                         ResolvePath(to, &path_[1]);
+    size = (want_from ? RawRecordSize(path_[0]) : 0) +
+           (want_to ? RawRecordSize(path_[1]) : 0);
+    if (size > room) return kNoRoom;
+    if (want_from || want_to) {
+      const uint32_t cookie = NextCookie();
+      size_t n = 0;
+      if (want_from) {
+        n = WriteRawRecord(out, room, YULO_MOVE_FROM | dir_flag, cookie,
+                           path_[0]);
+      }
+      if (want_to) {
+        WriteRawRecord(out + n, room - n, YULO_MOVE_TO | dir_flag, cookie,
+                       path_[1]);
+      }
+    }
+  } else {
+    uint32_t bits = static_cast<uint32_t>(fan_mask) & kSharedBits;
+    if (fan_mask & FAN_MOVED_FROM) bits |= YULO_MOVE_FROM;
+    if (fan_mask & FAN_MOVED_TO) bits |= YULO_MOVE_TO;
+    bits &= event_mask_;
+    if (bits != 0 && plain.present && ResolvePath(plain, &path_[0])) {
+      // fanotify merges events on one object that are still unread into a
+      // single event. The appliance facility reports each change on its own,
+      // so a merged event becomes one record per type bit, in the order the
+      // changes happen to a file's life: appear, open, use, close, vanish.
+      size_t count = 0;
+      for (uint32_t bit : kSplitOrder) count += (bits & bit) ? 1 : 0;
+      size = count * RawRecordSize(path_[0]);
+      if (size > room) return kNoRoom;
+      size_t n = 0;
+      for (uint32_t bit : kSplitOrder) {
+        if ((bits & bit) == 0) continue;
+        const uint32_t cookie = (bit & kMoveBits) ? NextCookie() : 0;
+        n += WriteRawRecord(out + n, room - n, bit | dir_flag, cookie,
+                            path_[0]);
+      }
+    }
+  }
+  if (dir_moved) cache_.Clear();
+  return size;
+}
+
+size_t FanotifyTranslator::Translate(const uint8_t* events, size_t length,
+                                     uint8_t* out, size_t room,
+                                     size_t* written) {
+  size_t used = 0;
+  size_t produced = 0;
+  while (length - used >= FAN_EVENT_METADATA_LEN) {
+    fanotify_event_metadata meta;
+    std::memcpy(&meta, events + used, sizeof(meta));
+    if (meta.vers != FANOTIFY_METADATA_VERSION ||
+        meta.event_len < FAN_EVENT_METADATA_LEN ||
+        meta.event_len > length - used ||
+        meta.metadata_len < FAN_EVENT_METADATA_LEN ||
+        meta.metadata_len > meta.event_len) {
+      used = length;  // cannot find the next event: give the batch up
+      break;
+    }
+    const size_t n =
+        TranslateOne(events + used, meta.mask, meta.metadata_len,
+                     meta.event_len, out + produced, room - produced);
+    if (n == kNoRoom) break;
+    produced += n;
+    used += meta.event_len;
+  }
+  if (length - used < FAN_EVENT_METADATA_LEN) {
+    used = length;  // a trailing fragment cannot be an event
+  }
+  *written = produced;
+  return used;
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

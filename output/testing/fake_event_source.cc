@@ -1,0 +1,150 @@
+#include "output/testing/fake_event_source.h"
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+#include "yulotifyd/json_util.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace testing {
+
+FakeEventSource::FakeEventSource(std::string mount_point)
+    : mount_point_(std::move(mount_point)) {}
+
+void FakeEventSource::Push(const NotifyEvent& event) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  queue_.push_back(event);
+}
+
+void FakeEventSource::SetQueues(std::vector<MonitorQueue> queues) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  queues_ = std::move(queues);
+}
+
+void FakeEventSource::SetRecovery(bool recovery) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  recovery_ = recovery;
+}
+
+size_t FakeEventSource::Queued() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return queue_.size();
+}
+
+void FakeEventSource::GetEvents(std::list<NotifyEvent>& out) {
+  ++get_events_calls_;
+  std::lock_guard<std::mutex> guard(mutex_);
+  out.splice(out.end(), queue_);
+}
+
+std::vector<MonitorQueue> FakeEventSource::GetMonitorQueues() {
+  ++snapshot_calls_;
+  std::lock_guard<std::mutex> guard(mutex_);
+  return queues_;
+}
+
+bool FakeEventSource::IsRecovery() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return recovery_;
+}
+
+NotifyEvent MakeEvent(uint32_t mask, const std::string& watch,
+                      const std::string& path, uint32_t cookie) {
+  NotifyEvent event;
+  event.mask = mask;
+  event.cookie = cookie;
+  event.root = 1;
+  event.watch = watch;
+  event.path = path;
+  return event;
+}
+
+NotifyEvent MakeOverflow() {
+  NotifyEvent event;
+  event.mask = YULO_Q_OVERFLOW;
+  event.root = -1;
+  return event;
+}
+
+MonitorQueue MakeQueue(const std::string& file, const std::string& share_path,
+                       uint32_t events, const std::string& dir,
+                       bool recursive) {
+  const std::string name = share_path.substr(share_path.rfind('/') + 1);
+  return MonitorQueue(file, {MonitorQueue::MakeConfig(name, share_path, dir,
+                                                      recursive, events)});
+}
+
+ScratchDir::ScratchDir() {
+  const char* tmp = getenv("TMPDIR");
+  std::string pattern =
+      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+      "/yulooutput.XXXXXX";
+  if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
+}
+
+ScratchDir::~ScratchDir() {
+  if (path_.empty()) return;
+  DIR* dir = opendir(path_.c_str());
+  if (dir != nullptr) {
+    while (const struct dirent* entry = readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      unlink((path_ + "/" + name).c_str());
+    }
+    closedir(dir);
+  }
+  rmdir(path_.c_str());
+}
+
+std::string ReadFileText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in),
+                     std::istreambuf_iterator<char>());
+}
+
+void WriteFileText(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+std::vector<std::string> ReadLines(const std::string& path) {
+  const std::string text = ReadFileText(path);
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+Json::Value ParseLine(const std::string& line) {
+  Json::Value value;
+  fromString(line, value);
+  return value;
+}
+
+int OpenDescriptorCount() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  while (const struct dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') ++count;
+  }
+  closedir(dir);
+  return count - 1;  // the directory stream's own descriptor
+}
+
+}  // namespace testing
+}  // namespace YULOTIFYD
+}  // namespace YULO

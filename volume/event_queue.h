@@ -1,0 +1,44 @@
+// EventQueue: the events of one volume between its receiver and processor.
+//
+// Push appends a copy; TakeAll moves everything out by relinking, so the
+// time under the lock does not grow with the queue. No limit other than
+// memory.
+//
+// Thread-safety: all operations may run concurrently. The mutex is a leaf:
+// nothing else is locked while it is held.
+#ifndef YULOTIFYD_VOLUME_EVENT_QUEUE_H_
+#define YULOTIFYD_VOLUME_EVENT_QUEUE_H_
+
+#include <pthread.h>
+
+#include <list>
+
+#include "notify/notify_event.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+class EventQueue {
+ public:
+  EventQueue();
+  ~EventQueue();
+  EventQueue(const EventQueue&) = delete;
+  EventQueue& operator=(const EventQueue&) = delete;
+
+  // False when the copy cannot be made (out of memory); the queue is
+  // unchanged.
+  bool Push(const NotifyEvent& event);
+  // Moves every queued event to the end of `out`, oldest first.
+  void TakeAll(std::list<NotifyEvent>& out);
+  size_t Size();
+
+ private:
+  pthread_mutex_t mutex_;
+  std::list<NotifyEvent> events_;
+  size_t count_;  // always events_.size()
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_VOLUME_EVENT_QUEUE_H_

@@ -1,0 +1,145 @@
+#include "volume/event_receiver.h"
+
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+// How long a read waits for the kernel; it bounds how long a posted command
+// or a stop request waits when no event arrives.
+constexpr long kReadTimeoutMicros = 250000;
+}  // namespace
+
+EventReceiver::EventReceiver(uint32_t mask, ReceiverOwner* owner)
+    : YULotify(mask), Thread(), owner_(nullptr), command_count_(0) {
+  Setup(owner);
+}
+
+EventReceiver::EventReceiver(uint32_t mask, ReceiverOwner* owner,
+                             std::unique_ptr<NotifyBackend> backend,
+                             const MountEnv* mount_env)
+    : YULotify(mask, std::move(backend), mount_env),
+      Thread(),
+      owner_(nullptr),
+      command_count_(0) {
+  Setup(owner);
+}
+
+void EventReceiver::Setup(ReceiverOwner* owner) {
+  owner_ = owner;
+  if (owner_ == nullptr) {
+    YULO_LOG_ALWAYS("pVolumeMgr is NULL");
+    throw -1;
+  }
+  if (pthread_mutex_init(&command_mutex_, nullptr) != 0) {
+    YULO_LOG_ALWAYS("pthread_mutex_init failed");
+    throw -1;
+  }
+}
+
+EventReceiver::~EventReceiver() {
+  // The body uses the command list and the kernel instance: it must be gone
+  // before either is.
+  Stop();
+  pthread_mutex_destroy(&command_mutex_);
+  // Commands still pending are dropped unrun.
+  commands_.clear();
+  command_count_ = 0;
+}
+
+void EventReceiver::PostCommand(int32_t type, const std::string& path) {
+  pthread_mutex_lock(&command_mutex_);
+  commands_.push_back(ReceiverCommand{type, path});
+  ++command_count_;
+  pthread_mutex_unlock(&command_mutex_);
+}
+
+size_t EventReceiver::PendingCommands() {
+  pthread_mutex_lock(&command_mutex_);
+  const size_t n = command_count_;
+  pthread_mutex_unlock(&command_mutex_);
+  return n;
+}
+
+void EventReceiver::RunCommands() {
+  // The lock stays held while the handlers run, so a command posted
+  // meanwhile waits for the whole batch and runs in the next turn.
+  pthread_mutex_lock(&command_mutex_);
+  while (!commands_.empty()) {
+    const ReceiverCommand command = commands_.front();
+    commands_.pop_front();
+    --command_count_;
+    switch (command.type) {
+      case ReceiverCommand::kUmountShare:
+        UmountShare(command.path);
+        break;
+      case ReceiverCommand::kReloadAll:
+        ReAddAllWatches();
+        break;
+      case ReceiverCommand::kMountShare:
+        MountShare(command.path);
+        break;
+      default:
+        break;  // unknown commands are dropped
+    }
+  }
+  pthread_mutex_unlock(&command_mutex_);
+}
+
+bool EventReceiver::RunOnce(NotifyEvent& event) {
+  RunCommands();
+  if (descriptor() < 0) {
+    // No kernel instance: nothing to read, just keep serving commands.
+    SleepUnlessStopped(kReadTimeoutMicros / 1000);
+    return false;
+  }
+  if (!ReadEvent(event)) return false;
+  owner_->EnqueueEvent(event);
+  return true;
+}
+
+void EventReceiver::Run() {
+  NotifyEvent event;
+  ReAddAllWatches();
+  SetReadTimeout(0, kReadTimeoutMicros);
+  while (!stop_flag) RunOnce(event);
+}
+
+void EventReceiver::ReAddAllWatches() {
+  const std::set<std::string> shares =
+      MonitorQueue::GetShareSet(owner_->GetMonitorQueues());
+  const std::string prefix = owner_->GetMountPoint() + "/";
+  RemoveAllWatches();
+  for (const std::string& share : shares) {
+    if (share.compare(0, prefix.size(), prefix) != 0) continue;
+    YULO_LOG_INFO("Add watch, path=%s", share.c_str());
+    if (AddWatch(share) < 0) YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
+  }
+  owner_->WatchesReady();
+}
+
+void EventReceiver::MountShare(const std::string& path) {
+  if (!MonitorQueue::IsDirMonitoring(owner_->GetMonitorQueues(), path)) return;
+  if (AddWatch(path) < 0) {
+    YULO_LOG_ALWAYS("Add failed, path=%s", path.c_str());
+    return;
+  }
+  YULO_LOG_DEBUG("EventReceiver Mount share, share=%s", path.c_str());
+}
+
+void EventReceiver::UmountShare(const std::string& path) {
+  if (!MonitorQueue::IsDirMonitoring(owner_->GetMonitorQueues(), path)) return;
+  std::string watch, relative;
+  int id = -1;
+  if (LookupWatch(path, watch, relative, id) != 0) {
+    YULO_LOG_ALWAYS("Fail to find watch root for umount, share=%s",
+                    path.c_str());
+    return;
+  }
+  RemoveWatch(id);
+  YULO_LOG_DEBUG("EventReceiver Umount share, share=%s", path.c_str());
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,82 @@
+// EventReceiver: the input thread of one volume.
+//
+// It is the volume's kernel notification instance (a YULotify) and keeps the
+// kernel watches on the volume's monitored shares. Its thread reads events
+// and appends each to the owner's queue. Changes to the set of watches (a
+// share mounted or unmounted, the configuration reloaded) arrive as commands
+// that other threads post and that only the receiver's own thread carries
+// out, so the kernel instance is only ever used from that thread.
+//
+// Ownership: owned by its VolumeMgr; `owner` is not owned and outlives it.
+// Thread-safety: PostCommand from any thread; everything else on the
+// receiver's thread (after Start) or the creating thread (before).
+#ifndef YULOTIFYD_VOLUME_EVENT_RECEIVER_H_
+#define YULOTIFYD_VOLUME_EVENT_RECEIVER_H_
+
+#include <pthread.h>
+
+#include <list>
+#include <memory>
+#include <string>
+
+#include "notify/yulotify.h"
+#include "volume/receiver_owner.h"
+#include "yulotifyd/thread.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+struct ReceiverCommand {
+  enum Type : int32_t { kMountShare = 0, kUmountShare = 1, kReloadAll = 2 };
+  int32_t type;
+  std::string path;  // the share's absolute path; empty for kReloadAll
+};
+
+class EventReceiver : public YULotify, public Thread {
+ public:
+  // Opens the kernel instance for the event bits `mask`. Throws the integer
+  // -1, after logging why, when `owner` is null or the command lock cannot
+  // be created.
+  EventReceiver(uint32_t mask, ReceiverOwner* owner);
+  // The same over a given backend (tests).
+  EventReceiver(uint32_t mask, ReceiverOwner* owner,
+                std::unique_ptr<NotifyBackend> backend,
+                const MountEnv* mount_env = nullptr);
+  ~EventReceiver() override;
+
+  // Queues a command for the receiver's thread; does not wait for it.
+  void PostCommand(int32_t type, const std::string& path);
+
+  // Carries out every pending command, oldest first. Called by the thread
+  // body each turn; public so tests can drive the receiver step by step.
+  void RunCommands();
+
+  // One turn of the thread body: the pending commands, then at most one
+  // event read (waiting up to the read timeout) and queued. Returns whether
+  // an event was queued.
+  bool RunOnce(NotifyEvent& event);
+
+  // Removes every watch and adds one for each monitored share on the volume,
+  // then tells the owner.
+  void ReAddAllWatches();
+
+  size_t PendingCommands();
+
+ protected:
+  void Run() override;
+
+ private:
+  void Setup(ReceiverOwner* owner);
+  void MountShare(const std::string& path);
+  void UmountShare(const std::string& path);
+
+  ReceiverOwner* owner_;
+  pthread_mutex_t command_mutex_;
+  std::list<ReceiverCommand> commands_;
+  size_t command_count_;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_VOLUME_EVENT_RECEIVER_H_

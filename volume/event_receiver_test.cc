@@ -1,0 +1,189 @@
+#include "volume/event_receiver.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "notify/testing/fake_backend.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace {
+
+using testing::FakeBackend;
+using testing::FakeKernel;
+using testing::FakeMountEnv;
+using testing::RawRecordBytes;
+
+class FakeOwner : public ReceiverOwner {
+ public:
+  std::vector<MonitorQueue> GetMonitorQueues() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    return queues;
+  }
+  bool EnqueueEvent(const NotifyEvent& event) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    events.push_back(event);
+    return true;
+  }
+  void WatchesReady() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++ready;
+  }
+  const std::string& GetMountPoint() const override { return mount_point; }
+
+  // Replaces the configuration with one queue watching `shares`.
+  void Watch(const std::vector<std::string>& shares) {
+    std::vector<MonitorQueue::MonitorQueueConfig> configs;
+    for (const std::string& s : shares) {
+      configs.push_back(MonitorQueue::MakeConfig("x", s, "/", true, 1023));
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    queues = {MonitorQueue("/tmp/q", configs)};
+  }
+
+  std::mutex mutex;
+  std::vector<MonitorQueue> queues;
+  std::vector<NotifyEvent> events;
+  int ready = 0;
+  std::string mount_point = "/vol1";
+};
+
+class EventReceiverTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(Thread::InitThreadLock());
+    env_.AddDir("/", 1);
+    env_.AddDir("/vol1", 2);
+    for (const char* d : {"/vol1/a", "/vol1/b", "/vol1/c"}) env_.AddDir(d, 2);
+    env_.AddDir("/vol10", 3);
+    env_.AddDir("/vol10/c", 3);
+    env_.SetMountTable("tmpfs /vol1 tmpfs rw 0 0\ntmpfs /vol10 tmpfs rw 0 0\n");
+    kernel_ = std::make_shared<FakeKernel>();
+    kernel_->init_fd = 9;
+  }
+  void TearDown() override { Thread::DestroyThreadLock(); }
+
+  std::unique_ptr<EventReceiver> Make() {
+    return std::make_unique<EventReceiver>(
+        0x3ce, &owner_, std::make_unique<FakeBackend>(kernel_), &env_);
+  }
+
+  FakeMountEnv env_;
+  std::shared_ptr<FakeKernel> kernel_;
+  FakeOwner owner_;
+};
+
+TEST_F(EventReceiverTest, NullOwnerThrows) {
+  EXPECT_THROW(EventReceiver(0x3ce, nullptr,
+                             std::make_unique<FakeBackend>(kernel_), &env_),
+               int);
+}
+
+TEST_F(EventReceiverTest, ReAddAllWatchesOnlyMonitoredSharesOfThisVolume) {
+  owner_.Watch({"/vol1/a", "/vol1/b", "/vol10/c", "/vol1"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  std::vector<std::string> watched;
+  for (const auto& entry : receiver->watched_paths()) watched.push_back(entry.first);
+  EXPECT_EQ(watched, (std::vector<std::string>{"/vol1/a", "/vol1/b"}));
+  EXPECT_EQ(kernel_->Count("add "), 1);  // one kernel watch for the mount
+  EXPECT_EQ(owner_.ready, 1);
+}
+
+TEST_F(EventReceiverTest, ReAddWithNothingOnTheVolumeRemovesAllAndStillAcks) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  owner_.Watch({"/vol10/c"});
+  receiver->PostCommand(ReceiverCommand::kReloadAll, "");
+  receiver->RunCommands();
+  EXPECT_TRUE(receiver->watched_paths().empty());
+  EXPECT_EQ(kernel_->Count("remove "), 1);
+  EXPECT_EQ(owner_.ready, 2);
+}
+
+TEST_F(EventReceiverTest, MountAddsWatchOnlyForMonitoredShares) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->PostCommand(ReceiverCommand::kMountShare, "/vol1/b");
+  receiver->RunCommands();
+  EXPECT_TRUE(receiver->watched_paths().empty());
+  receiver->PostCommand(ReceiverCommand::kMountShare, "/vol1/a");
+  receiver->RunCommands();
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/a"), 1u);
+}
+
+TEST_F(EventReceiverTest, UmountRemovesTheWatch) {
+  owner_.Watch({"/vol1/a", "/vol1/b"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  receiver->PostCommand(ReceiverCommand::kUmountShare, "/vol1/a");
+  receiver->RunCommands();
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/a"), 0u);
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/b"), 1u);
+  // The kernel watch stays for the share still watched on the mount.
+  EXPECT_EQ(kernel_->Count("remove "), 0);
+}
+
+TEST_F(EventReceiverTest, CommandsRunInPostingOrderAndUnknownOnesAreDropped) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->PostCommand(ReceiverCommand::kMountShare, "/vol1/a");
+  receiver->PostCommand(7, "/vol1/a");
+  receiver->PostCommand(ReceiverCommand::kUmountShare, "/vol1/a");
+  EXPECT_EQ(receiver->PendingCommands(), 3u);
+  receiver->RunCommands();
+  EXPECT_EQ(receiver->PendingCommands(), 0u);
+  EXPECT_TRUE(receiver->watched_paths().empty());
+  EXPECT_EQ(kernel_->Count("add "), 1);
+  EXPECT_EQ(kernel_->Count("remove "), 1);
+}
+
+TEST_F(EventReceiverTest, PendingCommandsAreDroppedAtDestruction) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->PostCommand(ReceiverCommand::kMountShare, "/vol1/a");
+  receiver.reset();
+  EXPECT_EQ(kernel_->Count("add "), 0);
+}
+
+TEST_F(EventReceiverTest, RunOnceQueuesDecodedEvents) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(RawRecordBytes(YULO_CREATE, 0, "/vol1/a/x.jpg") +
+                           RawRecordBytes(YULO_DELETE, 0, "/vol1/c/y"));
+  NotifyEvent event;
+  EXPECT_TRUE(receiver->RunOnce(event));
+  EXPECT_FALSE(receiver->RunOnce(event));  // not under a watched share
+  ASSERT_EQ(owner_.events.size(), 1u);
+  EXPECT_EQ(owner_.events[0].mask, static_cast<uint32_t>(YULO_CREATE));
+  EXPECT_EQ(owner_.events[0].watch, "/vol1/a");
+  EXPECT_EQ(owner_.events[0].path, "/x.jpg");
+}
+
+TEST_F(EventReceiverTest, ThreadAddsWatchesFirstThenServesCommandsAndEvents) {
+  owner_.Watch({"/vol1/a", "/vol1/b"});
+  auto receiver = Make();
+  ASSERT_TRUE(receiver->Start());
+  while (true) {
+    std::lock_guard<std::mutex> lock(owner_.mutex);
+    if (owner_.ready >= 1) break;
+  }
+  receiver->PostCommand(ReceiverCommand::kUmountShare, "/vol1/b");
+  while (receiver->PendingCommands() != 0) {
+  }
+  receiver->Stop();
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/a"), 1u);
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/b"), 0u);
+  EXPECT_EQ(receiver->read_timeout().tv_sec, 0);
+  EXPECT_EQ(receiver->read_timeout().tv_usec, 250000);
+}
+
+}  // namespace
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,34 @@
+// ReceiverOwner: what an EventReceiver needs from the volume it serves.
+// VolumeMgr implements it; tests supply their own.
+//
+// Thread-safety: called from the receiver's thread.
+#ifndef YULOTIFYD_VOLUME_RECEIVER_OWNER_H_
+#define YULOTIFYD_VOLUME_RECEIVER_OWNER_H_
+
+#include <string>
+#include <vector>
+
+#include "notify/notify_event.h"
+#include "yulotifyd/monitor_queue.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+class ReceiverOwner {
+ public:
+  virtual ~ReceiverOwner() = default;
+
+  // A private copy of the daemon's monitor-queue list.
+  virtual std::vector<MonitorQueue> GetMonitorQueues() = 0;
+  // Appends a copy of `event` to the volume's queue; false when dropped.
+  virtual bool EnqueueEvent(const NotifyEvent& event) = 0;
+  // Called after every full (re)adding of the watches.
+  virtual void WatchesReady() = 0;
+  // The volume's mount point.
+  virtual const std::string& GetMountPoint() const = 0;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_VOLUME_RECEIVER_OWNER_H_
