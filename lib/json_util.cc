@@ -61,10 +61,15 @@ bool WriteAll(int fd, const std::string& text) {
 }  // namespace
 
 bool fromString(const std::string& text, Json::Value& out) {
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  // Building a reader is costly next to parsing one short line, and the
+  // queue-file writer parses a head line for every event: keep one per
+  // thread.
+  thread_local const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["failIfExtra"] = true;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
   Json::Value parsed;
   std::string errors;
   if (!reader->parse(text.data(), text.data() + text.size(), &parsed,
