@@ -20,10 +20,24 @@ namespace YULOTIFYD {
 
 namespace {
 
-// Set once by KillHandler, read by MainLoop. The only variable the handler
-// writes; a lock-free one-byte atomic is async-signal-safe.
+// Set once by KillHandler, read by MainLoop. A lock-free one-byte atomic is
+// async-signal-safe.
 std::atomic<bool> g_stop_flag{false};
 static_assert(sizeof(g_stop_flag) == 1, "the stop flag is one byte");
+
+// The signal KillHandler took and has not been reported yet; 0 when none.
+std::atomic<int> g_kill_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free,
+              "the handler may only touch lock-free atomics");
+
+// Writes the kill handler's line on the main thread. syslog and malloc are
+// not async-signal-safe, so the handler only records the signal; since the
+// termination signals are delivered only inside MainLoop's pselect, the line
+// is written as soon as that returns.
+void ReportKillSignal() {
+  const int signo = g_kill_signal.exchange(0);
+  if (signo != 0) YULO_LOG_ALWAYS("In kill handler(%d)", signo);
+}
 
 }  // namespace
 
@@ -42,10 +56,7 @@ Daemon::Daemon(DaemonOptions options)
 Daemon::~Daemon() { pthread_mutex_destroy(&reload_mutex_); }
 
 void Daemon::KillHandler(int signo) {
-  // SIGTERM and SIGINT are blocked everywhere except inside MainLoop's
-  // pselect, so this runs only on the main thread while it waits there,
-  // holding no lock: logging from here cannot deadlock.
-  YULO_LOG_ALWAYS("In kill handler(%d)", signo);
+  g_kill_signal.store(signo);
   g_stop_flag.store(true);
 }
 
@@ -134,10 +145,10 @@ void Daemon::MainLoop() {
     FD_SET(sock_fd, &readable);
     struct timespec timeout = {kSelectTimeoutSeconds, 0};
     // Time-outs, interruptions and errors alike just start another turn.
-    if (pselect(width, &readable, nullptr, nullptr, &timeout, &wait_mask) <=
-        0) {
-      continue;
-    }
+    const int ready =
+        pselect(width, &readable, nullptr, nullptr, &timeout, &wait_mask);
+    ReportKillSignal();
+    if (ready <= 0) continue;
     if (g_stop_flag.load()) return;
     // The configuration watch goes first, so a command that arrives together
     // with a configuration change already sees the new configuration.
