@@ -4,9 +4,12 @@
 #include <stddef.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <vector>
 
@@ -24,19 +27,78 @@ constexpr size_t kReadChunk = 1024;
 constexpr int kReadRetries = 3;
 // A command is a few hundred bytes; anything longer is refused unread.
 constexpr uint64_t kMaxBodyLength = 1024 * 1024;
-// A client that stalls mid-request must not hold the main loop.
+// A client that stalls mid-request must not hold the main loop: the whole
+// request has to arrive within this time after the connection is accepted.
+// A client that sends a byte now and then gets no more than one that stops.
 constexpr int kClientTimeoutSeconds = 5;
+// What Dispatch returns for a member it cannot convert.
+constexpr int32_t kMalformed = -2;
 
-// Returns false when `data[key]` exists but is not a string; else stores the
-// value (or `fallback` when missing) in `out`.
+// Members are converted the way JsonCpp's asString()/asUInt() convert them
+// (null gives "" or 0, numbers and booleans are accepted), except that a
+// value those calls would throw on (an object or array where a string is
+// expected, a string, negative or too large number where an unsigned one is)
+// is refused instead of taking the process down.
 bool GetString(const Json::Value& data, const char* key, std::string* out) {
-  if (!data.isMember(key)) {
-    out->clear();
-    return true;
-  }
-  const Json::Value& v = data[key];
-  if (!v.isString()) return false;
+  const Json::Value v = data.get(key, Json::Value(""));
+  if (!v.isConvertibleTo(Json::stringValue)) return false;
   *out = v.asString();
+  return true;
+}
+
+bool GetUInt(const Json::Value& data, const char* key, uint32_t* out) {
+  const Json::Value v = data.get(key, Json::Value(0u));
+  if (!v.isConvertibleTo(Json::uintValue)) return false;
+  *out = v.asUInt();
+  return true;
+}
+
+double MonotonicSeconds() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + now.tv_nsec / 1e9;
+}
+
+// Before each read on a client connection: limits the read to what is left
+// of the request's time. Returns false, with errno EAGAIN as for a read that
+// timed out, when nothing is left.
+bool ArmReadTimeout(int fd, double deadline) {
+  const double left = deadline - MonotonicSeconds();
+  if (left <= 0) {
+    errno = EAGAIN;
+    return false;
+  }
+  struct timeval timeout;
+  timeout.tv_sec = static_cast<time_t>(left);
+  timeout.tv_usec = static_cast<suseconds_t>((left - timeout.tv_sec) * 1e6);
+  if (timeout.tv_sec == 0 && timeout.tv_usec == 0) timeout.tv_usec = 1;
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  return true;
+}
+
+// ReadSocket with a deadline on the monotonic clock (0: none).
+bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
+  if (length == 0) return true;
+  int retries = kReadRetries;
+  uint64_t done = 0;
+  while (done < length) {
+    const size_t want =
+        static_cast<size_t>(std::min<uint64_t>(length - done, kReadChunk));
+    ssize_t n = -1;
+    if (deadline == 0 || ArmReadTimeout(fd, deadline)) {
+      n = read(fd, buffer + done, want);
+    }
+    if (n <= 0) {
+      if (n < 0 && errno == EINTR && retries > 0) {
+        --retries;
+        continue;
+      }
+      if (n == 0) errno = ECONNRESET;  // "%m" then names the early close
+      YULO_LOG_ALWAYS("Failed to read from domain socket, reason=%m");
+      return false;
+    }
+    done += static_cast<uint64_t>(n);
+  }
   return true;
 }
 
@@ -76,25 +138,7 @@ bool Daemon::SetupDomainSocket() {
 }
 
 bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
-  if (length == 0) return true;
-  int retries = kReadRetries;
-  uint64_t done = 0;
-  while (done < length) {
-    const size_t want =
-        static_cast<size_t>(std::min<uint64_t>(length - done, kReadChunk));
-    const ssize_t n = read(fd, buffer + done, want);
-    if (n <= 0) {
-      if (n < 0 && errno == EINTR && retries > 0) {
-        --retries;
-        continue;
-      }
-      if (n == 0) errno = ECONNRESET;  // "%m" then names the early close
-      YULO_LOG_ALWAYS("Failed to read from domain socket, reason=%m");
-      return false;
-    }
-    done += static_cast<uint64_t>(n);
-  }
-  return true;
+  return ReadUntil(fd, length, buffer, 0);
 }
 
 void Daemon::HandleDomainSocket() {
@@ -106,13 +150,17 @@ void Daemon::HandleDomainSocket() {
     YULO_LOG_DEBUG("Replying socket: %d", reply);
     return;
   }
-  struct timeval timeout = {kClientTimeoutSeconds, 0};
-  setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-  setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+  const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
+  // The reply is 4 bytes into an empty socket buffer; this only guards
+  // against the unthinkable.
+  struct timeval send_timeout = {kClientTimeoutSeconds, 0};
+  setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &send_timeout,
+             sizeof(send_timeout));
 
   do {
     uint64_t length = 0;
-    if (!ReadSocket(conn, sizeof(length), reinterpret_cast<char*>(&length))) {
+    if (!ReadUntil(conn, sizeof(length), reinterpret_cast<char*>(&length),
+                   deadline)) {
       YULO_LOG_ALWAYS("Receive command length failed");
       break;
     }
@@ -121,7 +169,7 @@ void Daemon::HandleDomainSocket() {
       break;
     }
     std::vector<char> body(static_cast<size_t>(length));
-    if (!ReadSocket(conn, length, body.data())) {
+    if (!ReadUntil(conn, length, body.data(), deadline)) {
       YULO_LOG_ALWAYS("Receive command body failed");
       break;
     }
@@ -132,17 +180,17 @@ void Daemon::HandleDomainSocket() {
     const std::string text(body.data(),
                            end == nullptr ? body.size() : end - body.data());
     Json::Value command;
+    std::string type;
     if (!fromString(text, command) || !command.isObject() ||
         !command.isMember("type") || !command.isMember("data") ||
-        !command["data"].isObject() || !command["type"].isString()) {
+        !command["data"].isObject() || !GetString(command, "type", &type)) {
       YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
       break;
     }
-    const std::string type = command["type"].asString();
     const Json::Value data = command["data"];
     YULO_LOG_INFO("Got command: %s", toString(command).c_str());
     const int32_t result = Dispatch(type, data);
-    if (result == -2) {
+    if (result == kMalformed) {
       YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
       break;
     }
@@ -150,18 +198,20 @@ void Daemon::HandleDomainSocket() {
   } while (false);
 
   YULO_LOG_DEBUG("Replying socket: %d", reply);
-  // A client that went away is its own business; SIGPIPE is ignored.
-  ssize_t ignored = write(conn, &reply, sizeof(reply));
+  // A client that went away is its own business: no SIGPIPE, whether or not
+  // the process ignores it.
+  ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
   (void)ignored;
   close(conn);
 }
 
-// Carries out one command. Returns the reply, or -2 when a member has a type
-// the command cannot use (the caller reports the command as malformed).
+// Carries out one command. Returns the reply, or kMalformed when a member has
+// a type the command cannot use (the caller reports the command as
+// malformed).
 int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
   if (type == "set_log_level") {
     std::string level;
-    if (!GetString(data, "log_level", &level)) return -2;
+    if (!GetString(data, "log_level", &level)) return kMalformed;
     if (level == "debug") {
       LOG_LEVEL = 7;
     } else if (level == "error") {
@@ -176,15 +226,10 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
   }
   if (type == "notify") {
     uint32_t event = 0;
-    if (data.isMember("event")) {
-      const Json::Value& v = data["event"];
-      if (!v.isIntegral() || !v.isUInt()) return -2;
-      event = v.asUInt();
-    }
     std::string path, path_old;
-    if (!GetString(data, "path", &path) ||
+    if (!GetUInt(data, "event", &event) || !GetString(data, "path", &path) ||
         !GetString(data, "path_old", &path_old)) {
-      return -2;
+      return kMalformed;
     }
     for (auto& entry : volume_mgrs) {
       entry.second->PushEvent(event, path, path_old);
@@ -193,7 +238,7 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
   }
   if (type == "mount_share" || type == "umount_share") {
     std::string share;
-    if (!GetString(data, "share_name", &share)) return -2;
+    if (!GetString(data, "share_name", &share)) return kMalformed;
     VolumeMgr* mgr = GetVolumeMgrByShare(share);
     if (mgr == nullptr) {
       YULO_LOG_ALWAYS("Cannot get volume manager, share: %s", share.c_str());
@@ -208,7 +253,7 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
   }
   if (type == "mount_volume" || type == "umount_volume") {
     std::string mount_point;
-    if (!GetString(data, "mount_point", &mount_point)) return -2;
+    if (!GetString(data, "mount_point", &mount_point)) return kMalformed;
     if (type == "mount_volume") {
       MountVolume(mount_point);
     } else {

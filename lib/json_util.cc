@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <exception>
 #include <memory>
 #include <sstream>
 
@@ -72,8 +73,14 @@ bool fromString(const std::string& text, Json::Value& out) {
   }();
   Json::Value parsed;
   std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &parsed,
-                     &errors)) {
+  bool ok = false;
+  try {
+    ok = reader->parse(text.data(), text.data() + text.size(), &parsed,
+                       &errors);
+  } catch (const std::exception&) {
+    ok = false;  // e.g. nesting deeper than the reader allows
+  }
+  if (!ok) {
     out = Json::Value();
     return false;
   }

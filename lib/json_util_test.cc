@@ -40,6 +40,13 @@ TEST(JsonUtilTest, FromStringRejectsGarbageAndTrailingText) {
   EXPECT_FALSE(fromString("", v));
 }
 
+TEST(JsonUtilTest, FromStringRefusesVeryDeepNestingWithoutThrowing) {
+  const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+  Json::Value v;
+  EXPECT_FALSE(fromString(deep, v));
+  EXPECT_TRUE(v.isNull());
+}
+
 TEST(JsonUtilTest, ToStringIsSingleLine) {
   Json::Value v(Json::objectValue);
   v["path"] = "/vol1/a\nb";

@@ -252,16 +252,22 @@ bool ParseEvents(const Json::Value& value, uint32_t* events,
   return false;
 }
 
-// Reads one entry of "monitors". Returns false, having logged why, when the
-// monitor is to be dropped.
+// Reads one entry of "monitors". Returns false, having logged why (or, when
+// `problem_out` is given, stored why instead), when the monitor is to be
+// dropped.
 bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
                   const std::string& file,
                   const MonitorQueue::ShareResolver& resolve,
-                  MonitorQueue::MonitorQueueConfig* out) {
+                  MonitorQueue::MonitorQueueConfig* out,
+                  std::string* problem_out = nullptr) {
   const unsigned number = static_cast<unsigned>(index);
   auto drop = [&](const std::string& problem) {
-    YULO_LOG_ALWAYS("monitor queue file %s: monitors[%u] skipped: %s",
-                    file.c_str(), number, problem.c_str());
+    if (problem_out != nullptr) {
+      *problem_out = problem;
+    } else {
+      YULO_LOG_ALWAYS("monitor queue file %s: monitors[%u] skipped: %s",
+                      file.c_str(), number, problem.c_str());
+    }
     return false;
   };
 
@@ -314,9 +320,12 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
   return true;
 }
 
-bool LoadFileUnguarded(const std::string& file,
-                       const MonitorQueue::ShareResolver& resolve,
-                       MonitorQueue* out, std::string* reason) {
+// `reports`, when given, receives one entry per monitor and nothing is
+// logged.
+bool LoadFileUnguarded(
+    const std::string& file, const MonitorQueue::ShareResolver& resolve,
+    MonitorQueue* out, std::string* reason,
+    std::vector<MonitorQueue::MonitorReport>* reports = nullptr) {
   if (!resolve) {
     *reason = "no share resolver";
     return false;
@@ -362,9 +371,17 @@ bool LoadFileUnguarded(const std::string& file,
     configs.reserve(monitors.size());
     for (Json::ArrayIndex i = 0; i < monitors.size(); ++i) {
       MonitorQueue::MonitorQueueConfig config;
-      if (ParseMonitor(monitors[i], i, file, resolve, &config)) {
-        configs.push_back(std::move(config));
+      MonitorQueue::MonitorReport report;
+      report.index = static_cast<unsigned>(i);
+      const bool loaded =
+          ParseMonitor(monitors[i], i, file, resolve, &config,
+                       reports != nullptr ? &report.reason : nullptr);
+      if (reports != nullptr) {
+        report.loaded = loaded;
+        if (loaded) report.config = config;
+        reports->push_back(std::move(report));
       }
+      if (loaded) configs.push_back(std::move(config));
     }
   }
 
@@ -375,10 +392,20 @@ bool LoadFileUnguarded(const std::string& file,
 }
 
 // Names of the regular files ending in ".json" in `dir`, sorted byte-wise.
-// Symlinks count as what they point to.
-std::vector<std::string> ListConfFiles(const std::string& dir) {
+// Symlinks count as what they point to. With `report` given nothing is
+// logged: the directory's state goes to `report` and the names that cannot
+// be examined, with the reason, to `unusable`.
+std::vector<std::string> ListConfFiles(
+    const std::string& dir, MonitorQueue::DirReport* report = nullptr,
+    std::vector<std::pair<std::string, std::string>>* unusable = nullptr) {
   std::vector<std::string> names;
   DIR* d = opendir(dir.c_str());
+  if (report != nullptr) {
+    report->dir = dir;
+    report->exists = d != nullptr || errno != ENOENT;
+    if (d == nullptr && errno != ENOENT) report->error = ErrnoText(errno);
+    if (d == nullptr) return names;
+  }
   if (d == nullptr) {
     if (errno == ENOENT) {
       YULO_LOG_DEBUG("monitor queue directory %s does not exist",
@@ -394,7 +421,9 @@ std::vector<std::string> ListConfFiles(const std::string& dir) {
     errno = 0;
     const struct dirent* entry = readdir(d);
     if (entry == nullptr) {
-      if (errno != 0) {
+      if (errno != 0 && report != nullptr) {
+        report->error = ErrnoText(errno);
+      } else if (errno != 0) {
         YULO_LOG_ALWAYS("error reading monitor queue directory %s: %m",
                         dir.c_str());
       }
@@ -403,8 +432,13 @@ std::vector<std::string> ListConfFiles(const std::string& dir) {
     if (!EndsWithConfSuffix(entry->d_name)) continue;
     struct stat st;
     if (fstatat(dfd, entry->d_name, &st, 0) != 0) {
-      YULO_LOG_ALWAYS("skipped monitor queue file %s/%s: cannot stat: %m",
-                      dir.c_str(), entry->d_name);
+      if (unusable != nullptr) {
+        unusable->emplace_back(entry->d_name,
+                               "cannot stat: " + ErrnoText(errno));
+      } else if (report == nullptr) {
+        YULO_LOG_ALWAYS("skipped monitor queue file %s/%s: cannot stat: %m",
+                        dir.c_str(), entry->d_name);
+      }
       continue;
     }
     if (!S_ISREG(st.st_mode)) {
@@ -417,6 +451,7 @@ std::vector<std::string> ListConfFiles(const std::string& dir) {
   closedir(d);
   // std::string compares through char_traits<char>, i.e. as unsigned bytes.
   std::sort(names.begin(), names.end());
+  if (unusable != nullptr) std::sort(unusable->begin(), unusable->end());
   return names;
 }
 
@@ -544,6 +579,65 @@ bool MonitorQueue::LoadFile(const std::string& file,
   }
   if (!ok && reason != nullptr) *reason = why;
   return ok;
+}
+
+std::vector<MonitorQueue::FileReport> MonitorQueue::Describe(
+    const std::string& conf_root, const ShareResolver& resolve,
+    std::vector<DirReport>* dirs) {
+  std::vector<FileReport> files;
+  if (dirs != nullptr) dirs->clear();
+  static constexpr _tag_monitor_queue_type_ kTypes[] = {
+      MONITOR_QUEUE_TYPE_SYSTEM, MONITOR_QUEUE_TYPE_APP,
+      MONITOR_QUEUE_TYPE_USER};
+  for (const _tag_monitor_queue_type_ type : kTypes) {
+    DirReport dir_report;
+    dir_report.type = type;
+    std::vector<std::pair<std::string, std::string>> unusable;
+    const std::string dir = GetConfDir(type, conf_root);
+    const std::vector<std::string> names =
+        ListConfFiles(dir, &dir_report, &unusable);
+    if (dirs != nullptr) dirs->push_back(dir_report);
+    // In name order, the files LoadAll would skip before reading them
+    // among the others.
+    std::vector<FileReport> reports;
+    for (const auto& entry : unusable) {
+      FileReport report;
+      report.file = dir + "/" + entry.first;
+      report.type = type;
+      report.reason = entry.second;
+      reports.push_back(std::move(report));
+    }
+    for (const std::string& name : names) {
+      FileReport report;
+      report.file = dir + "/" + name;
+      report.type = type;
+      MonitorQueue queue;
+      std::string why;
+      try {
+        report.loaded = LoadFileUnguarded(report.file, resolve, &queue, &why,
+                                          &report.monitors);
+      } catch (const std::exception& e) {
+        why = std::string("unexpected error: ") + e.what();
+        report.loaded = false;
+      } catch (...) {
+        why = "unexpected error";
+        report.loaded = false;
+      }
+      if (report.loaded) {
+        report.queue_path = queue.GetQueuePath();
+      } else {
+        report.reason = why;
+        report.monitors.clear();
+      }
+      reports.push_back(std::move(report));
+    }
+    std::sort(reports.begin(), reports.end(),
+              [](const FileReport& a, const FileReport& b) {
+                return a.file < b.file;
+              });
+    for (FileReport& report : reports) files.push_back(std::move(report));
+  }
+  return files;
 }
 
 std::set<std::string> MonitorQueue::GetShareSet(

@@ -90,6 +90,35 @@ class MonitorQueue {
   static bool LoadFile(const std::string& file, const ShareResolver& resolve,
                        MonitorQueue* out, std::string* reason);
 
+  // What LoadAll would make of the configuration, file by file, with the
+  // reason for everything it would skip; for diagnostics (`yulotifyctl
+  // queues`). Nothing is logged.
+  struct MonitorReport {
+    unsigned index = 0;         // position in the file's "monitors" list
+    bool loaded = false;        // false: LoadAll drops this monitor
+    std::string reason;         // why it is dropped
+    MonitorQueueConfig config;  // the monitor, when loaded
+  };
+  struct FileReport {
+    std::string file;  // the configuration file's path
+    _tag_monitor_queue_type_ type = MONITOR_QUEUE_TYPE_SYSTEM;
+    bool loaded = false;      // false: LoadAll skips the whole file
+    std::string reason;       // why it is skipped
+    std::string queue_path;   // when loaded
+    std::vector<MonitorReport> monitors;  // every entry of "monitors"
+  };
+  struct DirReport {
+    _tag_monitor_queue_type_ type = MONITOR_QUEUE_TYPE_SYSTEM;
+    std::string dir;
+    bool exists = false;
+    std::string error;  // set when the directory exists but cannot be read
+  };
+  // The files in LoadAll's order. `dirs`, when given, receives the three
+  // configuration directories and whether they could be read.
+  static std::vector<FileReport> Describe(const std::string& conf_root,
+                                          const ShareResolver& resolve,
+                                          std::vector<DirReport>* dirs);
+
   // The directory holding the configuration files of `type`.
   static std::string GetConfDir(_tag_monitor_queue_type_ type);
   static std::string GetConfDir(_tag_monitor_queue_type_ type,

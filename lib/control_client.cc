@@ -1,0 +1,295 @@
+#include "yulotifyd/control_client.h"
+
+#include <errno.h>
+#include <stddef.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "yulo_build_config.h"
+#include "yulotifyd/json_util.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+using Status = ControlResult::Status;
+
+// strerror_r comes in a GNU flavour (returns the text) and an XSI one
+// (returns 0 and fills the buffer); these two overloads accept either.
+[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
+  return text;
+}
+[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
+  return rc == 0 ? buf : "unknown error";
+}
+
+std::string ErrnoText(int err) {
+  char buf[256];
+  buf[0] = '\0';
+  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
+}
+
+int64_t NowMs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Owns a descriptor for the length of one call.
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// The time left of one call; every blocking socket call is limited to it
+// through SO_SNDTIMEO / SO_RCVTIMEO.
+class Deadline {
+ public:
+  explicit Deadline(int timeout_ms)
+      : forever_(timeout_ms <= 0), end_ms_(NowMs() + timeout_ms) {}
+
+  // Sets `option` on `fd` to the time left. False, with errno EAGAIN, when
+  // none is left.
+  bool Arm(int fd, int option) const {
+    struct timeval tv = {0, 0};  // zero: no time-out
+    if (!forever_) {
+      const int64_t left = end_ms_ - NowMs();
+      if (left <= 0) {
+        errno = EAGAIN;
+        return false;
+      }
+      tv.tv_sec = static_cast<time_t>(left / 1000);
+      tv.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
+    }
+    return setsockopt(fd, SOL_SOCKET, option, &tv, sizeof(tv)) == 0;
+  }
+
+ private:
+  bool forever_;
+  int64_t end_ms_;
+};
+
+ControlResult Failure(Status status, int error, std::string message) {
+  ControlResult result;
+  result.status = status;
+  result.error = error;
+  result.message = std::move(message);
+  return result;
+}
+
+bool IsTimeout(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
+
+// Reads the 4-byte reply. Fills `result` either way.
+void ReadReply(int fd, const Deadline& deadline, const std::string& path,
+               ControlResult* result) {
+  int32_t reply = 0;
+  char* out = reinterpret_cast<char*>(&reply);
+  size_t done = 0;
+  while (done < sizeof(reply)) {
+    if (!deadline.Arm(fd, SO_RCVTIMEO)) {
+      const int err = errno;
+      *result = Failure(Status::kTimedOut, err,
+                        "no reply from " + path + " in time");
+      return;
+    }
+    const ssize_t n = recv(fd, out + done, sizeof(reply) - done, 0);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) {
+      *result = Failure(Status::kNoReply, 0,
+                        path + " closed the connection without a reply");
+      return;
+    }
+    const int err = errno;
+    if (IsTimeout(err)) {
+      *result = Failure(Status::kTimedOut, err,
+                        "no reply from " + path + " in time");
+    } else {
+      *result = Failure(Status::kNoReply, err,
+                        "cannot read the reply from " + path + ": " +
+                            ErrnoText(err));
+    }
+    return;
+  }
+  result->status = Status::kAnswered;
+  result->reply = reply;
+  result->error = 0;
+  result->message = "answered " + std::to_string(reply);
+}
+
+}  // namespace
+
+const char* DefaultControlSocketPath() { return YULOTIFYD_SOCKET_PATH; }
+
+ControlClient::ControlClient(std::string socket_path, int timeout_ms)
+    : socket_path_(std::move(socket_path)), timeout_ms_(timeout_ms) {}
+
+ControlResult ControlClient::SendRaw(const std::string& text) const {
+  const std::string& path = socket_path_;
+  if (text.find('\0') != std::string::npos) {
+    return Failure(Status::kInvalidRequest, EINVAL,
+                   "the command contains a zero byte");
+  }
+  if (text.size() + 1 > kMaxBodyLength) {
+    return Failure(Status::kInvalidRequest, EMSGSIZE,
+                   "the command is longer than " +
+                       std::to_string(kMaxBodyLength - 1) + " bytes");
+  }
+  struct sockaddr_un addr;
+  std::memset(&addr, 0, sizeof(addr));
+  addr.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof(addr.sun_path) ||
+      path.find('\0') != std::string::npos) {
+    return Failure(Status::kInvalidRequest, ENAMETOOLONG,
+                   "unusable socket path \"" + path + "\" (empty, too long " +
+                       "or with a zero byte)");
+  }
+  std::memcpy(addr.sun_path, path.data(), path.size());
+  const socklen_t addr_len = static_cast<socklen_t>(
+      offsetof(struct sockaddr_un, sun_path) + path.size());
+
+  const Deadline deadline(timeout_ms_);
+  Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0) {
+    const int err = errno;
+    return Failure(Status::kUnreachable, err,
+                   "cannot create a socket: " + ErrnoText(err));
+  }
+
+  // A full listen backlog makes connect wait, within SO_SNDTIMEO.
+  for (;;) {
+    if (!deadline.Arm(fd.get(), SO_SNDTIMEO)) {
+      const int err = errno;
+      return Failure(Status::kTimedOut, err,
+                     "cannot connect to " + path + " in time");
+    }
+    if (connect(fd.get(), reinterpret_cast<struct sockaddr*>(&addr),
+                addr_len) == 0) {
+      break;
+    }
+    const int err = errno;
+    if (err == EINTR) continue;
+    if (IsTimeout(err)) {
+      return Failure(Status::kTimedOut, err,
+                     "cannot connect to " + path + " in time (busy)");
+    }
+    return Failure(Status::kUnreachable, err,
+                   "cannot connect to " + path + ": " + ErrnoText(err));
+  }
+
+  // Header and body in one buffer: the daemon reads them as they come, but
+  // one send keeps a short command in one segment.
+  const uint64_t length = static_cast<uint64_t>(text.size()) + 1;
+  std::string request(sizeof(length), '\0');
+  std::memcpy(&request[0], &length, sizeof(length));
+  request += text;
+  request.push_back('\0');
+
+  ControlResult result;
+  size_t sent = 0;
+  while (sent < request.size()) {
+    if (!deadline.Arm(fd.get(), SO_SNDTIMEO)) {
+      const int err = errno;
+      return Failure(Status::kTimedOut, err,
+                     "cannot send the command to " + path + " in time");
+    }
+    const ssize_t n = send(fd.get(), request.data() + sent,
+                           request.size() - sent, MSG_NOSIGNAL);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    const int err = errno;
+    if (n < 0 && err == EINTR) continue;
+    if (n < 0 && IsTimeout(err)) {
+      return Failure(Status::kTimedOut, err,
+                     "cannot send the command to " + path + " in time");
+    }
+    // The daemon may have refused the request and answered before closing;
+    // that answer is worth more than the broken send.
+    ReadReply(fd.get(), deadline, path, &result);
+    if (result.answered()) return result;
+    return Failure(Status::kSendFailed, err,
+                   "cannot send the command to " + path + ": " +
+                       ErrnoText(err));
+  }
+  ReadReply(fd.get(), deadline, path, &result);
+  return result;
+}
+
+std::string ControlClient::MakeCommand(const std::string& type,
+                                       const Json::Value& data) {
+  Json::Value command(Json::objectValue);
+  command["type"] = type;
+  command["data"] = data;
+  return toString(command);
+}
+
+ControlResult ControlClient::Send(const std::string& type,
+                                  const Json::Value& data) const {
+  return SendRaw(MakeCommand(type, data));
+}
+
+ControlResult ControlClient::SetLogLevel(const std::string& level) const {
+  Json::Value data(Json::objectValue);
+  data["log_level"] = level;
+  return Send("set_log_level", data);
+}
+
+ControlResult ControlClient::Notify(uint32_t event, const std::string& path,
+                                    const std::string& path_old) const {
+  Json::Value data(Json::objectValue);
+  data["event"] = Json::Value(static_cast<Json::UInt>(event));
+  data["path"] = path;
+  if (!path_old.empty()) data["path_old"] = path_old;
+  return Send("notify", data);
+}
+
+ControlResult ControlClient::MountShare(const std::string& share_name) const {
+  Json::Value data(Json::objectValue);
+  data["share_name"] = share_name;
+  return Send("mount_share", data);
+}
+
+ControlResult ControlClient::UmountShare(
+    const std::string& share_name) const {
+  Json::Value data(Json::objectValue);
+  data["share_name"] = share_name;
+  return Send("umount_share", data);
+}
+
+ControlResult ControlClient::MountVolume(
+    const std::string& mount_point) const {
+  Json::Value data(Json::objectValue);
+  data["mount_point"] = mount_point;
+  return Send("mount_volume", data);
+}
+
+ControlResult ControlClient::UmountVolume(
+    const std::string& mount_point) const {
+  Json::Value data(Json::objectValue);
+  data["mount_point"] = mount_point;
+  return Send("umount_volume", data);
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,81 @@
+// QueueConsumer: takes the lines yulotifyd has appended to a queue file.
+//
+// The daemon appends one JSON object per line to a queue file, each line
+// with a single write while it holds an exclusive flock() on the file; it
+// tries that lock without blocking, three times within about 30 ms, and
+// drops the event if the file stays locked. A consumer therefore holds the
+// lock as briefly as it can:
+//
+//   1. open the file (read-write, never creating it);
+//   2. take the exclusive lock: non-blocking attempts, a millisecond or so
+//      apart, for at most `lock_timeout_ms`;
+//   3. read the whole file;
+//   4. cut it down to its unfinished last line, if there is one (normally
+//      there is none, since the daemon writes whole lines; after a failed
+//      write the fragment stays where it is, so nothing is thrown away), or
+//      to nothing;
+//   5. release the lock and close the file;
+//
+// and only then hands the lines to the caller. The lock is never held for
+// more than that one read and one truncation. A line that does not parse as
+// JSON is handed over like any other; the caller decides what to do with it.
+//
+// A queue that has grown past 100 MiB is reset by the daemon: its first line
+// is then {"event": 1024, ...}, followed by one {"event": 512, "path": P}
+// line per share P of the queue, and the daemon adds nothing more until a
+// consumer has emptied the file. A consumer that sees code 1024 rescans the
+// paths of the 512 lines after it.
+//
+// Thread-safety: a QueueConsumer may be used by one thread at a time. Any
+// number of consumers (in this or other processes) may work on the same file;
+// the lock hands each line to exactly one of them.
+#ifndef YULOTIFYD_QUEUE_CONSUMER_H_
+#define YULOTIFYD_QUEUE_CONSUMER_H_
+
+#include <string>
+#include <vector>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+class QueueConsumer {
+ public:
+  static constexpr int kDefaultLockTimeoutMs = 5000;
+
+  struct Result {
+    bool ok = false;
+    // The complete lines taken from the file, without their line feeds, in
+    // file order. Empty lines are left out.
+    std::vector<std::string> lines;
+    // True when an unfinished last line was left in the file.
+    bool kept_partial_line = false;
+    // errno of the failed call (0 if none) and a one-line text: why the
+    // call failed when !ok; when ok, empty or a warning (the unfinished
+    // line could not be put back).
+    int error = 0;
+    std::string message;
+  };
+
+  explicit QueueConsumer(std::string queue_path,
+                         int lock_timeout_ms = kDefaultLockTimeoutMs);
+
+  const std::string& queue_path() const { return queue_path_; }
+
+  // Takes every complete line from the queue file. A missing file is not an
+  // error: it simply holds no lines yet (the daemon creates it with its
+  // first line). Fails, taking nothing and leaving the file as it was, when
+  // the file cannot be opened, read or truncated, is not a regular file, or
+  // stays locked by others for longer than the lock time-out. When the path
+  // is replaced by another file while the lock is awaited, the new file is
+  // the one consumed.
+  Result Consume() const;
+
+ private:
+  std::string queue_path_;
+  int lock_timeout_ms_;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_QUEUE_CONSUMER_H_

@@ -1,0 +1,234 @@
+#include "yulotifyd/queue_consumer.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+// Pause between two lock attempts. Writers hold the lock for one short
+// write, so a millisecond is about what one of them needs.
+constexpr long kLockRetryNs = 1000 * 1000;
+// How often the path may turn out to name another file once locked before
+// the consumer gives up (someone keeps replacing it).
+constexpr int kReopenAttempts = 5;
+constexpr size_t kReadChunk = 1 << 16;
+
+// strerror_r comes in a GNU flavour (returns the text) and an XSI one
+// (returns 0 and fills the buffer); these two overloads accept either.
+[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
+  return text;
+}
+[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
+  return rc == 0 ? buf : "unknown error";
+}
+
+std::string ErrnoText(int err) {
+  char buf[256];
+  buf[0] = '\0';
+  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
+}
+
+int64_t NowMs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Unlocks (if locked) and closes on every way out.
+class LockedFile {
+ public:
+  explicit LockedFile(int fd) : fd_(fd) {}
+  ~LockedFile() { Release(); }
+  LockedFile(const LockedFile&) = delete;
+  LockedFile& operator=(const LockedFile&) = delete;
+
+  int fd() const { return fd_; }
+  void set_locked() { locked_ = true; }
+
+  void Release() {
+    if (fd_ < 0) return;
+    if (locked_) flock(fd_, LOCK_UN);
+    close(fd_);
+    fd_ = -1;
+    locked_ = false;
+  }
+
+ private:
+  int fd_;
+  bool locked_ = false;
+};
+
+QueueConsumer::Result Fail(int error, std::string message) {
+  QueueConsumer::Result result;
+  result.ok = false;
+  result.error = error;
+  result.message = std::move(message);
+  return result;
+}
+
+// Reads the whole file from its start.
+bool ReadAll(int fd, std::string* out, int* error) {
+  out->clear();
+  char buf[kReadChunk];
+  off_t offset = 0;
+  for (;;) {
+    const ssize_t n = pread(fd, buf, sizeof(buf), offset);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      *error = errno;
+      return false;
+    }
+    if (n == 0) return true;
+    out->append(buf, static_cast<size_t>(n));
+    offset += n;
+  }
+}
+
+bool WriteAllAt(int fd, const char* data, size_t size, off_t offset,
+                int* error) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(fd, data + done, size - done,
+                             offset + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = n < 0 ? errno : EIO;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void SplitLines(const std::string& text, size_t end,
+                std::vector<std::string>* lines) {
+  size_t pos = 0;
+  while (pos < end) {
+    const size_t nl = text.find('\n', pos);  // there is one before `end`
+    if (nl > pos) lines->emplace_back(text, pos, nl - pos);
+    pos = nl + 1;
+  }
+}
+
+}  // namespace
+
+QueueConsumer::QueueConsumer(std::string queue_path, int lock_timeout_ms)
+    : queue_path_(std::move(queue_path)), lock_timeout_ms_(lock_timeout_ms) {}
+
+QueueConsumer::Result QueueConsumer::Consume() const {
+  const std::string& path = queue_path_;
+  const int64_t lock_deadline = NowMs() + (lock_timeout_ms_ > 0
+                                               ? lock_timeout_ms_
+                                               : 0);
+  for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
+    // O_NONBLOCK: a FIFO in the file's place must not hang us before the
+    // regular-file check. It changes nothing for a regular file.
+    int raw;
+    do {
+      raw = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    } while (raw < 0 && errno == EINTR);
+    if (raw < 0) {
+      const int err = errno;
+      if (err == ENOENT) {
+        Result empty;
+        empty.ok = true;
+        return empty;
+      }
+      return Fail(err, "cannot open " + path + ": " + ErrnoText(err));
+    }
+    LockedFile file(raw);
+
+    struct stat st;
+    if (fstat(file.fd(), &st) != 0) {
+      const int err = errno;
+      return Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
+    }
+    if (!S_ISREG(st.st_mode)) {
+      return Fail(EINVAL, path + " is not a regular file");
+    }
+
+    // Non-blocking attempts until the deadline, so that a process that
+    // keeps the file locked makes us fail rather than hang.
+    for (;;) {
+      if (flock(file.fd(), LOCK_EX | LOCK_NB) == 0) {
+        file.set_locked();
+        break;
+      }
+      const int err = errno;
+      if (err != EWOULDBLOCK && err != EINTR) {
+        return Fail(err, "cannot lock " + path + ": " + ErrnoText(err));
+      }
+      if (NowMs() >= lock_deadline) {
+        return Fail(EWOULDBLOCK, path + " stayed locked by another process " +
+                                     "for " + std::to_string(lock_timeout_ms_) +
+                                     " ms");
+      }
+      struct timespec pause = {0, kLockRetryNs};
+      nanosleep(&pause, nullptr);
+    }
+
+    // While we waited the file may have been removed or replaced; what the
+    // daemon writes next goes to whatever the path names now.
+    struct stat now;
+    if (stat(path.c_str(), &now) != 0 || now.st_dev != st.st_dev ||
+        now.st_ino != st.st_ino) {
+      continue;  // `file` unlocks and closes
+    }
+
+    std::string text;
+    int err = 0;
+    if (!ReadAll(file.fd(), &text, &err)) {
+      return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
+    }
+    if (text.empty()) {
+      Result empty;
+      empty.ok = true;
+      return empty;
+    }
+    const size_t last_nl = text.rfind('\n');
+    const size_t complete = last_nl == std::string::npos ? 0 : last_nl + 1;
+    if (complete == 0) {
+      // Only an unfinished line: nothing to take, nothing to change.
+      Result result;
+      result.ok = true;
+      result.kept_partial_line = true;
+      return result;
+    }
+    // Empty the file first, then put the unfinished tail back. Should the
+    // second step fail, only that fragment is lost, never a whole line.
+    if (ftruncate(file.fd(), 0) != 0) {
+      err = errno;
+      return Fail(err, "cannot truncate " + path + ": " + ErrnoText(err));
+    }
+    Result result;
+    result.ok = true;
+    if (complete < text.size()) {
+      if (WriteAllAt(file.fd(), text.data() + complete,
+                     text.size() - complete, 0, &err)) {
+        result.kept_partial_line = true;
+      } else {
+        result.error = err;
+        result.message = "the unfinished last line of " + path +
+                         " could not be put back: " + ErrnoText(err);
+      }
+    }
+    file.Release();  // unlock before the caller sees anything
+
+    SplitLines(text, complete, &result.lines);
+    return result;
+  }
+  return Fail(EAGAIN, path + " keeps being replaced; try again");
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

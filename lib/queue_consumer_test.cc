@@ -1,0 +1,399 @@
+#include "yulotifyd/queue_consumer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "yulotifyd/json_util.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace {
+
+namespace fs = std::filesystem;
+
+class QueueConsumerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/queue_consumer_test.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    path_ = dir_ + "/events.queue";
+  }
+
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+
+  static void Write(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    ASSERT_TRUE(out.good());
+  }
+
+  static void Append(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    out << text;
+    ASSERT_TRUE(out.good());
+  }
+
+  static std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+
+  // Whether another open file description could take the lock right now.
+  static bool Lockable(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool ok = flock(fd, LOCK_EX | LOCK_NB) == 0;
+    close(fd);
+    return ok;
+  }
+
+  std::string dir_;
+  std::string path_;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST_F(QueueConsumerTest, MissingFileHoldsNoLines) {
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_FALSE(fs::exists(path_)) << "the consumer must not create the file";
+}
+
+TEST_F(QueueConsumerTest, EmptyFileHoldsNoLines) {
+  Write(path_, "");
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_TRUE(fs::exists(path_));
+}
+
+TEST_F(QueueConsumerTest, TakesEveryLineInOrderAndEmptiesTheFile) {
+  Write(path_,
+        "{\"event\":64,\"is_dir\":false,\"path\":\"/vol1/a\"}\n"
+        "{\"event\":128,\"is_dir\":false,\"path\":\"/vol1/b\"}\n"
+        "\n"
+        "not json\n");
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines,
+            (Lines{"{\"event\":64,\"is_dir\":false,\"path\":\"/vol1/a\"}",
+                   "{\"event\":128,\"is_dir\":false,\"path\":\"/vol1/b\"}",
+                   "not json"}));
+  EXPECT_FALSE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "");
+  EXPECT_TRUE(Lockable(path_)) << "the lock must be released";
+
+  const QueueConsumer::Result again = QueueConsumer(path_).Consume();
+  EXPECT_TRUE(again.ok);
+  EXPECT_TRUE(again.lines.empty());
+}
+
+TEST_F(QueueConsumerTest, KeepsAnUnfinishedLastLineInTheFile) {
+  Write(path_, "one\ntwo\nthr");
+  QueueConsumer consumer(path_);
+  QueueConsumer::Result r = consumer.Consume();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"one", "two"}));
+  EXPECT_TRUE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "thr");
+
+  // Nothing complete yet: nothing taken, the file left alone.
+  r = consumer.Consume();
+  ASSERT_TRUE(r.ok);
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_TRUE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "thr");
+
+  Append(path_, "ee\nfour\n");
+  r = consumer.Consume();
+  ASSERT_TRUE(r.ok);
+  EXPECT_EQ(r.lines, (Lines{"three", "four"}));
+  EXPECT_FALSE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "");
+}
+
+TEST_F(QueueConsumerTest, ResetMarkerAndRescanLinesComeOutAsWritten) {
+  Write(path_,
+        "{\"event\":1024,\"is_dir\":false,\"path\":\"\"}\n"
+        "{\"event\":512,\"is_dir\":true,\"path\":\"/vol1/Public\"}\n");
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  ASSERT_TRUE(r.ok);
+  ASSERT_EQ(r.lines.size(), 2u);
+  Json::Value first;
+  ASSERT_TRUE(fromString(r.lines[0], first));
+  EXPECT_EQ(first["event"].asUInt(), 1024u);
+  EXPECT_EQ(Read(path_), "") << "emptying the file ends the reset state";
+}
+
+TEST_F(QueueConsumerTest, LockHeldElsewhereFailsAfterTheTimeOutTakingNothing) {
+  Write(path_, "a\nb\n");
+  const int holder = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX), 0);
+  const auto start = std::chrono::steady_clock::now();
+  const QueueConsumer::Result r = QueueConsumer(path_, 200).Consume();
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  close(holder);
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EWOULDBLOCK);
+  EXPECT_NE(r.message.find("locked"), std::string::npos) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_GE(elapsed, std::chrono::milliseconds(180));
+  EXPECT_LT(elapsed, std::chrono::milliseconds(2000));
+  EXPECT_EQ(Read(path_), "a\nb\n");
+}
+
+TEST_F(QueueConsumerTest, WaitsForABriefLockHolder) {
+  Write(path_, "a\n");
+  const int holder = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX), 0);
+  std::thread releaser([holder] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // What a writer does while it holds the lock.
+    const char line[] = "b\n";
+    ASSERT_EQ(pwrite(holder, line, 2, 2), 2);
+    flock(holder, LOCK_UN);
+    close(holder);
+  });
+  const QueueConsumer::Result r = QueueConsumer(path_, 5000).Consume();
+  releaser.join();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"a", "b"}));
+}
+
+TEST_F(QueueConsumerTest, NotARegularFileIsAnError) {
+  const QueueConsumer::Result dir = QueueConsumer(dir_).Consume();
+  EXPECT_FALSE(dir.ok);
+  EXPECT_FALSE(dir.message.empty());
+
+  const std::string fifo = dir_ + "/fifo.queue";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const QueueConsumer::Result f = QueueConsumer(fifo).Consume();
+  EXPECT_FALSE(f.ok);
+  EXPECT_NE(f.message.find("not a regular file"), std::string::npos)
+      << f.message;
+}
+
+TEST_F(QueueConsumerTest, FileOfAnotherUserIsAnError) {
+  Write(path_, "a\n");
+  ASSERT_EQ(chmod(path_.c_str(), 0600), 0);
+  if (geteuid() != 0) {
+    ASSERT_EQ(chmod(path_.c_str(), 0), 0);
+    const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, EACCES);
+    return;
+  }
+  // As root: try it as nobody, in a child.
+  ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+    const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+    _exit(!r.ok && r.error == EACCES && !r.message.empty() ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(Read(path_), "a\n");
+}
+
+TEST_F(QueueConsumerTest, FileReplacedWhileWaitingIsConsumedFresh) {
+  Write(path_, "old\n");
+  const int holder = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX), 0);
+  QueueConsumer::Result r;
+  std::thread consumer([&] { r = QueueConsumer(path_, 5000).Consume(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // Someone renames a fresh file over the queue while the consumer waits
+  // for the lock on the old one.
+  const std::string fresh = dir_ + "/fresh";
+  Write(fresh, "new\n");
+  ASSERT_EQ(rename(fresh.c_str(), path_.c_str()), 0);
+  flock(holder, LOCK_UN);
+  consumer.join();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"new"}));
+  // The replaced file was not touched.
+  char buf[8] = {0};
+  EXPECT_EQ(pread(holder, buf, sizeof(buf), 0), 4);
+  EXPECT_STREQ(buf, "old\n");
+  close(holder);
+}
+
+// ---------------------------------------------------------------------------
+// Consumers racing writers. Writers append the way the daemon does: open,
+// exclusive flock, seek to the end, one write of one whole line, unlock,
+// close. (They wait for the lock instead of giving up, so that every line
+// they mean to write is written and the test can count them.)
+
+std::string ExpectedLine(int writer, int seq) {
+  // Lengths from a few bytes to several pages, so a torn or interleaved
+  // write could not go unnoticed.
+  const size_t pad = static_cast<size_t>((seq * 7919 + writer * 104729) % 9000);
+  std::string line = "{\"w\":" + std::to_string(writer) +
+                     ",\"seq\":" + std::to_string(seq) + ",\"pad\":\"";
+  line.append(pad, static_cast<char>('a' + (seq + writer) % 26));
+  line += "\"}";
+  return line;
+}
+
+// Returns false on any failure. Uses only what is safe in a forked child.
+bool WriteLines(const std::string& path, int writer, int count) {
+  for (int seq = 0; seq < count; ++seq) {
+    const std::string text = ExpectedLine(writer, seq) + "\n";
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    while (flock(fd, LOCK_EX) != 0) {
+      if (errno != EINTR) return false;
+    }
+    bool ok = lseek(fd, 0, SEEK_END) >= 0 &&
+              write(fd, text.data(), text.size()) ==
+                  static_cast<ssize_t>(text.size());
+    flock(fd, LOCK_UN);
+    close(fd);
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// Checks every line and records (writer, seq). `last_seq` holds, per writer,
+// the last sequence number this consumer saw: lines of one writer must come
+// out in the order they were written.
+void CheckLines(const Lines& lines, std::map<int, int>* last_seq,
+                std::vector<std::pair<int, int>>* seen) {
+  for (const std::string& line : lines) {
+    Json::Value v;
+    ASSERT_TRUE(fromString(line, v)) << "torn line: " << line.substr(0, 200);
+    const int w = v["w"].asInt();
+    const int seq = v["seq"].asInt();
+    ASSERT_EQ(line, ExpectedLine(w, seq)) << "damaged line";
+    auto it = last_seq->find(w);
+    if (it != last_seq->end()) {
+      ASSERT_GT(seq, it->second) << "writer " << w << " out of order";
+    }
+    (*last_seq)[w] = seq;
+    seen->emplace_back(w, seq);
+  }
+}
+
+void ExpectEachLineOnce(std::vector<std::pair<int, int>> seen, int writers,
+                        int count) {
+  std::sort(seen.begin(), seen.end());
+  std::vector<std::pair<int, int>> expected;
+  for (int w = 0; w < writers; ++w) {
+    for (int s = 0; s < count; ++s) expected.emplace_back(w, s);
+  }
+  ASSERT_EQ(seen.size(), expected.size())
+      << "lines lost or delivered twice";
+  EXPECT_EQ(seen, expected);
+}
+
+TEST_F(QueueConsumerTest, RacingWriterProcessesLoseNothingTearNothing) {
+  constexpr int kWriters = 3;
+  constexpr int kCount = 3000;
+  std::vector<pid_t> children;
+  for (int w = 0; w < kWriters; ++w) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) _exit(WriteLines(path_, w, kCount) ? 0 : 1);
+    children.push_back(pid);
+  }
+  QueueConsumer consumer(path_);
+  std::map<int, int> last_seq;
+  std::vector<std::pair<int, int>> seen;
+  int running = kWriters;
+  int rounds = 0;
+  while (running > 0) {
+    QueueConsumer::Result r = consumer.Consume();
+    ASSERT_TRUE(r.ok) << r.message;
+    CheckLines(r.lines, &last_seq, &seen);
+    ++rounds;
+    for (pid_t& pid : children) {
+      if (pid <= 0) continue;
+      int status = 0;
+      if (waitpid(pid, &status, WNOHANG) == pid) {
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        pid = -1;
+        --running;
+      }
+    }
+  }
+  const QueueConsumer::Result last = consumer.Consume();
+  ASSERT_TRUE(last.ok) << last.message;
+  EXPECT_FALSE(last.kept_partial_line);
+  CheckLines(last.lines, &last_seq, &seen);
+  ExpectEachLineOnce(seen, kWriters, kCount);
+  EXPECT_GT(rounds, 1) << "the consumer never ran alongside the writers";
+  EXPECT_EQ(Read(path_), "");
+}
+
+TEST_F(QueueConsumerTest, ConsumersAndWritersInThreadsShareEveryLineOnce) {
+  constexpr int kWriters = 2;
+  constexpr int kConsumers = 3;
+  constexpr int kCount = 1500;
+  std::atomic<int> writers_left{kWriters};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < kWriters; ++w) {
+    threads.emplace_back([this, w, &writers_left] {
+      EXPECT_TRUE(WriteLines(path_, w, kCount));
+      --writers_left;
+    });
+  }
+  std::mutex mutex;
+  std::vector<std::pair<int, int>> seen;
+  for (int c = 0; c < kConsumers; ++c) {
+    threads.emplace_back([this, &writers_left, &mutex, &seen] {
+      QueueConsumer consumer(path_);
+      std::map<int, int> last_seq;  // per consumer: order is kept
+      std::vector<std::pair<int, int>> mine;
+      bool done = false;
+      while (!done) {
+        done = writers_left.load() == 0;  // one more round after the end
+        QueueConsumer::Result r = consumer.Consume();
+        ASSERT_TRUE(r.ok) << r.message;
+        CheckLines(r.lines, &last_seq, &mine);
+      }
+      std::lock_guard<std::mutex> lock(mutex);
+      seen.insert(seen.end(), mine.begin(), mine.end());
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  ExpectEachLineOnce(seen, kWriters, kCount);
+}
+
+}  // namespace
+}  // namespace YULOTIFYD
+}  // namespace YULO
