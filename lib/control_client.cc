@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "errno_text.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/json_util.h"
 
@@ -20,27 +21,6 @@ namespace YULOTIFYD {
 namespace {
 
 using Status = ControlResult::Status;
-
-// strerror_r comes in a GNU flavour (returns the text) and an XSI one
-// (returns 0 and fills the buffer); these two overloads accept either.
-[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
-  return text;
-}
-[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
-  return rc == 0 ? buf : "unknown error";
-}
-
-std::string ErrnoText(int err) {
-  char buf[256];
-  buf[0] = '\0';
-  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
-}
-
-int64_t NowMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // Owns a descriptor for the length of one call.
 class Fd {
@@ -62,14 +42,14 @@ class Fd {
 class Deadline {
  public:
   explicit Deadline(int timeout_ms)
-      : forever_(timeout_ms <= 0), end_ms_(NowMs() + timeout_ms) {}
+      : forever_(timeout_ms <= 0), end_ms_(MonotonicMillis() + timeout_ms) {}
 
   // Sets `option` on `fd` to the time left. False, with errno EAGAIN, when
   // none is left.
   bool Arm(int fd, int option) const {
     struct timeval tv = {0, 0};  // zero: no time-out
     if (!forever_) {
-      const int64_t left = end_ms_ - NowMs();
+      const int64_t left = end_ms_ - MonotonicMillis();
       if (left <= 0) {
         errno = EAGAIN;
         return false;

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <utility>
 
+#include "errno_text.h"
 #include "yulo_build_config.h"
 #include "yulo_platform.h"
 #include "yulotifyd/json_util.h"
@@ -72,21 +73,6 @@ uint32_t KernelBitsFor(uint32_t events) {
   if (events & QUEUE_EVENT_MOVE) bits |= IN_MOVED_FROM | IN_MOVED_TO;
   if (events & QUEUE_EVENT_RESCAN) bits |= IN_DELETE_SELF;
   return bits;
-}
-
-// strerror_r comes in a GNU flavour (returns the text) and an XSI one
-// (returns 0 and fills the buffer); these two overloads accept either.
-[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
-  return text;
-}
-[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
-  return rc == 0 ? buf : "unknown error";
-}
-
-std::string ErrnoText(int err) {
-  char buf[256];
-  buf[0] = '\0';
-  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
 }
 
 bool HasNul(const std::string& s) {

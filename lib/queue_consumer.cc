@@ -1,3 +1,4 @@
+#include "errno_text.h"
 #include "yulotifyd/queue_consumer.h"
 
 #include <errno.h>
@@ -22,27 +23,6 @@ constexpr long kLockRetryNs = 1000 * 1000;
 // the consumer gives up (someone keeps replacing it).
 constexpr int kReopenAttempts = 5;
 constexpr size_t kReadChunk = 1 << 16;
-
-// strerror_r comes in a GNU flavour (returns the text) and an XSI one
-// (returns 0 and fills the buffer); these two overloads accept either.
-[[maybe_unused]] const char* StrErrorResult(const char* text, const char*) {
-  return text;
-}
-[[maybe_unused]] const char* StrErrorResult(int rc, const char* buf) {
-  return rc == 0 ? buf : "unknown error";
-}
-
-std::string ErrnoText(int err) {
-  char buf[256];
-  buf[0] = '\0';
-  return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
-}
-
-int64_t NowMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // Unlocks (if locked) and closes on every way out.
 class LockedFile {
@@ -127,7 +107,7 @@ QueueConsumer::QueueConsumer(std::string queue_path, int lock_timeout_ms)
 
 QueueConsumer::Result QueueConsumer::Consume() const {
   const std::string& path = queue_path_;
-  const int64_t lock_deadline = NowMs() + (lock_timeout_ms_ > 0
+  const int64_t lock_deadline = MonotonicMillis() + (lock_timeout_ms_ > 0
                                                ? lock_timeout_ms_
                                                : 0);
   for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
@@ -168,7 +148,7 @@ QueueConsumer::Result QueueConsumer::Consume() const {
       if (err != EWOULDBLOCK && err != EINTR) {
         return Fail(err, "cannot lock " + path + ": " + ErrnoText(err));
       }
-      if (NowMs() >= lock_deadline) {
+      if (MonotonicMillis() >= lock_deadline) {
         return Fail(EWOULDBLOCK, path + " stayed locked by another process " +
                                      "for " + std::to_string(lock_timeout_ms_) +
                                      " ms");
