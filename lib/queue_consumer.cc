@@ -1,4 +1,3 @@
-#include "errno_text.h"
 #include "yulotifyd/queue_consumer.h"
 
 #include <errno.h>
@@ -10,6 +9,8 @@
 
 #include <cstring>
 #include <utility>
+
+#include "errno_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {
