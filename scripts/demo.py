@@ -11,8 +11,7 @@ import argparse
 import json
 import os
 import signal
-import socket
-import struct
+import subprocess
 import sys
 import tempfile
 import threading
@@ -28,35 +27,19 @@ def say(text):
 
 
 class Tail(threading.Thread):
-    """Prints new syslog lines and new queue lines as they arrive."""
+    """Prints new syslog lines as they arrive."""
 
-    def __init__(self, appliance, *queue_paths):
+    def __init__(self, appliance):
         super().__init__(daemon=True)
         self.appliance = appliance
-        self.queues = [[Path(p), 0] for p in queue_paths]  # path, offset
         self.stop = threading.Event()
         self.seen_logs = 0
-        self.queue_lines = 0
 
     def poll(self):
         logs = self.appliance.logs
         for line in logs[self.seen_logs:]:
             print("  %-12s| %s" % ("syslog", line), flush=True)
         self.seen_logs = len(logs)
-        for entry in self.queues:
-            path, offset = entry
-            try:
-                with open(path, "rb") as f:
-                    f.seek(offset)
-                    data = f.read()
-            except FileNotFoundError:
-                continue
-            complete = data[: data.rfind(b"\n") + 1]
-            entry[1] += len(complete)
-            for line in complete.splitlines():
-                self.queue_lines += 1
-                print("  %-12s| %s" % (path.stem, line.decode(errors="replace")),
-                      flush=True)
 
     def run(self):
         while not self.stop.is_set():
@@ -65,16 +48,33 @@ class Tail(threading.Thread):
         self.poll()
 
 
-def send_command(socket_path, command):
-    """One control command: 8-byte length, JSON text with its zero byte;
-    the reply is a 4-byte status."""
-    body = json.dumps(command).encode() + b"\0"
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-        s.settimeout(10)
-        s.connect(str(socket_path))
-        s.sendall(struct.pack("=Q", len(body)) + body)
-        reply = s.recv(4)
-    return struct.unpack("=i", reply)[0] if len(reply) == 4 else None
+class Consumer:
+    """A consumer of one queue file: `yulotifyctl consume --follow`, which
+    takes the lines under the file's lock and empties the file; each line
+    it prints is shown here as it comes."""
+
+    def __init__(self, ctl, queue_path):
+        self.name = Path(queue_path).stem
+        self.lines = 0
+        self.proc = subprocess.Popen(
+            [str(ctl), "consume", str(queue_path), "--follow", "--interval", "200"],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.thread = threading.Thread(target=self._pump, daemon=True)
+        self.thread.start()
+
+    def _pump(self):
+        for line in self.proc.stdout:
+            self.lines += 1
+            print("  %-12s| %s" % (self.name, line.rstrip("\n")), flush=True)
+
+    def close(self):
+        time.sleep(0.5)  # a last round for lines written just now
+        self.proc.send_signal(signal.SIGINT)
+        try:
+            self.proc.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+        self.thread.join(timeout=5)
 
 
 def main():
@@ -98,18 +98,24 @@ def main():
     print("  monitor queue : %s" % (appliance.conf_dir("system") / "indexer.json").read_text().strip())
 
     queue2 = appliance.queue_path("thumbnailer.queue")
-    tail = Tail(appliance, queue, queue2)
+    ctl = Path(args.prefix) / "bin" / "yulotifyctl"
+    tail = Tail(appliance)
+    consumers = []
     try:
         say("Starting yulotifyd in a private mount namespace")
         appliance.start()
         appliance.wait_ready()
         print("  service manager got: READY=1 (pid %d)" % appliance.pid, flush=True)
         tail.start()
+        say("Consumers take the queue files' lines with: yulotifyctl consume QUEUE --follow")
+        consumers = [Consumer(ctl, queue), Consumer(ctl, queue2)]
 
         say("Raising the log level through the control socket")
-        reply = send_command(appliance.socket_path,
-                             {"type": "set_log_level", "data": {"log_level": "debug"}})
-        print("  set_log_level debug -> %s" % reply, flush=True)
+        command = [str(ctl), "--socket", str(appliance.socket_path),
+                   "set-log-level", "debug"]
+        result = subprocess.run(command)
+        print("  yulotifyctl set-log-level debug -> exit status %d" % result.returncode,
+              flush=True)
         time.sleep(0.5)
 
         say("Making file changes in the share /vol1/Multimedia")
@@ -132,7 +138,7 @@ def main():
         while time.time() < deadline:
             time.sleep(0.2)
         tail.poll()
-        if tail.queue_lines == 0:
+        if consumers[0].lines == 0:
             print("  no queue lines arrived: see the syslog lines above for why.",
                   flush=True)
 
@@ -148,12 +154,17 @@ def main():
         appliance.signal(signal.SIGTERM)
         code = appliance.wait_exit()
         time.sleep(0.3)
+        for consumer in consumers:
+            consumer.close()
+        consumers = []
         tail.stop.set()
         tail.join()
         print("  exit status: %d" % code)
         print("  run-status file now: %s" % json.dumps(appliance.read_run_status()))
         print("  control socket removed: %s" % (not appliance.socket_path.exists()))
     finally:
+        for consumer in consumers:
+            consumer.close()
         tail.stop.set()
         appliance.stop()
     return 0

@@ -54,7 +54,16 @@ def two_volume_appliance(app):
 
 @pytest.fixture
 def app(appliance):
-    return two_volume_appliance(appliance)
+    yield two_volume_appliance(appliance)
+    # Every run must end cleanly: exit 0 and nothing on stderr (a sanitizer
+    # build reports there and exits with another status).
+    if appliance.proc is not None:
+        if appliance.running:
+            appliance.signal(signal.SIGTERM)
+        code = appliance.wait_exit(15)
+        stderr = appliance.stderr_path.read_bytes()
+        assert code == 0 and stderr == b"", \
+            "exit status %r, stderr %r" % (code, stderr[:3000])
 
 
 def test_create_delete_mkdir_rmdir(app):
