@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds yulotifyd three ways (plain, ASan+UBSan,
 # TSan) and runs every test: the unit tests of each build, and the
-# end-to-end tests against the installed plain and TSan builds. Run as root: the tests
+# end-to-end tests against the installed plain build (and the pipeline ones
+# against the TSan build). Run as root: the tests
 # mount file systems in private mount namespaces and use fanotify.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -26,10 +27,12 @@ echo "== TSan build"
 bash scripts/build.sh "$out/tsan" "$out/tsan-install" -DCMAKE_BUILD_TYPE=Debug -DYULOTIFYD_SANITIZE=thread
 (cd "$out/tsan" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j2)
 
-# The daemon's threads under ThreadSanitizer, driven for real: a report
-# makes the daemon exit with status 66, which every test checks.
-echo "== end-to-end tests against the TSan daemon"
+# The daemon's worker threads under ThreadSanitizer, driven for real by the
+# tests that keep the pipeline busy: a report makes the daemon exit with
+# status 66, which these tests check.
+echo "== pipeline end-to-end tests against the TSan daemon"
 TSAN_OPTIONS=halt_on_error=0 YULOTIFYD_PREFIX="$out/tsan-install" \
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/e2e"
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider \
+  "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py"
 
 echo "== all tests passed"

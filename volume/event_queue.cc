@@ -23,6 +23,20 @@ bool EventQueue::Push(const NotifyEvent& event) {
   return true;
 }
 
+bool EventQueue::PushAll(const std::vector<NotifyEvent>& events) {
+  std::list<NotifyEvent> copies;
+  try {
+    copies.assign(events.begin(), events.end());
+  } catch (...) {
+    return false;
+  }
+  pthread_mutex_lock(&mutex_);
+  count_ += copies.size();
+  events_.splice(events_.end(), copies);
+  pthread_mutex_unlock(&mutex_);
+  return true;
+}
+
 void EventQueue::TakeAll(std::list<NotifyEvent>& out) {
   pthread_mutex_lock(&mutex_);
   if (out.empty()) {

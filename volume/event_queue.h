@@ -12,6 +12,7 @@
 #include <pthread.h>
 
 #include <list>
+#include <vector>
 
 #include "notify/notify_event.h"
 
@@ -28,6 +29,9 @@ class EventQueue {
   // False when the copy cannot be made (out of memory); the queue is
   // unchanged.
   bool Push(const NotifyEvent& event);
+  // Appends copies of all `events` at once: a taker sees all or none of
+  // them. False, with the queue unchanged, when the copies cannot be made.
+  bool PushAll(const std::vector<NotifyEvent>& events);
   // Moves every queued event to the end of `out`, oldest first.
   void TakeAll(std::list<NotifyEvent>& out);
   size_t Size();

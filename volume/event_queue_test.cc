@@ -48,6 +48,35 @@ TEST(EventQueueTest, TakeAllOfEmptyQueueLeavesListUnchanged) {
   EXPECT_EQ(out.front().path, "/1");
 }
 
+TEST(EventQueueTest, PushAllAppendsEveryEventInOrder) {
+  EventQueue q;
+  q.Push(Event("/0"));
+  ASSERT_TRUE(q.PushAll({Event("/1"), Event("/2")}));
+  EXPECT_EQ(q.Size(), 3u);
+  std::list<NotifyEvent> out;
+  q.TakeAll(out);
+  ASSERT_EQ(out.size(), 3u);
+  EXPECT_EQ(out.back().path, "/2");
+}
+
+TEST(EventQueueTest, PushAllIsSeenWholeByAConcurrentTaker) {
+  EventQueue q;
+  constexpr int kPairs = 5000;
+  std::thread producer([&] {
+    for (int i = 0; i < kPairs; ++i) q.PushAll({Event("/a"), Event("/b")});
+  });
+  size_t taken = 0;
+  bool split = false;
+  while (taken < 2u * kPairs) {
+    std::list<NotifyEvent> batch;
+    q.TakeAll(batch);
+    split |= batch.size() % 2 != 0;
+    taken += batch.size();
+  }
+  producer.join();
+  EXPECT_FALSE(split);
+}
+
 TEST(EventQueueTest, ConcurrentPushAndTakeLoseNothing) {
   EventQueue q;
   constexpr int kEvents = 20000;

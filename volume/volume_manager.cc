@@ -146,8 +146,12 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
   std::vector<NotifyEvent> records;
   const bool offered = BuildInjected(type, path, path_old, share_paths_,
                                      mount_point_, &g_push_cookie, &records);
-  // A push that fails is logged by the queue; the injection still counts.
-  for (const NotifyEvent& record : records) EnqueueEvent(record);
+  // Both halves of a rename go in together, so the processor never takes a
+  // batch between them and fails to pair them. A failed push is logged; the
+  // injection still counts as offered.
+  if (!records.empty() && !queue_.PushAll(records)) {
+    YULO_LOG_ALWAYS("Event queue is full");
+  }
   return offered;
 }
 
