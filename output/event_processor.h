@@ -12,9 +12,15 @@
 // and code. When the volume comes up in recovery, the thread writes a rescan
 // of the volume before it handles any event.
 //
-// Ownership: the processor does not own its source, which must outlive it.
-// It owns the events it has taken and not yet handled; the destructor drops
-// them unwritten.
+// The lines of a pass go into one outbox per queue file (QueueOutbox), and
+// at the end of the pass each file gets its lines in one locked append.
+// Lines a file does not take stay in its outbox and are tried again at every
+// later pass, also a pass without new events.
+//
+// Ownership: the processor does not own its source, which must outlive it,
+// nor the QueueFileOps it is given (it then must outlive it too). It owns
+// the events it has taken and not yet handled, and its outboxes; the
+// destructor drops both unwritten.
 //
 // Thread-safety: Run, RunOnePass and SendRecoveryRescan run on the worker
 // thread (tests call them directly when the thread is not started).
@@ -29,11 +35,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <map>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "notify/notify_event.h"
 #include "output/event_source.h"
-#include "output/queue_line.h"
+#include "output/queue_file_ops.h"
+#include "output/queue_outbox.h"
 #include "yulotifyd/monitor_queue.h"
 #include "yulotifyd/thread.h"
 
@@ -45,8 +55,9 @@ class EventProcessor : public Thread {
   // Pause between two passes, in milliseconds.
   static constexpr unsigned kPassIntervalMs = 3000;
 
-  // Throws the integer -1, after logging, when `source` is null.
-  explicit EventProcessor(EventSource* source);
+  // Throws the integer -1, after logging, when `source` is null. Queue
+  // files are written through `ops`, the real system calls when null.
+  explicit EventProcessor(EventSource* source, QueueFileOps* ops = nullptr);
   // Stops the thread first, then drops the pending events unwritten.
   ~EventProcessor() override;
 
@@ -69,6 +80,9 @@ class EventProcessor : public Thread {
   // Events taken from the source and not yet handled.
   size_t PendingCount();
 
+  // Lines held in the outboxes for files that have not taken them yet.
+  size_t KeptLineCount();
+
  protected:
   // SendRecoveryRescan, then RunOnePass and a 3-second pause (cut short by
   // Stop) until the stop flag is raised.
@@ -78,6 +92,8 @@ class EventProcessor : public Thread {
   // REQUIRES (for these and everything below): StateGuard held, or the
   // thread not running.
   void FetchEvents();
+  // Handles every pending event, in order, into the outboxes.
+  void HandlePending(std::vector<MonitorQueue>& snapshot);
   static void LogEvent(const NotifyEvent& event);
   // Looks for the first pending event with `first`'s cookie; if found,
   // moves it to `partner`, logs it and returns true.
@@ -87,12 +103,31 @@ class EventProcessor : public Thread {
   void HandleMovePair(const NotifyEvent& first, const NotifyEvent& partner,
                       std::vector<MonitorQueue>& snapshot);
   void SendRescan(std::vector<MonitorQueue>& snapshot);
+  // Add one line to the outbox of the snapshot's queue `queue_index`.
+  void SendEvent(uint32_t code, const std::string& path, bool is_dir,
+                 size_t queue_index);
+  void SendMoveEvent(const std::string& old_path, const std::string& new_path,
+                     bool is_dir, size_t queue_index);
+  // Points targets_ at the outbox of each queue of `snapshot`, making the
+  // missing ones.
+  void BindOutboxes(const std::vector<MonitorQueue>& snapshot);
+  // Has every outbox append what it holds; drops the empty ones no queue
+  // of `snapshot` names any more.
+  void FlushOutboxes(const std::vector<MonitorQueue>& snapshot);
+  size_t KeptLinesLocked() const;
 
   EventSource* source_;
   // 1 while FetchEvents runs, else 0. Both fetch paths test it; with the
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;
   std::list<NotifyEvent> pending_;
+  PosixQueueFileOps posix_ops_;
+  QueueFileOps* ops_;
+  // One outbox per queue file path, byte-wise.
+  std::map<std::string, std::unique_ptr<QueueOutbox>> outboxes_;
+  // The outbox of each queue of the current pass's snapshot, by position.
+  std::vector<QueueOutbox*> targets_;
+  std::string line_;  // reused for every line's text
 };
 
 }  // namespace YULOTIFYD

@@ -1,6 +1,8 @@
 #include "output/event_processor.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
 #include "output/testing/log_capture.h"
 #include "yulotifyd/log.h"
@@ -26,6 +29,8 @@ using testing::ParseLine;
 using testing::ReadLines;
 using testing::ScratchDir;
 using testing::TakeLogLines;
+using testing::WriteFileText;
+using testing::ReadFileText;
 
 std::string Line(uint32_t code, const std::string& path, bool is_dir = false) {
   return "{\"event\":" + std::to_string(code) +
@@ -104,6 +109,35 @@ TEST_F(EventProcessorTest, PassWithoutEventsTakesNoSnapshot) {
   EXPECT_EQ(source_.GetEventsCalls(), 1);
   EXPECT_EQ(source_.SnapshotCalls(), 0);
   EXPECT_EQ(access(media_.c_str(), F_OK), -1) << "no file created";
+}
+
+TEST_F(EventProcessorTest, KeptLinesAreRetriedAtPassesWithoutEvents) {
+  TwoShareQueues();
+  // The consumer of the media queue holds its lock through one pass.
+  WriteFileText(media_, "");
+  const int holder = open(media_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/a.jpg"));
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/a.txt"));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadFileText(media_), "");
+  EXPECT_EQ(ReadLines(docs_), (Lines{Line(64, "/vol1/Docs/a.txt")}))
+      << "a busy file holds up no other file";
+  EXPECT_EQ(processor.KeptLineCount(), 1u);
+
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/b.jpg"));
+  processor.RunOnePass();
+  EXPECT_EQ(processor.KeptLineCount(), 2u);
+
+  flock(holder, LOCK_UN);
+  close(holder);
+  processor.RunOnePass();  // no new event
+  EXPECT_EQ(processor.KeptLineCount(), 0u);
+  EXPECT_EQ(ReadLines(media_), (Lines{Line(64, "/vol1/Multimedia/a.jpg"),
+                                      Line(64, "/vol1/Multimedia/b.jpg")}));
+  EXPECT_EQ(source_.SnapshotCalls(), 3);
 }
 
 TEST_F(EventProcessorTest, FilteringFollowsEachQueuesEventsAndDirectories) {

@@ -1,6 +1,7 @@
 #include "output/queue_line.h"
 
 #include <cstddef>
+#include <cstdio>
 
 #include "notify/notify_event.h"
 #include "yulotifyd/json_util.h"
@@ -94,11 +95,10 @@ bool IsValidUtf8(const std::string& text) {
   return true;
 }
 
-std::string QuoteQueueString(const std::string& text) {
+void AppendQueueString(std::string& out, std::string_view text) {
   const unsigned char* s = reinterpret_cast<const unsigned char*>(text.data());
   const size_t n = text.size();
-  std::string out;
-  out.reserve(n + 2);
+  out.reserve(out.size() + n + 2);
   out += '"';
   size_t i = 0;
   while (i < n) {
@@ -150,7 +150,29 @@ std::string QuoteQueueString(const std::string& text) {
     }
   }
   out += '"';
+}
+
+std::string QuoteQueueString(const std::string& text) {
+  std::string out;
+  AppendQueueString(out, text);
   return out;
+}
+
+void AppendQueueLine(std::string& out, uint32_t code, std::string_view path,
+                     bool is_dir, std::string_view quoted_old_path) {
+  // JsonCpp writes an object's members in key order: event, is_dir, path,
+  // path_old.
+  char number[16];
+  const int len = snprintf(number, sizeof(number), "%u", code);
+  out += "{\"event\":";
+  out.append(number, static_cast<size_t>(len));
+  out += is_dir ? ",\"is_dir\":true,\"path\":" : ",\"is_dir\":false,\"path\":";
+  AppendQueueString(out, path);
+  if (!quoted_old_path.empty()) {
+    out += ",\"path_old\":";
+    out += quoted_old_path;
+  }
+  out += '}';
 }
 
 std::string QueueLineText(const Json::Value& object) {

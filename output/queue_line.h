@@ -22,6 +22,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -41,6 +42,15 @@ bool IsValidUtf8(const std::string& text);
 // StreamWriter writes it (ASCII only, non-ASCII as lower-case \uXXXX,
 // surrogate pairs above U+FFFF), every other byte B as \udcXX with XX = B.
 std::string QuoteQueueString(const std::string& text);
+// The same, appended to `out`.
+void AppendQueueString(std::string& out, std::string_view text);
+
+// Appends the text of the line {"event": code, "is_dir": is_dir, "path":
+// path} to `out`, without its line feed; with a non-empty `quoted_old_path`
+// (a QuoteQueueString result) the move line that also has "path_old". The
+// bytes are those QueueLineText gives for the same object.
+void AppendQueueLine(std::string& out, uint32_t code, std::string_view path,
+                     bool is_dir, std::string_view quoted_old_path = {});
 
 // The text of one queue line, without its line feed. REQUIRES: `object` is a
 // JSON object whose keys are plain ASCII. Equals toString(object) when every

@@ -276,6 +276,31 @@ TEST(QueueLineTest, PythonConsumerRecoversTheBytes) {
   EXPECT_EQ(ReadFileText(out), expected_hex);
 }
 
+TEST(QueueLineTest, AppendQueueLineWritesWhatJsonCppWrites) {
+  const std::vector<std::string> paths = {
+      "",         "/vol1/M/a",       "/vol1/M/\"q\" \\ \b\f\n\r\t\x01\x1f\x7f",
+      "/\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "/bad \xe9\xff\xc3", "/nul\0in"};
+  for (const std::string& path : paths) {
+    for (const uint32_t code : {1u, 64u, 128u, 512u, 1024u, 4294967295u}) {
+      for (const bool is_dir : {false, true}) {
+        Json::Value event(Json::objectValue);
+        event["event"] = Json::Value(code);
+        event["path"] = Json::Value(path);
+        event["is_dir"] = Json::Value(is_dir);
+        std::string text = "prefix";
+        AppendQueueLine(text, code, path, is_dir);
+        EXPECT_EQ(text, "prefix" + QueueLineText(event));
+
+        event["path_old"] = Json::Value(paths[5 - (&path - &paths[0])]);
+        text.clear();
+        AppendQueueLine(text, code, path, is_dir,
+                        QuoteQueueString(event["path_old"].asString()));
+        EXPECT_EQ(text, QueueLineText(event));
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace YULOTIFYD
 }  // namespace YULO

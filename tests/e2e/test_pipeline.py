@@ -1,7 +1,6 @@
 """Kernel events reach the consumers' queue files, end to end: real
 fanotify on tmpfs volumes, the installed daemon, real queue files."""
 
-import fcntl
 import json
 import os
 import signal
@@ -299,17 +298,3 @@ def test_queue_file_size_limit_and_reset(app):
     (share / "dropped").write_text("c")
     time.sleep(QUIET_PERIOD)
     assert open(q, "rb").read() == content
-
-
-def test_writer_gives_up_on_a_held_lock(app):
-    q = app.queue_path("q.queue")
-    app.add_queue("system", "q.json", q, [monitor("Public", events=["create"])])
-    app.start()
-    app.wait_ready()
-    with open(q, "a") as held:
-        fcntl.flock(held, fcntl.LOCK_EX)
-        (app.ns_path("/vol1/Public") / "lost").write_text("l")
-        app.wait_log(r"try lock too many times, path=%s, reason=Resource temporarily unavailable$" % q)
-        time.sleep(QUIET_PERIOD)
-    assert app.count_logs(r"try lock too many times") == 1
-    assert app.read_queue(q) == []

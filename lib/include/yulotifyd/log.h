@@ -55,6 +55,14 @@ std::string SourceStem(const char* file);
       ::YULO::YULOTIFYD::LogWrite(__FILE__, __LINE__, __VA_ARGS__); \
   } while (0)
 
+// The same with an explicit source name, for code that lives in another file
+// than the one whose name its lines have always carried.
+#define YULO_LOG_GATED_AS(source, gate, ...)                      \
+  do {                                                            \
+    if (::YULO::YULOTIFYD::LogGateOpen(gate))                     \
+      ::YULO::YULOTIFYD::LogWrite(source, __LINE__, __VA_ARGS__); \
+  } while (0)
+
 #define YULO_LOG_ALWAYS(...) \
   YULO_LOG_GATED(::YULO::YULOTIFYD::LogGate::kAlways, __VA_ARGS__)
 #define YULO_LOG_INFO(...) \

@@ -1,0 +1,129 @@
+// QueueOutbox: the lines on their way into one queue file.
+//
+// The event processor adds to a file's outbox every line a pass produces for
+// that file, in order, and at the end of the pass has the outbox append them
+// all at once: one open, one lock, one look at the head, one fstat and one
+// write for the whole batch (AppendToQueue). The bytes that reach the file
+// are exactly those that appending the lines one at a time would give,
+// the 100 MiB reset included.
+//
+// Nothing is dropped when the file cannot take the lines (lock held by a
+// consumer, open or write failing): the file is left as it was (a short write
+// is truncated back), the lines stay in the outbox ahead of later ones, and
+// every later AppendToQueue tries again. Such a failure is logged once when
+// it starts and once when the file takes lines again. When more than
+// kOutboxMaxLines lines or kOutboxMaxBytes bytes are kept, they are replaced
+// by one rescan line per share of the queues that name the file, so a file
+// that never comes back costs bounded memory and its consumer still learns
+// what to rescan. A file in the reset state (first line a reset marker)
+// takes nothing: lines meant for it are dropped, since the marker already
+// tells its consumer to rescan.
+//
+// Ownership: owns its lines. Uses, without owning, the QueueFileOps passed
+// in. No descriptor is held between calls.
+// Thread-safety: none; one outbox belongs to one processor thread. The lock
+// on the file is what orders it with consumers and other processors.
+#ifndef YULOTIFYD_OUTPUT_QUEUE_OUTBOX_H_
+#define YULOTIFYD_OUTPUT_QUEUE_OUTBOX_H_
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "output/queue_file.h"
+#include "output/queue_file_ops.h"
+#include "yulotifyd/monitor_queue.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+class QueueOutbox {
+ public:
+  // How the file did at the last attempt.
+  enum class State {
+    kOk,       // took its lines
+    kBusy,     // the lock stayed busy
+    kFailing,  // open, lock or write failed otherwise
+    kReset,    // the first line is a reset marker: lines are dropped
+  };
+
+  explicit QueueOutbox(std::string path);
+
+  QueueOutbox(const QueueOutbox&) = delete;
+  QueueOutbox& operator=(const QueueOutbox&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // Adds one line: `text` is the JSON object without its line feed. For a
+  // move line, `quoted_old_path` is its "path_old" value as quoted JSON
+  // text (a reset that this line triggers keeps it in the marker and the
+  // rescan lines); empty otherwise.
+  void AddLine(std::string_view text, std::string_view quoted_old_path = {});
+
+  // Appends every line held to the file under its lock, as described above.
+  // `snapshot` serves a reset and the rescan lines of a full outbox: the
+  // shares of every queue whose file path equals this outbox's. True when
+  // the outbox is empty afterwards.
+  bool AppendToQueue(const std::vector<MonitorQueue>& snapshot,
+                     QueueFileOps& ops);
+
+  bool empty() const { return lines_.empty(); }
+  size_t LineCount() const { return lines_.size(); }
+  size_t ByteCount() const { return bytes_.size(); }
+  State state() const { return state_; }
+  // Lines that reached the file since the outbox was made.
+  uint64_t lines_written() const { return lines_written_; }
+  // The last failure's text ("" when none yet) and when it happened.
+  const std::string& last_error() const { return last_error_; }
+  time_t last_error_time() const { return last_error_time_; }
+
+ private:
+  struct Line {
+    size_t end;          // offset just past its line feed in bytes_
+    uint32_t old_index;  // 1 + index into old_paths_; 0 when not a move
+  };
+
+  enum class Outcome { kWritten, kKept, kDropped };
+  enum class Failure { kOpen, kBusy, kLock, kWrite };
+
+  // The locked part of AppendToQueue, once the file is open and locked.
+  Outcome WriteLocked(int fd, const std::vector<MonitorQueue>& snapshot,
+                      QueueFileOps& ops);
+  // Empties the file and writes a reset marker and the rescan lines built
+  // from line `index` (whose "path_old", if any, they keep).
+  Outcome Reset(int fd, size_t index, const std::vector<MonitorQueue>& snapshot,
+                QueueFileOps& ops);
+  // The reset output (marker, then one rescan line per share) as lines.
+  std::string ResetText(std::string_view quoted_old_path,
+                        const std::vector<MonitorQueue>& snapshot) const;
+  // Replaces what is held by one rescan line per share.
+  void ReplaceByRescans(const std::vector<MonitorQueue>& snapshot);
+  std::string_view OldPathOf(size_t index) const;
+  void Clear();
+  // Records a failure (errno `err`) and logs it when it starts one; later
+  // ones are quiet until the file takes lines again.
+  void NoteFailure(Failure failure, int err);
+  void NoteSuccess(State state);
+
+  const std::string path_;
+  std::string bytes_;   // every line held, each with its line feed
+  std::vector<Line> lines_;
+  std::vector<std::string> old_paths_;
+  State state_ = State::kOk;
+  bool failing_ = false;       // a failure was logged and has not ended
+  bool overflow_logged_ = false;
+  size_t kept_lines_ = 0;      // lines held after the last failed attempt
+  uint64_t lines_written_ = 0;
+  std::string last_error_;
+  time_t last_error_time_ = 0;
+};
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_OUTPUT_QUEUE_OUTBOX_H_
