@@ -46,6 +46,8 @@ Daemon::Daemon(DaemonOptions options)
       sock_fd(-1),
       inotify_fd(-1),
       run_status(RUN_STATUS_UNSET),
+      marked_running_(false),
+      all_drained_(true),
       inotify_buffer(kInotifyBufferSize),
       reload_sem(nullptr),
       reload_mutex_(PTHREAD_MUTEX_INITIALIZER),
@@ -118,6 +120,10 @@ void Daemon::Run() {
       break;
     }
     YULO_LOG_INFO("Volume manager setup done ...");
+    // From here on, any end but a complete clean stop leaves "running"
+    // behind, which the next start reads as an unclean stop and answers
+    // with a rescan of every volume.
+    marked_running_ = WriteDaemonRunStatus("running");
     ready = true;
   } while (false);
 
@@ -169,11 +175,7 @@ void Daemon::Cleanup() {
     close(inotify_fd);
     inotify_fd = -1;
   }
-  // Each manager stops and joins its threads in its destructor.
-  for (auto it = volume_mgrs.begin(); it != volume_mgrs.end();) {
-    delete it->second;
-    it = volume_mgrs.erase(it);
-  }
+  StopVolumeMgrs();
   SaveDaemonRunStatus();
   signal(SIGTERM, SIG_DFL);
   signal(SIGINT, SIG_DFL);

@@ -45,6 +45,9 @@ class Daemon : public VolumeContext {
  public:
   static constexpr size_t kInotifyBufferSize = 8704;
   static constexpr int kSelectTimeoutSeconds = 30;
+  // How long a stopping volume may take to write what it has read before
+  // the daemon gives up on it (and leaves the next start to rescan).
+  static constexpr int kDrainSeconds = 10;
 
   explicit Daemon(DaemonOptions options = DaemonOptions());
   ~Daemon() override;
@@ -70,7 +73,11 @@ class Daemon : public VolumeContext {
   // Run status and monitor queues.
   void LoadMonitorQueue();
   void LoadDaemonRunStatus();
+  // Replaces the run-status file with {"status": `status`}.
+  bool WriteDaemonRunStatus(const char* status);
   void SaveDaemonRunStatus();
+  // Drains and deletes every volume manager, side by side.
+  void StopVolumeMgrs();
   bool SetupInotify();
   void AddInotifyWatch(const std::string& path);
   void HandleInotify();
@@ -99,6 +106,11 @@ class Daemon : public VolumeContext {
   std::map<int32_t, VolumeMgr*> volume_mgrs;
   std::vector<MonitorQueue> monitor_queues;
   int32_t run_status;
+  // "running" was written at start: only a complete clean stop may replace
+  // it with "stop".
+  bool marked_running_;
+  // False once any volume stopped before all it had read was written.
+  bool all_drained_;
   std::vector<char> inotify_buffer;
   // The reload barrier; set only while HandleInotify waits for the
   // receivers. Worker threads post it under reload_mutex_, which keeps a late

@@ -39,12 +39,24 @@ void Daemon::LoadDaemonRunStatus() {
   }
 }
 
+bool Daemon::WriteDaemonRunStatus(const char* status) {
+  Json::Value root(Json::objectValue);
+  root["status"] = status;
+  // toFile writes a temporary file beside it and renames it over the old
+  // one, so a crash at any moment leaves either the old or the new status.
+  if (toFile(root, options_.run_status_path, 0644)) return true;
+  YULO_LOG_ALWAYS("Failed to write run status %s, path=%s, reason=%m", status,
+                  options_.run_status_path.c_str());
+  return false;
+}
+
 void Daemon::SaveDaemonRunStatus() {
   // A daemon that stopped before reading the file leaves it as it was.
   if (run_status == RUN_STATUS_UNSET) return;
-  Json::Value root(Json::objectValue);
-  root["status"] = "stop";
-  toFile(root, options_.run_status_path, 0644);
+  // A stop that left something unwritten keeps "running": the next start
+  // then rescans.
+  if (marked_running_ && !all_drained_) return;
+  WriteDaemonRunStatus("stop");
 }
 
 }  // namespace YULOTIFYD

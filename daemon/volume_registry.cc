@@ -1,4 +1,5 @@
 // The registry of volume managers, keyed by volume id.
+#include <chrono>
 #include <cstring>
 
 #include "daemon/daemon.h"
@@ -79,10 +80,33 @@ void Daemon::MountVolume(const std::string& mount_point) {
 void Daemon::UmountVolume(const std::string& mount_point) {
   for (auto it = volume_mgrs.begin(); it != volume_mgrs.end(); ++it) {
     if (it->second->GetMountPoint() == mount_point) {
+      // What was read from the volume is written before it goes.
+      if (!it->second->Drain(std::chrono::steady_clock::now() +
+                             std::chrono::seconds(kDrainSeconds))) {
+        all_drained_ = false;
+      }
       delete it->second;
       volume_mgrs.erase(it);
       return;
     }
+  }
+}
+
+void Daemon::StopVolumeMgrs() {
+  // All volumes wind down side by side under one deadline: every receiver
+  // reads what the kernel still holds, then every processor writes the
+  // whole queue.
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::seconds(kDrainSeconds);
+  for (auto& entry : volume_mgrs) entry.second->BeginDrain(deadline);
+  for (auto& entry : volume_mgrs) entry.second->FinishReceiving(deadline);
+  for (auto& entry : volume_mgrs) {
+    if (!entry.second->FinishDrain()) all_drained_ = false;
+  }
+  // Deleted in ascending volume id.
+  for (auto it = volume_mgrs.begin(); it != volume_mgrs.end();) {
+    delete it->second;
+    it = volume_mgrs.erase(it);
   }
 }
 

@@ -54,11 +54,15 @@ void* Thread::Trampoline(void* self) {
   return nullptr;
 }
 
-void Thread::Stop() {
+void Thread::RequestStop() {
   pthread_mutex_lock(&wake_mutex_);
   stop_flag.store(true);
   pthread_cond_broadcast(&wake_cond_);
   pthread_mutex_unlock(&wake_mutex_);
+}
+
+void Thread::Stop() {
+  RequestStop();
   if (started_) {
     pthread_join(thread_, nullptr);
     started_ = false;

@@ -191,6 +191,36 @@ TEST_F(ThreadLockTest, SleepEndsWhenStopped) {
   EXPECT_EQ(sleeper.result.load(), 0);
 }
 
+TEST_F(ThreadLockTest, RequestStopWakesWithoutJoining) {
+  class Sleeper : public Thread {
+   public:
+    ~Sleeper() override { Stop(); }
+    std::atomic<bool> asleep{false};
+    std::atomic<bool> go_on{false};
+    std::atomic<int> result{-1};
+
+   protected:
+    void Run() override {
+      asleep = true;
+      result = SleepUnlessStopped(3600 * 1000) ? 1 : 0;
+      while (!go_on.load()) {
+      }
+    }
+  };
+  Sleeper sleeper;
+  ASSERT_TRUE(sleeper.Start());
+  while (!sleeper.asleep.load()) {
+  }
+  sleeper.RequestStop();  // returns although the body is still running
+  while (sleeper.result.load() < 0) {
+  }
+  EXPECT_EQ(sleeper.result.load(), 0);
+  EXPECT_TRUE(sleeper.IsRunning());
+  sleeper.go_on = true;
+  sleeper.Stop();
+  EXPECT_FALSE(sleeper.IsRunning());
+}
+
 TEST_F(ThreadLockTest, SleepReturnsTrueWhenNotStopped) {
   class ShortSleeper : public Thread {
    public:

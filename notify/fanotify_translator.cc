@@ -76,8 +76,12 @@ FanotifyTranslator::FanotifyTranslator(DirResolver* resolver)
     : resolver_(resolver) {}
 
 uint32_t FanotifyTranslator::NextCookie() {
-  if (++last_cookie_ == 0) ++last_cookie_;
-  return last_cookie_;
+  // The low 31 bits count; the top bit keeps kernel cookies apart from those
+  // of injected renames, which never have it, so that halves of different
+  // origins can never pair. Never 0.
+  last_cookie_ = (last_cookie_ + 1) & ~kCookieSpaceBit;
+  if (last_cookie_ == 0) last_cookie_ = 1;
+  return last_cookie_ | kCookieSpaceBit;
 }
 
 bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {

@@ -9,7 +9,8 @@
 //  - bits 0x1..0x20, 0x100 and 0x200 keep their values (fanotify and the
 //    appliance share them); FAN_ONDIR becomes YULO_ISDIR;
 //  - FAN_Q_OVERFLOW becomes one YULO_Q_OVERFLOW record with an empty name;
-//  - a FAN_RENAME event becomes two records sharing one non-zero cookie:
+//  - a FAN_RENAME event becomes two records sharing one cookie with the top
+//    bit set (kCookieSpaceBit; cookies of injected renames never have it):
 //    YULO_MOVE_FROM with the old full path, then YULO_MOVE_TO with the new
 //    one; FAN_MOVED_FROM / FAN_MOVED_TO (kernels before 5.17) become
 //    single halves, each with a cookie of its own, since fanotify gives
@@ -68,6 +69,9 @@ uint64_t FanotifyMarkMask(uint32_t yulo_mask, bool rename_events);
 
 class FanotifyTranslator {
  public:
+  // Set in every cookie this translator makes.
+  static constexpr uint32_t kCookieSpaceBit = 0x80000000u;
+
   explicit FanotifyTranslator(DirResolver* resolver);
 
   FanotifyTranslator(const FanotifyTranslator&) = delete;

@@ -276,7 +276,12 @@ TEST_F(FanotifyTranslatorTest, SplitMoveHalvesEachGetACookieOfTheirOwn) {
   EXPECT_EQ(YULO_MOVE_FROM, records[1].mask);
   EXPECT_EQ("/vol1/media/m", records[1].name);
   EXPECT_EQ(YULO_MOVE_TO, records[2].mask);
-  for (const auto& record : records) EXPECT_NE(0u, record.cookie);
+  for (const auto& record : records) {
+    EXPECT_NE(0u, record.cookie);
+    EXPECT_EQ(FanotifyTranslator::kCookieSpaceBit,
+              record.cookie & FanotifyTranslator::kCookieSpaceBit)
+        << "apart from injected cookies";
+  }
   EXPECT_NE(records[0].cookie, records[1].cookie);
   EXPECT_NE(records[1].cookie, records[2].cookie);
   EXPECT_NE(records[0].cookie, records[2].cookie);

@@ -4,6 +4,7 @@
 #include <new>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "output/queue_line.h"
@@ -37,6 +38,30 @@ void EventProcessor::Run() {
     RunOnePass();
     SleepUnlessStopped(kPassIntervalMs);
   }
+  if (drain_requested_) drained_ = FinalPasses(drain_deadline_);
+}
+
+void EventProcessor::RequestDrainStop(
+    std::chrono::steady_clock::time_point deadline) {
+  drain_deadline_ = deadline;
+  drain_requested_ = true;
+  RequestStop();
+}
+
+bool EventProcessor::FinalPasses(
+    std::chrono::steady_clock::time_point deadline) {
+  // How long to wait before trying a file that did not take its lines
+  // again: long enough for a consumer to finish, short against the deadline.
+  constexpr auto kRetryPause = std::chrono::milliseconds(100);
+  RunOnePass();
+  while (KeptLineCount() > 0) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) break;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        kRetryPause, deadline - now));
+    RunOnePass();
+  }
+  return PendingCount() == 0 && KeptLineCount() == 0;
 }
 
 void EventProcessor::SendRecoveryRescan() {
@@ -180,10 +205,13 @@ void EventProcessor::LogEvent(const NotifyEvent& event) {
 
 bool EventProcessor::PairMoveEvent(const NotifyEvent& first,
                                    NotifyEvent& partner) {
-  // Only the cookie is compared: whatever pending event carries the same
-  // cookie first is the other half.
+  // The first pending half of the other direction with the same cookie is
+  // the partner: a move-from pairs only with a move-to and the other way
+  // round.
+  const uint32_t wanted =
+      (first.mask & YULO_MOVE_FROM) ? YULO_MOVE_TO : YULO_MOVE_FROM;
   for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-    if (it->cookie != first.cookie) continue;
+    if (it->cookie != first.cookie || (it->mask & wanted) == 0) continue;
     partner = std::move(*it);
     pending_.erase(it);
     LogEvent(partner);

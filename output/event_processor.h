@@ -32,6 +32,8 @@
 #ifndef YULOTIFYD_OUTPUT_EVENT_PROCESSOR_H_
 #define YULOTIFYD_OUTPUT_EVENT_PROCESSOR_H_
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -83,6 +85,21 @@ class EventProcessor : public Thread {
   // Lines held in the outboxes for files that have not taken them yet.
   size_t KeptLineCount();
 
+  // Stops the thread without waiting for it, as Thread::RequestStop, but has
+  // it first write everything: one more pass over all the events queued by
+  // then, and more passes while a file keeps lines, until `deadline`.
+  // REQUIRES: nothing adds to the source any more (its receiver has
+  // stopped). Stop() then joins; Drained() tells how it went.
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+
+  // The last step of the thread body after RequestDrainStop, public so
+  // tests can run it without the thread: true when every event taken was
+  // written and no file keeps lines.
+  bool FinalPasses(std::chrono::steady_clock::time_point deadline);
+
+  // False when the last drain left something unwritten. True before any.
+  bool Drained() const { return drained_; }
+
  protected:
   // SendRecoveryRescan, then RunOnePass and a 3-second pause (cut short by
   // Stop) until the stop flag is raised.
@@ -128,6 +145,11 @@ class EventProcessor : public Thread {
   // The outbox of each queue of the current pass's snapshot, by position.
   std::vector<QueueOutbox*> targets_;
   std::string line_;  // reused for every line's text
+  // Set before the stop flag is raised and read by the worker after it sees
+  // the flag, so the flag's ordering covers them.
+  bool drain_requested_ = false;
+  std::chrono::steady_clock::time_point drain_deadline_;
+  std::atomic<bool> drained_{true};
 };
 
 }  // namespace YULOTIFYD

@@ -140,6 +140,52 @@ TEST_F(EventProcessorTest, KeptLinesAreRetriedAtPassesWithoutEvents) {
   EXPECT_EQ(source_.SnapshotCalls(), 3);
 }
 
+TEST_F(EventProcessorTest, DrainStopWritesEverythingQueued) {
+  TwoShareQueues();
+  EventProcessor processor(&source_);
+  ASSERT_TRUE(processor.Start());
+  // Queued while the thread sleeps between passes: only a drain writes
+  // them before the thread ends.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  for (int i = 0; i < 200; ++i) {
+    source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/f" + std::to_string(i)));
+  }
+  const auto start = std::chrono::steady_clock::now();
+  processor.RequestDrainStop(start + std::chrono::seconds(10));
+  processor.Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2))
+      << "no 3-second pause on the way out";
+  EXPECT_TRUE(processor.Drained());
+  EXPECT_EQ(ReadLines(docs_).size(), 200u);
+  EXPECT_EQ(source_.Queued(), 0u);
+}
+
+TEST_F(EventProcessorTest, DrainGivesUpOnAFileThatKeepsItsLines) {
+  TwoShareQueues();
+  WriteFileText(docs_, "");
+  const int holder = open(docs_.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/held"));
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/free"));
+  EventProcessor processor(&source_);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(processor.FinalPasses(start + std::chrono::milliseconds(400)));
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took, std::chrono::milliseconds(400)) << "tried until the end";
+  EXPECT_LT(took, std::chrono::seconds(2));
+  EXPECT_EQ(ReadLines(media_), (Lines{Line(64, "/vol1/Multimedia/free")}));
+  EXPECT_EQ(ReadFileText(docs_), "");
+  EXPECT_EQ(processor.KeptLineCount(), 1u);
+
+  // Let go in time: the drain completes.
+  flock(holder, LOCK_UN);
+  close(holder);
+  EXPECT_TRUE(processor.FinalPasses(std::chrono::steady_clock::now() +
+                                    std::chrono::seconds(5)));
+  EXPECT_EQ(ReadLines(docs_), (Lines{Line(64, "/vol1/Docs/held")}));
+}
+
 TEST_F(EventProcessorTest, FilteringFollowsEachQueuesEventsAndDirectories) {
   // Three queues on one share: creations only, modifications only, and a
   // non-recursive one on the "photos" directory.
@@ -263,17 +309,34 @@ TEST_F(EventProcessorTest, TwoMovesWithOneCookiePairInListOrder) {
                    MoveLine("/vol1/Multimedia/b1", "/vol1/Multimedia/b2")}));
 }
 
-TEST_F(EventProcessorTest, PairingLooksOnlyAtTheCookie) {
+TEST_F(EventProcessorTest, PairingNeedsTheOtherDirection) {
   TwoShareQueues();
-  // A move-from followed by an unrelated create that carries the same cookie
-  // (zero): taken as the partner, with the create's code 64 as the "to"
-  // half.
-  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/gone", 0));
-  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/made", 0));
+  // Same cookie everywhere: a move-from takes neither another move-from nor
+  // a create, only the first move-to.
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/a", 7));
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/b", 7));
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/c", 7));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/d", 7));
   EventProcessor processor(&source_);
   processor.RunOnePass();
-  EXPECT_EQ(ReadLines(media_), (Lines{MoveLine("/vol1/Multimedia/gone",
-                                               "/vol1/Multimedia/made")}));
+  EXPECT_EQ(ReadLines(media_),
+            (Lines{MoveLine("/vol1/Multimedia/a", "/vol1/Multimedia/d"),
+                   Line(128, "/vol1/Multimedia/b"),
+                   Line(64, "/vol1/Multimedia/c")}));
+}
+
+TEST_F(EventProcessorTest, KernelAndInjectedRenamesInOnePassStayApart) {
+  TwoShareQueues();
+  // The kernel layer's cookies have the top bit, injected ones never do.
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/k1", 0x80000001u));
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/i1", 1));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/i2", 1));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/k2", 0x80000001u));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(media_),
+            (Lines{MoveLine("/vol1/Multimedia/k1", "/vol1/Multimedia/k2"),
+                   MoveLine("/vol1/Multimedia/i1", "/vol1/Multimedia/i2")}));
 }
 
 TEST_F(EventProcessorTest, UnpairedHalvesAcrossPassesAreDeleteThenCreate) {

@@ -104,6 +104,27 @@ void EventReceiver::Run() {
   ReAddAllWatches();
   SetReadTimeout(0, kReadTimeoutMicros);
   while (!stop_flag) RunOnce(event);
+  if (drain_requested_) drained_ = DrainKernel(drain_deadline_);
+}
+
+void EventReceiver::RequestDrainStop(
+    std::chrono::steady_clock::time_point deadline) {
+  drain_deadline_ = deadline;
+  drain_requested_ = true;
+  RequestStop();
+}
+
+bool EventReceiver::DrainKernel(
+    std::chrono::steady_clock::time_point deadline) {
+  // HasEvent never waits: it is true while records sit in the buffer or the
+  // descriptor is readable now, so the loop ends as soon as the kernel has
+  // nothing more. Writers that keep going are cut off by the deadline.
+  NotifyEvent event;
+  while (HasEvent()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (ReadEvent(event)) owner_->EnqueueEvent(event);
+  }
+  return true;
 }
 
 void EventReceiver::ReAddAllWatches() {

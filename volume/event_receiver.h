@@ -15,6 +15,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+#include <chrono>
 #include <list>
 #include <memory>
 #include <string>
@@ -60,6 +62,20 @@ class EventReceiver : public YULotify, public Thread {
   // then tells the owner.
   void ReAddAllWatches();
 
+  // Stops the thread without waiting for it, as Thread::RequestStop, but has
+  // it first hand the owner every event the kernel still holds, until none
+  // is left or `deadline` passes. Stop() then joins; Drained() tells how it
+  // went.
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+
+  // Reads and queues events until the kernel has none left (true) or
+  // `deadline` passes (false). The thread body's last step after
+  // RequestDrainStop; public so tests can drive it step by step.
+  bool DrainKernel(std::chrono::steady_clock::time_point deadline);
+
+  // False when the last drain ran out of time. True before any drain.
+  bool Drained() const { return drained_; }
+
   size_t PendingCommands();
 
  protected:
@@ -71,6 +87,11 @@ class EventReceiver : public YULotify, public Thread {
   void UmountShare(const std::string& path);
 
   ReceiverOwner* owner_;
+  // Set before the stop flag is raised and read by the worker after it sees
+  // the flag, so the flag's ordering covers them.
+  bool drain_requested_ = false;
+  std::chrono::steady_clock::time_point drain_deadline_;
+  std::atomic<bool> drained_{true};
   pthread_mutex_t command_mutex_;
   std::list<ReceiverCommand> commands_;
   size_t command_count_;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -164,6 +165,48 @@ TEST_F(EventReceiverTest, RunOnceQueuesDecodedEvents) {
   EXPECT_EQ(owner_.events[0].mask, static_cast<uint32_t>(YULO_CREATE));
   EXPECT_EQ(owner_.events[0].watch, "/vol1/a");
   EXPECT_EQ(owner_.events[0].path, "/x.jpg");
+}
+
+TEST_F(EventReceiverTest, DrainReadsUntilTheKernelHasNothingLeft) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(RawRecordBytes(YULO_CREATE, 0, "/vol1/a/1") +
+                           RawRecordBytes(YULO_CREATE, 0, "/vol1/c/other"));
+  kernel_->reads.push_back(RawRecordBytes(YULO_DELETE, 0, "/vol1/a/2"));
+  EXPECT_TRUE(receiver->DrainKernel(std::chrono::steady_clock::now() +
+                                    std::chrono::seconds(10)));
+  ASSERT_EQ(owner_.events.size(), 2u);
+  EXPECT_EQ(owner_.events[0].path, "/1");
+  EXPECT_EQ(owner_.events[1].path, "/2");
+  EXPECT_TRUE(kernel_->reads.empty());
+}
+
+TEST_F(EventReceiverTest, DrainStopsAtItsDeadline) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(RawRecordBytes(YULO_CREATE, 0, "/vol1/a/1"));
+  EXPECT_FALSE(receiver->DrainKernel(std::chrono::steady_clock::now() -
+                                     std::chrono::seconds(1)));
+  EXPECT_TRUE(owner_.events.empty());
+}
+
+TEST_F(EventReceiverTest, DrainStopReadsWhatCameBeforeTheStop) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  for (int i = 0; i < 50; ++i) {
+    kernel_->reads.push_back(
+        RawRecordBytes(YULO_CREATE, 0, "/vol1/a/" + std::to_string(i)));
+  }
+  ASSERT_TRUE(receiver->Start());
+  receiver->RequestDrainStop(std::chrono::steady_clock::now() +
+                             std::chrono::seconds(10));
+  receiver->Stop();
+  EXPECT_TRUE(receiver->Drained());
+  EXPECT_TRUE(kernel_->reads.empty());
+  ASSERT_EQ(owner_.events.size(), 50u);
+  EXPECT_EQ(owner_.events.back().path, "/49");
 }
 
 TEST_F(EventReceiverTest, ThreadAddsWatchesFirstThenServesCommandsAndEvents) {

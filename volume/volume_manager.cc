@@ -35,8 +35,9 @@ VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context)
 }
 
 VolumeMgr::~VolumeMgr() {
-  // The processor goes first, so nothing drains the queue while the receiver
-  // may still fill it; what is left in the queue is discarded.
+  // Without a Drain first, the processor goes first, so nothing drains the
+  // queue while the receiver may still fill it; what is left in the queue is
+  // discarded.
   FreeThreads();
 }
 
@@ -173,7 +174,10 @@ bool VolumeMgr::BuildInjected(uint32_t type, const std::string& path,
                  path_old.c_str());
   if (type & QUEUE_EVENT_MOVE) {
     if (root == root_old) {
-      const uint32_t shared = static_cast<uint32_t>(++*cookie);
+      // Injected cookies stay below the top bit, which the kernel layer's
+      // cookies always have: halves of different origins never pair.
+      uint32_t shared = static_cast<uint32_t>(++*cookie) & 0x7fffffffu;
+      if (shared == 0) shared = static_cast<uint32_t>(++*cookie) & 0x7fffffffu;
       out->push_back(BuildRecord(YULO_MOVE_FROM, is_dir, path_old, root_old));
       out->back().cookie = shared;
       out->push_back(BuildRecord(YULO_MOVE_TO, is_dir, path, root));
@@ -214,6 +218,34 @@ void VolumeMgr::UmountShare(const std::string& share_name) {
 
 void VolumeMgr::ReloadWatches() {
   receiver_->PostCommand(ReceiverCommand::kReloadAll, std::string());
+}
+
+void VolumeMgr::BeginDrain(std::chrono::steady_clock::time_point deadline) {
+  receiver_->RequestDrainStop(deadline);
+}
+
+void VolumeMgr::FinishReceiving(
+    std::chrono::steady_clock::time_point deadline) {
+  // Only once the receiver is gone is the queue complete; then the
+  // processor takes it whole.
+  receiver_->Stop();
+  processor_->RequestDrainStop(deadline);
+}
+
+bool VolumeMgr::FinishDrain() {
+  processor_->Stop();
+  const bool drained = receiver_->Drained() && processor_->Drained();
+  if (!drained) {
+    YULO_LOG_ALWAYS("Stop before all events were written, vol: %s",
+                    mount_point_.c_str());
+  }
+  return drained;
+}
+
+bool VolumeMgr::Drain(std::chrono::steady_clock::time_point deadline) {
+  BeginDrain(deadline);
+  FinishReceiving(deadline);
+  return FinishDrain();
 }
 
 void VolumeMgr::NotifyProcessor() {

@@ -15,6 +15,7 @@
 #ifndef YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -61,6 +62,19 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   void UmountShare(const std::string& share_name);
   // Asks the receiver to re-add every watch for the current configuration.
   void ReloadWatches();
+
+  // Stops the volume's threads so that everything read gets written: the
+  // receiver first reads what the kernel still holds, then the processor
+  // runs a last pass over the whole queue and tries files that keep lines
+  // again, until `deadline`. In three steps, so that the daemon can wind
+  // several volumes down side by side: BeginDrain on each, then
+  // FinishReceiving on each, then FinishDrain on each. FinishDrain returns
+  // whether everything was written, and logs it when not.
+  void BeginDrain(std::chrono::steady_clock::time_point deadline);
+  void FinishReceiving(std::chrono::steady_clock::time_point deadline);
+  bool FinishDrain();
+  // The three steps for this volume alone.
+  bool Drain(std::chrono::steady_clock::time_point deadline);
   // Has the processor take the events queued so far.
   void NotifyProcessor();
 

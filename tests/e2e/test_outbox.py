@@ -6,13 +6,13 @@ tmpfs mounts, rmdir."""
 import fcntl
 import json
 import os
-import signal
 import time
 
 import pytest
 
 from harness import monitor, wait_until
-from test_pipeline import LINE_TIMEOUT, QUIET_PERIOD, line, wait_count, wait_lines
+from test_pipeline import (LINE_TIMEOUT, QUIET_PERIOD, line, stop_cleanly,
+                           wait_count, wait_lines)
 
 
 @pytest.fixture
@@ -20,13 +20,7 @@ def app(appliance):
     appliance.add_volume(1, "/vol1")
     appliance.add_share("Public", "/vol1/Public")
     yield appliance
-    if appliance.proc is not None:
-        if appliance.running:
-            appliance.signal(signal.SIGTERM)
-        code = appliance.wait_exit(15)
-        stderr = appliance.stderr_path.read_bytes()
-        assert code == 0 and stderr == b"", \
-            "exit status %r, stderr %r" % (code, stderr[:3000])
+    stop_cleanly(appliance)
 
 
 def raw_lines(path):

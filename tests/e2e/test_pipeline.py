@@ -51,11 +51,9 @@ def two_volume_appliance(app):
     return app
 
 
-@pytest.fixture
-def app(appliance):
-    yield two_volume_appliance(appliance)
-    # Every run must end cleanly: exit 0 and nothing on stderr (a sanitizer
-    # build reports there and exits with another status).
+def stop_cleanly(appliance):
+    """Every run must end cleanly: exit 0 and nothing on stderr (a sanitizer
+    build reports there and exits with another status)."""
     if appliance.proc is not None:
         if appliance.running:
             appliance.signal(signal.SIGTERM)
@@ -63,6 +61,12 @@ def app(appliance):
         stderr = appliance.stderr_path.read_bytes()
         assert code == 0 and stderr == b"", \
             "exit status %r, stderr %r" % (code, stderr[:3000])
+
+
+@pytest.fixture
+def app(appliance):
+    yield two_volume_appliance(appliance)
+    stop_cleanly(appliance)
 
 
 def test_create_delete_mkdir_rmdir(app):

@@ -53,6 +53,10 @@ class Thread {
   // for Run() to return. Idempotent; harmless when never started.
   void Stop();
 
+  // Raises the stop flag and wakes the worker without waiting for it, so
+  // that several workers can wind down side by side; Stop() then joins.
+  void RequestStop();
+
   // Runs `action(this, copy of arg)` once, serialised with the worker's
   // StateGuard sections. A null `arg` reaches the action as null; otherwise
   // the action gets a private, writable copy of the text.
