@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""End-to-end pipeline benchmark: yulotifyd against `inotifywait -m -r`.
+"""End-to-end pipeline benchmark: yulotifyd against a minimal fanotify reader
+and `inotifywait -m -r`.
 
 Creates N files spread over D directories in one watched tree and measures,
 for each watcher:
@@ -21,8 +22,10 @@ directories are made before the daemon starts, so the queue file gets only
 the file lines. The daemon writes lines once per processor pass (every 3
 seconds), so its figure includes up to one pass of latency.
 
-The peer is `inotifywait -m -r -e create --format '%w%f' -o FILE DIR` on a
-tmpfs of the same size, mounted in this script's own private mount
+The peers are bench/min_fanotify_reader (a file-system mark, a cache of
+directory handles, one JSON line and one write() per event: about the least
+a fanotify watcher can do) and `inotifywait -m -r -e create --format '%w%f'
+-o FILE DIR`, each on a tmpfs of the same size, mounted in this script's own private mount
 namespace (the script re-executes itself under `unshare --mount`), so
 nothing is left mounted on the host whatever happens.
 
@@ -65,6 +68,8 @@ PASS_SECONDS = 3.0          # the daemon's processor pass interval
 POLL_SECONDS = 0.01
 EVENT_CREATE = 64
 EVENT_RESCAN = 512
+READER_NAME = "min fanotify reader"
+READER = None                # set from --reader
 
 
 class BenchError(Exception):
@@ -94,6 +99,14 @@ def thread_cpu(pid):
         fields = text.rsplit(")", 1)[1].split()
         out[int(tid)] = (comm, (int(fields[11]) + int(fields[12])) / CLK_TCK)
     return out
+
+
+def rss_kib(pid):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
 
 
 def peak_rss_kib(pid):
@@ -180,6 +193,7 @@ class Result:
         self.cpu = 0.0
         self.threads = []           # [(thread id, cpu seconds)]
         self.peak_rss = 0
+        self.idle_rss = 0
         self.timed_out = False
 
     @property
@@ -286,6 +300,7 @@ def run_daemon(args, work):
         tail = Tail(queue, offset)
         dir_fds = open_dirs(app.ns_path(SHARE), args.dirs)
         pid = app.pid
+        result.idle_rss = rss_kib(pid)
         cpu0 = cpu_seconds(pid)
         threads0 = thread_cpu(pid)
         result.create_start, result.create_end = create_files(dir_fds, files)
@@ -307,11 +322,29 @@ def run_daemon(args, work):
 
 
 # ---------------------------------------------------------------------------
-# inotifywait.
+# Peers: inotifywait and the minimal fanotify reader, each on a tmpfs of its
+# own in this script's private mount namespace.
 
-def run_peer(args, work):
-    result = Result("inotifywait -m -r", args.count)
-    mnt = work / "peer-vol"
+def inotifywait_argv(base, out):
+    return ["inotifywait", "-m", "-r", "-e", "create", "--format", "%w%f",
+            "-o", str(out), str(base)]
+
+
+def reader_argv(base, out):
+    return [str(READER), str(base), str(out)]
+
+
+def parse_peer_line(raw):
+    """inotifywait writes bare paths, the reader JSON lines."""
+    if raw.startswith(b"{"):
+        path, rescan = parse_queue_line(raw)
+        return (path.encode() if path is not None else None), rescan
+    return raw, None
+
+
+def run_peer(args, work, name, make_argv):
+    result = Result(name, args.count)
+    mnt = work / ("peer-vol-%d" % len(os.listdir(work)))
     mnt.mkdir()
     subprocess.run(["mount", "-t", "tmpfs", "-o",
                     "mode=0755,size=%s" % VOLUME_SIZE, "tmpfs", str(mnt)],
@@ -326,25 +359,27 @@ def run_peer(args, work):
         files = plan(args.count, args.dirs)
         expected = {("%s/%s/%s" % (base, dir_name(d), n)).encode()
                     for d, n in files}
-        out = work / "inotifywait.out"
-        err = work / "inotifywait.err"
+        out = work / ("%s.out" % name.split()[0])
+        err = work / ("%s.err" % name.split()[0])
         with open(err, "wb") as errf:
             proc = subprocess.Popen(
-                ["inotifywait", "-m", "-r", "-e", "create", "--format", "%w%f",
-                 "-o", str(out), str(base)],
-                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                stderr=errf)
-        ok = harness.wait_until(
-            lambda: b"Watches established." in err.read_bytes()
-            or proc.poll() is not None, 30)
+                make_argv(base, out), stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE, stderr=errf)
+        if make_argv is reader_argv:
+            ok = proc.stdout.readline() == b"ready\n"
+        else:
+            ok = harness.wait_until(
+                lambda: b"Watches established." in err.read_bytes()
+                or proc.poll() is not None, 30)
         if proc.poll() is not None or not ok:
-            raise BenchError("inotifywait did not set up its watches: %s"
-                             % err.read_text(errors="replace"))
+            raise BenchError("%s did not set up its watches: %s"
+                             % (name, err.read_text(errors="replace")))
         tail = Tail(out)
         dir_fds = open_dirs(base, args.dirs)
+        result.idle_rss = rss_kib(proc.pid)
         cpu0 = cpu_seconds(proc.pid)
         result.create_start, result.create_end = create_files(dir_fds, files)
-        follow(tail, result, expected, lambda raw: (raw, None),
+        follow(tail, result, expected, parse_peer_line,
                quiet=args.quiet, timeout=args.timeout, pid=proc.pid)
         result.cpu = cpu_seconds(proc.pid) - cpu0
         result.peak_rss = peak_rss_kib(proc.pid)
@@ -372,13 +407,24 @@ def report(results, args):
     print("%d file creations over %d directories, one watched tree; "
           "yulotifyd from %s" % (args.count, args.dirs, args.prefix))
     print()
-    print("  %-20s %10s %15s %10s   %s"
-          % ("peer", "events/s", "cpu s/1000 ev", "peak RSS", "complete"))
+    base = next((r for r in results if r.name == READER_NAME), None)
+    base_cost = (base.cpu / max(base.delivered, 1)) if base else None
+    print("  %-20s %10s %12s %8s %10s %10s %8s   %s"
+          % ("peer", "events/s", "cpu us/line", "ratio", "idle RSS",
+             "peak RSS", "last+s", "complete"))
     for r in results:
         rescan = VOLUME if r.name == "yulotifyd" else None
-        print("  %-20s %10.0f %15.4f %7.1f MiB   %s"
-              % (r.name, r.rate, r.cpu * 1000.0 / r.count, r.peak_rss / 1024.0,
-                 r.complete_text(rescan)))
+        cost = r.cpu / max(r.delivered, 1)
+        ratio = ("%8.2f" % (cost / base_cost)) if base_cost else "%8s" % "-"
+        after = ("%8.2f" % (r.last_line - r.create_end)
+                 if r.last_line is not None else "%8s" % "-")
+        print("  %-20s %10.0f %12.2f %s %6.1f MiB %6.1f MiB %s   %s"
+              % (r.name, r.rate, cost * 1e6, ratio, r.idle_rss / 1024.0,
+                 r.peak_rss / 1024.0, after, r.complete_text(rescan)))
+    print()
+    print("  cpu us/line: the watcher's CPU time (all threads) per delivered "
+          "line; ratio: against %s;" % READER_NAME)
+    print("  last+s: seconds from the last creation to the last line")
     print()
     for r in results:
         print("%s:" % r.name)
@@ -434,8 +480,12 @@ def main():
                         help="files to create (default 200000)")
     parser.add_argument("--dirs", type=int, default=100,
                         help="directories to spread them over (default 100)")
-    parser.add_argument("--only", choices=("daemon", "peer"),
-                        help="run one side only")
+    parser.add_argument("--only", choices=("daemon", "peers"),
+                        help="run the daemon only, or the peers only")
+    parser.add_argument("--reader", default=None,
+                        help="the min_fanotify_reader binary (default: "
+                             "PREFIX/../build/bench/min_fanotify_reader or "
+                             "$YULOTIFYD_BENCH_READER)")
     parser.add_argument("--quiet", type=float, default=3 * PASS_SECONDS + 1,
                         help="seconds without a new line after which a side "
                              "counts as done (default 10)")
@@ -456,6 +506,13 @@ def main():
         if args.only != "daemon" and shutil.which("inotifywait") is None:
             raise BenchError("inotifywait is missing: "
                              "apt-get install -y inotify-tools")
+        global READER
+        READER = Path(args.reader or os.environ.get("YULOTIFYD_BENCH_READER", ""))
+        if args.only != "daemon" and not (READER.is_file()
+                                          and os.access(READER, os.X_OK)):
+            raise BenchError("min_fanotify_reader not found: build it with "
+                             "cmake --build BUILD --target min_fanotify_reader "
+                             "and pass --reader BUILD/bench/min_fanotify_reader")
         args.prefix = harness.find_prefix(args.prefix)
         harness.daemon_binary(args.prefix)
         enter_private_namespace()
@@ -469,9 +526,12 @@ def main():
         if args.only != "peer":
             print("yulotifyd: %d creations ..." % args.count, flush=True)
             results.append(run_daemon(args, work))
-        if args.only != "daemon":
+        if args.only in (None, "peers"):
+            print("%s: %d creations ..." % (READER_NAME, args.count), flush=True)
+            results.append(run_peer(args, work, READER_NAME, reader_argv))
             print("inotifywait: %d creations ..." % args.count, flush=True)
-            results.append(run_peer(args, work))
+            results.append(run_peer(args, work, "inotifywait -m -r",
+                                    inotifywait_argv))
     except (BenchError, harness.HarnessError, AssertionError) as e:
         print("pipeline_bench: %s" % e, file=sys.stderr)
         return 2
