@@ -290,6 +290,14 @@ def run_daemon(args, work):
         queue = app.queue_path("bench.queue")
         app.add_queue("system", "bench.json", queue,
                       [harness.monitor("Public", events=["create"])])
+        # Other consumers' subscriptions, on shares of their own: they must
+        # cost the watched share's events nothing.
+        for i in range(1, args.queues):
+            name = "Other%03d" % i
+            app.add_share(name, "%s/%s" % (VOLUME, name))
+            app.add_queue("system", "other%03d.json" % i,
+                          app.queue_path("other%03d.queue" % i),
+                          [harness.monitor(name, events=["create"])])
         app.start(before_exec=lambda a: make_dirs(a.ns_path(SHARE), args.dirs))
         app.wait_ready()
         # Let one processor pass go by, so that whatever the daemon writes
@@ -405,7 +413,8 @@ def run_peer(args, work, name, make_argv):
 def report(results, args):
     print()
     print("%d file creations over %d directories, one watched tree; "
-          "yulotifyd from %s" % (args.count, args.dirs, args.prefix))
+          "yulotifyd from %s with %d monitor queue(s)"
+          % (args.count, args.dirs, args.prefix, args.queues))
     print()
     base = next((r for r in results if r.name == READER_NAME), None)
     base_cost = (base.cpu / max(base.delivered, 1)) if base else None
@@ -480,6 +489,9 @@ def main():
                         help="files to create (default 200000)")
     parser.add_argument("--dirs", type=int, default=100,
                         help="directories to spread them over (default 100)")
+    parser.add_argument("--queues", type=int, default=1,
+                        help="monitor queues of the daemon; all but one "
+                             "watch other shares (default 1)")
     parser.add_argument("--only", choices=("daemon", "peers"),
                         help="run the daemon only, or the peers only")
     parser.add_argument("--reader", default=None,

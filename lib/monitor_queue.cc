@@ -660,6 +660,17 @@ bool MonitorQueue::IsMonitoring(const std::string& path,
   return false;
 }
 
+bool MonitorQueue::MayMonitorBelow(const std::string& dir) const {
+  for (const MonitorQueueConfig& config : configs_) {
+    if (config.directory.empty()) continue;  // matches nothing
+    if (PathAtOrBelow(dir, config.directory, true) ||
+        PathAtOrBelow(config.directory, dir, true)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 uint32_t MonitorQueue::GetUnionMask(const std::string& mount_point) const {
   const std::string_view mount = StripTrailingSlashes(mount_point);
   if (mount.empty()) return 0;

@@ -820,6 +820,26 @@ TEST(MonitorQueueUnionMaskTest, SlashBoundary) {
 // ---------------------------------------------------------------------------
 // Value semantics
 
+TEST(MonitorQueueMayMonitorBelowTest, NearMeansAtBelowOrAbove) {
+  MonitorQueue queue(
+      "/tmp/q", {MonitorQueue::MakeConfig("M", "/vol1/M", "/photos", true, 64),
+                 MonitorQueue::MakeConfig("B", "/vol2/B", "/", false, 64)});
+  EXPECT_TRUE(queue.MayMonitorBelow("/vol1/M"));           // above the dir
+  EXPECT_TRUE(queue.MayMonitorBelow("/vol1/M/photos"));    // the dir itself
+  EXPECT_TRUE(queue.MayMonitorBelow("/vol1/M/photos/x"));  // below it
+  EXPECT_TRUE(queue.MayMonitorBelow("/vol2/B"));
+  EXPECT_TRUE(queue.MayMonitorBelow("/"));
+  EXPECT_FALSE(queue.MayMonitorBelow("/vol1/Media"));
+  EXPECT_FALSE(queue.MayMonitorBelow("/vol1/M/music"));
+  EXPECT_FALSE(queue.MayMonitorBelow("/vol3"));
+  // Whenever it says no, IsMonitoring says no below that path too.
+  for (const std::string path :
+       {"/vol1/Media/photos", "/vol1/M/music/a", "/vol3/B"}) {
+    EXPECT_FALSE(queue.IsMonitoring(path, 64)) << path;
+  }
+  EXPECT_FALSE(MonitorQueue("/tmp/q", {}).MayMonitorBelow("/"));
+}
+
 TEST(MonitorQueueValueTest, CopiesAreIndependent) {
   MonitorQueue a = OneMonitor("/vol1/media", "/", true, 2);
   MonitorQueue b = a;

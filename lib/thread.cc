@@ -19,7 +19,8 @@ std::atomic<bool> g_lock_ready{false};
 
 }  // namespace
 
-Thread::Thread() : stop_flag(false), thread_(), started_(false) {
+Thread::Thread()
+    : stop_flag(false), thread_(), started_(false), wake_requested_(false) {
   // Default-attribute mutexes cannot fail to initialise on Linux. The
   // condition variable measures its time-outs on the monotonic clock so a
   // change of the wall clock neither stretches nor cuts a sleep.
@@ -61,6 +62,13 @@ void Thread::RequestStop() {
   pthread_mutex_unlock(&wake_mutex_);
 }
 
+void Thread::Wake() {
+  pthread_mutex_lock(&wake_mutex_);
+  wake_requested_ = true;
+  pthread_cond_broadcast(&wake_cond_);
+  pthread_mutex_unlock(&wake_mutex_);
+}
+
 void Thread::Stop() {
   RequestStop();
   if (started_) {
@@ -79,12 +87,13 @@ bool Thread::SleepUnlessStopped(unsigned millis) {
     deadline.tv_nsec -= 1000000000L;
   }
   pthread_mutex_lock(&wake_mutex_);
-  while (!stop_flag.load()) {
+  while (!stop_flag.load() && !wake_requested_) {
     if (pthread_cond_timedwait(&wake_cond_, &wake_mutex_, &deadline) ==
         ETIMEDOUT) {
       break;
     }
   }
+  wake_requested_ = false;
   const bool keep_going = !stop_flag.load();
   pthread_mutex_unlock(&wake_mutex_);
   return keep_going;

@@ -221,6 +221,29 @@ TEST_F(ThreadLockTest, RequestStopWakesWithoutJoining) {
   EXPECT_FALSE(sleeper.IsRunning());
 }
 
+TEST_F(ThreadLockTest, WakeEndsOneSleepAndIsNeverLost) {
+  class Sleeper : public Thread {
+   public:
+    ~Sleeper() override { Stop(); }
+    std::atomic<int> woken{0};
+
+   protected:
+    void Run() override {
+      while (SleepUnlessStopped(3600 * 1000)) ++woken;
+    }
+  };
+  Sleeper sleeper;
+  sleeper.Wake();  // before the thread even sleeps: kept for the first sleep
+  ASSERT_TRUE(sleeper.Start());
+  while (sleeper.woken.load() < 1) {
+  }
+  sleeper.Wake();
+  while (sleeper.woken.load() < 2) {
+  }
+  sleeper.Stop();  // would hang for an hour if wakes were lost
+  EXPECT_EQ(sleeper.woken.load(), 2);
+}
+
 TEST_F(ThreadLockTest, SleepReturnsTrueWhenNotStopped) {
   class ShortSleeper : public Thread {
    public:

@@ -36,7 +36,7 @@ void EventProcessor::Run() {
   SendRecoveryRescan();
   while (!stop_flag) {
     RunOnePass();
-    SleepUnlessStopped(kPassIntervalMs);
+    SleepUnlessStopped(NextPauseMs());
   }
   if (drain_requested_) drained_ = FinalPasses(drain_deadline_);
 }
@@ -79,6 +79,7 @@ void EventProcessor::RunOnePass() {
   StateGuard guard(this);
   YULO_LOG_DEBUG("EventProcessor alive ...");
   if (fetching_ == 0) FetchEvents();
+  last_pass_events_ = pending_.size();
   if (pending_.empty() && KeptLinesLocked() == 0) return;
 
   // One copy of the monitor queues serves every event of the pass.
@@ -122,6 +123,12 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
   }
 }
 
+unsigned EventProcessor::NextPauseMs() {
+  StateGuard guard(this);
+  return last_pass_events_ >= kEarlyPassEvents ? kBurstPassIntervalMs
+                                               : kPassIntervalMs;
+}
+
 size_t EventProcessor::PendingCount() {
   StateGuard guard(this);
   return pending_.size();
@@ -138,7 +145,22 @@ size_t EventProcessor::KeptLinesLocked() const {
   return kept;
 }
 
+const std::vector<size_t>& EventProcessor::QueuesNear(
+    const std::string& watch, const std::vector<MonitorQueue>& snapshot) {
+  auto it = queues_near_.find(watch);
+  if (it != queues_near_.end()) return it->second;
+  std::vector<size_t>& indices = queues_near_[watch];
+  for (size_t i = 0; i < snapshot.size(); ++i) {
+    // An event without a watched path gets every queue's judgement.
+    if (watch.empty() || snapshot[i].MayMonitorBelow(watch)) {
+      indices.push_back(i);
+    }
+  }
+  return indices;
+}
+
 void EventProcessor::BindOutboxes(const std::vector<MonitorQueue>& snapshot) {
+  queues_near_.clear();
   targets_.clear();
   targets_.reserve(snapshot.size());
   for (const MonitorQueue& queue : snapshot) {
@@ -224,7 +246,9 @@ void EventProcessor::HandleEvent(const NotifyEvent& event,
                                  std::vector<MonitorQueue>& snapshot) {
   const std::string path = GetFullPath(event);
   const uint32_t code = QueueEventCode(event.mask);
-  for (size_t i = 0; i < snapshot.size(); ++i) {
+  // Only the queues with a monitor near the event's watched path can want
+  // it; they are asked in snapshot order, as all of them would be.
+  for (size_t i : QueuesNear(event.watch, snapshot)) {
     if (snapshot[i].IsMonitoring(path, code)) {
       SendEvent(code, path, IsDir(event), i);
     }

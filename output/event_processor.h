@@ -40,6 +40,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "notify/notify_event.h"
@@ -56,6 +57,13 @@ class EventProcessor : public Thread {
  public:
   // Pause between two passes, in milliseconds.
   static constexpr unsigned kPassIntervalMs = 3000;
+  // A pass starts early once this many events wait in the volume's queue
+  // (the volume manager wakes the thread).
+  static constexpr size_t kEarlyPassEvents = 4096;
+  // Pause after a pass that took at least kEarlyPassEvents events: while a
+  // burst lasts, and once right after it, passes follow each other quickly,
+  // so its last lines are not left waiting for the 3-second pass.
+  static constexpr unsigned kBurstPassIntervalMs = 250;
 
   // Throws the integer -1, after logging, when `source` is null. Queue
   // files are written through `ops`, the real system calls when null.
@@ -81,6 +89,11 @@ class EventProcessor : public Thread {
 
   // Events taken from the source and not yet handled.
   size_t PendingCount();
+
+  // The pause before the next pass: kBurstPassIntervalMs after a pass that
+  // took at least kEarlyPassEvents events, else kPassIntervalMs. A Wake()
+  // (the queue reached kEarlyPassEvents) ends it early.
+  unsigned NextPauseMs();
 
   // Lines held in the outboxes for files that have not taken them yet.
   size_t KeptLineCount();
@@ -132,8 +145,15 @@ class EventProcessor : public Thread {
   // of `snapshot` names any more.
   void FlushOutboxes(const std::vector<MonitorQueue>& snapshot);
   size_t KeptLinesLocked() const;
+  // The positions in `snapshot` of the queues that may want events under
+  // `watch` (MonitorQueue::MayMonitorBelow), ascending; worked out once per
+  // watched path and pass.
+  const std::vector<size_t>& QueuesNear(
+      const std::string& watch, const std::vector<MonitorQueue>& snapshot);
 
   EventSource* source_;
+  // Events the last pass took; it chooses the pause after the pass.
+  size_t last_pass_events_ = 0;
   // 1 while FetchEvents runs, else 0. Both fetch paths test it; with the
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;
@@ -144,6 +164,8 @@ class EventProcessor : public Thread {
   std::map<std::string, std::unique_ptr<QueueOutbox>> outboxes_;
   // The outbox of each queue of the current pass's snapshot, by position.
   std::vector<QueueOutbox*> targets_;
+  // QueuesNear's answers for the current snapshot.
+  std::unordered_map<std::string, std::vector<size_t>> queues_near_;
   std::string line_;  // reused for every line's text
   // Set before the stop flag is raised and read by the worker after it sees
   // the flag, so the flag's ordering covers them.

@@ -186,6 +186,23 @@ TEST_F(EventProcessorTest, DrainGivesUpOnAFileThatKeepsItsLines) {
   EXPECT_EQ(ReadLines(docs_), (Lines{Line(64, "/vol1/Docs/held")}));
 }
 
+TEST_F(EventProcessorTest, PassesFollowQuicklyWhileABurstLasts) {
+  TwoShareQueues();
+  EventProcessor processor(&source_);
+  EXPECT_EQ(processor.NextPauseMs(), EventProcessor::kPassIntervalMs);
+  for (size_t i = 0; i < EventProcessor::kEarlyPassEvents; ++i) {
+    source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/f" + std::to_string(i)));
+  }
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(docs_).size(), EventProcessor::kEarlyPassEvents);
+  EXPECT_EQ(processor.NextPauseMs(), EventProcessor::kBurstPassIntervalMs);
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/tail"));
+  processor.RunOnePass();  // the rest of the burst
+  EXPECT_EQ(processor.NextPauseMs(), EventProcessor::kPassIntervalMs);
+  processor.RunOnePass();  // idle again
+  EXPECT_EQ(processor.NextPauseMs(), EventProcessor::kPassIntervalMs);
+}
+
 TEST_F(EventProcessorTest, FilteringFollowsEachQueuesEventsAndDirectories) {
   // Three queues on one share: creations only, modifications only, and a
   // non-recursive one on the "photos" directory.

@@ -8,7 +8,7 @@ EventQueue::EventQueue() : mutex_(PTHREAD_MUTEX_INITIALIZER), count_(0) {}
 
 EventQueue::~EventQueue() { pthread_mutex_destroy(&mutex_); }
 
-bool EventQueue::Push(const NotifyEvent& event) {
+bool EventQueue::Push(const NotifyEvent& event, size_t* size_after) {
   // The element is made before it is linked, under the lock; it holds its
   // own copies of the strings.
   pthread_mutex_lock(&mutex_);
@@ -19,11 +19,13 @@ bool EventQueue::Push(const NotifyEvent& event) {
     return false;
   }
   ++count_;
+  if (size_after != nullptr) *size_after = count_;
   pthread_mutex_unlock(&mutex_);
   return true;
 }
 
-bool EventQueue::PushAll(const std::vector<NotifyEvent>& events) {
+bool EventQueue::PushAll(const std::vector<NotifyEvent>& events,
+                         size_t* size_after) {
   std::list<NotifyEvent> copies;
   try {
     copies.assign(events.begin(), events.end());
@@ -33,6 +35,7 @@ bool EventQueue::PushAll(const std::vector<NotifyEvent>& events) {
   pthread_mutex_lock(&mutex_);
   count_ += copies.size();
   events_.splice(events_.end(), copies);
+  if (size_after != nullptr) *size_after = count_;
   pthread_mutex_unlock(&mutex_);
   return true;
 }

@@ -27,11 +27,13 @@ class EventQueue {
   EventQueue& operator=(const EventQueue&) = delete;
 
   // False when the copy cannot be made (out of memory); the queue is
-  // unchanged.
-  bool Push(const NotifyEvent& event);
+  // unchanged. `size_after`, when given, gets the number of queued events
+  // right after the push.
+  bool Push(const NotifyEvent& event, size_t* size_after = nullptr);
   // Appends copies of all `events` at once: a taker sees all or none of
   // them. False, with the queue unchanged, when the copies cannot be made.
-  bool PushAll(const std::vector<NotifyEvent>& events);
+  bool PushAll(const std::vector<NotifyEvent>& events,
+               size_t* size_after = nullptr);
   // Moves every queued event to the end of `out`, oldest first.
   void TakeAll(std::list<NotifyEvent>& out);
   size_t Size();

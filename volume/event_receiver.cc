@@ -55,14 +55,11 @@ void EventReceiver::PostCommand(int32_t type, const std::string& path) {
   pthread_mutex_unlock(&command_mutex_);
 }
 
-size_t EventReceiver::PendingCommands() {
-  pthread_mutex_lock(&command_mutex_);
-  const size_t n = command_count_;
-  pthread_mutex_unlock(&command_mutex_);
-  return n;
-}
+size_t EventReceiver::PendingCommands() { return command_count_.load(); }
 
 void EventReceiver::RunCommands() {
+  // Looked at once per read: without a command posted, no lock is taken.
+  if (command_count_.load() == 0) return;
   // The lock stays held while the handlers run, so a command posted
   // meanwhile waits for the whole batch and runs in the next turn.
   pthread_mutex_lock(&command_mutex_);
@@ -95,7 +92,21 @@ bool EventReceiver::RunOnce(NotifyEvent& event) {
     return false;
   }
   if (!ReadEvent(event)) return false;
-  owner_->EnqueueEvent(event);
+  // Everything else the last read brought is decoded without waiting and
+  // queued in one go: one lock per read instead of one per event, and the
+  // two halves of a rename, which the kernel writes one after the other,
+  // reach the queue together, so no pass takes one without the other.
+  batch_.clear();
+  batch_.push_back(event);
+  NotifyEvent next;
+  while (buffer_pending() != 0) {
+    if (ReadEvent(next)) batch_.push_back(std::move(next));
+  }
+  if (batch_.size() == 1) {
+    owner_->EnqueueEvent(batch_.front());
+  } else {
+    owner_->EnqueueEvents(batch_);
+  }
   return true;
 }
 

@@ -20,6 +20,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "notify/yulotify.h"
 #include "volume/receiver_owner.h"
@@ -53,9 +54,9 @@ class EventReceiver : public YULotify, public Thread {
   // body each turn; public so tests can drive the receiver step by step.
   void RunCommands();
 
-  // One turn of the thread body: the pending commands, then at most one
-  // event read (waiting up to the read timeout) and queued. Returns whether
-  // an event was queued.
+  // One turn of the thread body: the pending commands, then one read
+  // (waiting up to the read timeout) whose events are all queued at once.
+  // Returns whether an event was queued; `event` holds the first.
   bool RunOnce(NotifyEvent& event);
 
   // Removes every watch and adds one for each monitored share on the volume,
@@ -94,7 +95,9 @@ class EventReceiver : public YULotify, public Thread {
   std::atomic<bool> drained_{true};
   pthread_mutex_t command_mutex_;
   std::list<ReceiverCommand> commands_;
-  size_t command_count_;
+  // commands_.size(), changed under command_mutex_ and read without it.
+  std::atomic<size_t> command_count_;
+  std::vector<NotifyEvent> batch_;  // reused by RunOnce
 };
 
 }  // namespace YULOTIFYD

@@ -30,6 +30,12 @@ class FakeOwner : public ReceiverOwner {
     events.push_back(event);
     return true;
   }
+  bool EnqueueEvents(const std::vector<NotifyEvent>& batch) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    events.insert(events.end(), batch.begin(), batch.end());
+    batches.push_back(batch.size());
+    return true;
+  }
   void WatchesReady() override {
     std::lock_guard<std::mutex> lock(mutex);
     ++ready;
@@ -49,6 +55,7 @@ class FakeOwner : public ReceiverOwner {
   std::mutex mutex;
   std::vector<MonitorQueue> queues;
   std::vector<NotifyEvent> events;
+  std::vector<size_t> batches;  // sizes of the EnqueueEvents calls
   int ready = 0;
   std::string mount_point = "/vol1";
 };
@@ -207,6 +214,25 @@ TEST_F(EventReceiverTest, DrainStopReadsWhatCameBeforeTheStop) {
   EXPECT_TRUE(kernel_->reads.empty());
   ASSERT_EQ(owner_.events.size(), 50u);
   EXPECT_EQ(owner_.events.back().path, "/49");
+}
+
+TEST_F(EventReceiverTest, RenameHalvesAreQueuedTogether) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(
+      RawRecordBytes(YULO_MOVE_FROM, 0x80000005u, "/vol1/a/old") +
+      RawRecordBytes(YULO_MOVE_TO, 0x80000005u, "/vol1/a/new") +
+      RawRecordBytes(YULO_MOVE_FROM, 0x80000006u, "/vol1/a/out") +
+      RawRecordBytes(YULO_CREATE, 0, "/vol1/a/other"));
+  NotifyEvent event;
+  EXPECT_TRUE(receiver->RunOnce(event));
+  EXPECT_EQ(owner_.batches, (std::vector<size_t>{4})) << "one read, one push";
+  ASSERT_EQ(owner_.events.size(), 4u);
+  EXPECT_EQ(owner_.events[0].path, "/old");
+  EXPECT_EQ(owner_.events[1].path, "/new");
+  EXPECT_EQ(owner_.events[2].path, "/out");
+  EXPECT_EQ(owner_.events[3].path, "/other");
 }
 
 TEST_F(EventReceiverTest, ThreadAddsWatchesFirstThenServesCommandsAndEvents) {

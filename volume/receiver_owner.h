@@ -22,6 +22,9 @@ class ReceiverOwner {
   virtual std::vector<MonitorQueue> GetMonitorQueues() = 0;
   // Appends a copy of `event` to the volume's queue; false when dropped.
   virtual bool EnqueueEvent(const NotifyEvent& event) = 0;
+  // Appends copies of `events` at once, so that no taker sees some without
+  // the others (the two halves of a rename); false when dropped.
+  virtual bool EnqueueEvents(const std::vector<NotifyEvent>& events) = 0;
   // Called after every full (re)adding of the watches.
   virtual void WatchesReady() = 0;
   // The volume's mount point.

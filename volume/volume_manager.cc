@@ -42,6 +42,7 @@ VolumeMgr::~VolumeMgr() {
 }
 
 void VolumeMgr::FreeThreads() {
+  wake_target_ = nullptr;
   delete processor_;
   processor_ = nullptr;
   delete receiver_;
@@ -75,6 +76,7 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
     YULO_LOG_ALWAYS("Failed to run EventProcessor");
     return false;
   }
+  wake_target_ = processor_;
   return true;
 }
 
@@ -105,9 +107,38 @@ void VolumeMgr::ListShares(std::string prefix) {
 }
 
 bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
-  if (queue_.Push(event)) return true;
+  size_t size_after = 0;
+  if (queue_.Push(event, &size_after)) {
+    WakeProcessorIfBusy(1, size_after);
+    return true;
+  }
   YULO_LOG_ALWAYS("Event queue is full");
   return false;
+}
+
+bool VolumeMgr::CrossesEarlyPassMark(size_t pushed, size_t size_after) {
+  const size_t mark = EventProcessor::kEarlyPassEvents;
+  return size_after >= mark && size_after - pushed < mark;
+}
+
+bool VolumeMgr::EnqueueEvents(const std::vector<NotifyEvent>& events) {
+  size_t size_after = 0;
+  if (queue_.PushAll(events, &size_after)) {
+    WakeProcessorIfBusy(events.size(), size_after);
+    return true;
+  }
+  YULO_LOG_ALWAYS("Event queue is full");
+  return false;
+}
+
+void VolumeMgr::WakeProcessorIfBusy(size_t pushed, size_t size_after) {
+  // A burst is written as it comes rather than piled up for the next
+  // 3-second pass: that bounds both the memory it takes and how late its
+  // lines are. Only the push that crosses the mark wakes the processor; it
+  // takes everything queued when its pass starts.
+  if (!CrossesEarlyPassMark(pushed, size_after)) return;
+  EventProcessor* processor = wake_target_.load();
+  if (processor != nullptr) processor->Wake();
 }
 
 void VolumeMgr::GetEvents(std::list<NotifyEvent>& out) { queue_.TakeAll(out); }
@@ -150,9 +181,7 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
   // Both halves of a rename go in together, so the processor never takes a
   // batch between them and fails to pair them. A failed push is logged; the
   // injection still counts as offered.
-  if (!records.empty() && !queue_.PushAll(records)) {
-    YULO_LOG_ALWAYS("Event queue is full");
-  }
+  if (!records.empty()) EnqueueEvents(records);
   return offered;
 }
 

@@ -15,6 +15,7 @@
 #ifndef YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -50,6 +51,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
 
   // Queue (ReceiverOwner / EventSource).
   bool EnqueueEvent(const NotifyEvent& event) override;
+  bool EnqueueEvents(const std::vector<NotifyEvent>& events) override;
   void GetEvents(std::list<NotifyEvent>& out) override;
   size_t QueuedEvents() { return queue_.Size(); }
 
@@ -87,6 +89,10 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
     return share_paths_;
   }
 
+  // Whether a push of `pushed` events that left `size_after` queued brought
+  // the queue across EventProcessor::kEarlyPassEvents.
+  static bool CrossesEarlyPassMark(size_t pushed, size_t size_after);
+
   // Queue event code `type` (as written in queue lines) -> kernel mask bits.
   static uint32_t ConvertType(uint32_t type, bool is_dir);
 
@@ -104,6 +110,9 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool Init(const YULO_VOLUME_INFO* info);
   void ListShares(std::string prefix);
   void FreeThreads();
+  // Starts the processor's next pass now when a push of `pushed` events
+  // brought the queue to `size_after` across the early-pass mark.
+  void WakeProcessorIfBusy(size_t pushed, size_t size_after);
   // The first of `share_paths` that `path` begins with; "" when none.
   static std::string FindShareRoot(const std::vector<std::string>& share_paths,
                                    const std::string& path);
@@ -115,6 +124,9 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
   EventProcessor* processor_;
+  // The processor once it runs: the receiver's thread reads it to wake it,
+  // and it is set after that thread started.
+  std::atomic<EventProcessor*> wake_target_{nullptr};
   EventReceiver* receiver_;
   EventQueue queue_;
 };

@@ -1,5 +1,7 @@
 #include "volume/volume_manager.h"
 
+#include "output/event_processor.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -45,6 +47,15 @@ class InjectTest : public ::testing::Test {
   std::vector<NotifyEvent> records_;
   uint64_t cookie_ = 0;
 };
+
+TEST(VolumeMgrTest, OnlyThePushThatCrossesTheMarkWakesTheProcessor) {
+  const size_t mark = EventProcessor::kEarlyPassEvents;
+  EXPECT_FALSE(VolumeMgr::CrossesEarlyPassMark(1, mark - 1));
+  EXPECT_TRUE(VolumeMgr::CrossesEarlyPassMark(1, mark));
+  EXPECT_FALSE(VolumeMgr::CrossesEarlyPassMark(1, mark + 1));
+  EXPECT_TRUE(VolumeMgr::CrossesEarlyPassMark(2, mark + 1));  // a pair
+  EXPECT_FALSE(VolumeMgr::CrossesEarlyPassMark(2, mark + 2));
+}
 
 TEST(VolumeMgrTest, ConvertTypeMapsQueueCodesToKernelBits) {
   EXPECT_EQ(VolumeMgr::ConvertType(64, false), static_cast<uint32_t>(YULO_CREATE));

@@ -139,6 +139,10 @@ class MonitorQueue {
   bool IsDirMonitoring(const std::string& path) const;
   // Whether this queue wants event code `mask` for `path`.
   bool IsMonitoring(const std::string& path, const uint32_t& mask);
+  // False when IsMonitoring is false for every path at or below `dir`,
+  // whatever the code: no monitor's directory lies at, below or above it.
+  // Lets a caller skip the queue for all events under one watched path.
+  bool MayMonitorBelow(const std::string& dir) const;
   // The kernel event bits this queue wants on shares below `mount_point`.
   uint32_t GetUnionMask(const std::string& mount_point) const;
   // Adds this queue's share paths to `shares`.

@@ -57,6 +57,10 @@ class Thread {
   // that several workers can wind down side by side; Stop() then joins.
   void RequestStop();
 
+  // Ends the worker's current SleepUnlessStopped early, or its next one if
+  // it is not sleeping now (a wake is never lost). Callable from any thread.
+  void Wake();
+
   // Runs `action(this, copy of arg)` once, serialised with the worker's
   // StateGuard sections. A null `arg` reaches the action as null; otherwise
   // the action gets a private, writable copy of the text.
@@ -84,8 +88,8 @@ class Thread {
     Thread* thread_;
   };
 
-  // Sleeps `millis` milliseconds or until Stop() is called, whichever comes
-  // first. Returns false when the stop flag is raised.
+  // Sleeps `millis` milliseconds or until Stop() or Wake() is called,
+  // whichever comes first. Returns false when the stop flag is raised.
   bool SleepUnlessStopped(unsigned millis);
 
   // False while the body should keep running.
@@ -99,6 +103,7 @@ class Thread {
   pthread_mutex_t state_mutex_;
   pthread_mutex_t wake_mutex_;
   pthread_cond_t wake_cond_;
+  bool wake_requested_;  // guarded by wake_mutex_
 };
 
 }  // namespace YULOTIFYD
