@@ -101,20 +101,21 @@ def thread_cpu(pid):
     return out
 
 
-def rss_kib(pid):
+def status_kib(pid, key):
+    """A kB figure of /proc/PID/status, e.g. "VmRSS" or "VmHWM"."""
     with open("/proc/%d/status" % pid) as f:
         for line in f:
-            if line.startswith("VmRSS:"):
+            if line.startswith(key + ":"):
                 return int(line.split()[1])
     return 0
+
+
+def rss_kib(pid):
+    return status_kib(pid, "VmRSS")
 
 
 def peak_rss_kib(pid):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1])
-    return 0
+    return status_kib(pid, "VmHWM")
 
 
 # ---------------------------------------------------------------------------
