@@ -84,16 +84,21 @@ void EventProcessor::RunOnePass() {
 
   // One copy of the monitor queues serves every event of the pass.
   std::vector<MonitorQueue> snapshot = source_->GetMonitorQueues();
-  BindOutboxes(snapshot);
   try {
+    BindOutboxes(snapshot);
     HandlePending(snapshot);
+    FlushOutboxes(snapshot);
+    out_of_memory_ = false;
   } catch (const std::bad_alloc&) {
     // What was handled is in the outboxes and what was not stays pending;
-    // both are tried again at the next pass.
-    YULO_LOG_ALWAYS("Out of memory during a pass, vol: %s",
-                    source_->GetMountPoint().c_str());
+    // both are tried again at the next pass. Logged once until a pass
+    // completes again.
+    if (!out_of_memory_) {
+      YULO_LOG_ALWAYS("Out of memory during a pass, vol: %s",
+                      source_->GetMountPoint().c_str());
+      out_of_memory_ = true;
+    }
   }
-  FlushOutboxes(snapshot);
 }
 
 void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {

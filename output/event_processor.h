@@ -154,6 +154,8 @@ class EventProcessor : public Thread {
   EventSource* source_;
   // Events the last pass took; it chooses the pause after the pass.
   size_t last_pass_events_ = 0;
+  // A pass ran out of memory and no pass has completed since.
+  bool out_of_memory_ = false;
   // 1 while FetchEvents runs, else 0. Both fetch paths test it; with the
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;
