@@ -324,13 +324,23 @@ void ExpectEachLineOnce(std::vector<std::pair<int, int>> seen, int writers,
 TEST_F(QueueConsumerTest, RacingWriterProcessesLoseNothingTearNothing) {
   constexpr int kWriters = 3;
   constexpr int kCount = 3000;
+  // The writers start only once the consumer has run once, so that on a
+  // busy machine they cannot all be done before it first looks.
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
   std::vector<pid_t> children;
   for (int w = 0; w < kWriters; ++w) {
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid == 0) _exit(WriteLines(path_, w, kCount) ? 0 : 1);
+    if (pid == 0) {
+      char byte;
+      close(go[1]);
+      if (read(go[0], &byte, 1) != 1) _exit(1);
+      _exit(WriteLines(path_, w, kCount) ? 0 : 1);
+    }
     children.push_back(pid);
   }
+  close(go[0]);
   QueueConsumer consumer(path_);
   std::map<int, int> last_seq;
   std::vector<std::pair<int, int>> seen;
@@ -340,7 +350,10 @@ TEST_F(QueueConsumerTest, RacingWriterProcessesLoseNothingTearNothing) {
     QueueConsumer::Result r = consumer.Consume();
     ASSERT_TRUE(r.ok) << r.message;
     CheckLines(r.lines, &last_seq, &seen);
-    ++rounds;
+    if (++rounds == 1) {
+      ASSERT_EQ(write(go[1], "gogo", kWriters), kWriters);
+      close(go[1]);
+    }
     for (pid_t& pid : children) {
       if (pid <= 0) continue;
       int status = 0;

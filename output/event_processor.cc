@@ -15,7 +15,7 @@ namespace YULOTIFYD {
 
 namespace {
 
-bool IsDir(const NotifyEvent& event) { return (event.mask & YULO_ISDIR) != 0; }
+bool IsDir(uint32_t mask) { return (mask & YULO_ISDIR) != 0; }
 
 }  // namespace
 
@@ -102,30 +102,45 @@ void EventProcessor::RunOnePass() {
 }
 
 void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
-  while (!pending_.empty()) {
-    NotifyEvent event = std::move(pending_.front());
-    pending_.pop_front();
-    LogEvent(event);
+  // Events are handled in place, in order; a move's partner further on is
+  // marked as taken instead of being removed.
+  taken_.assign(pending_.size(), 0);
+  size_t i = 0;
+  try {
+    for (; i < pending_.size(); ++i) {
+      if (taken_[i]) continue;
+      const PackedEvents::View event = pending_.Get(i);
+      LogEvent(i);
 
-    if (event.mask & YULO_Q_OVERFLOW) {
-      // The kernel lost events: what is still pending is no longer the whole
-      // story, so drop it and have every watching queue rescan the volume.
-      pending_.clear();
-      YULO_LOG_ALWAYS("Recieve overflow event vol: %s",
-                      source_->GetMountPoint().c_str());
-      SendRescan(snapshot);
-      break;
-    }
-    if (event.mask & (YULO_MOVE_FROM | YULO_MOVE_TO)) {
-      NotifyEvent partner;
-      if (PairMoveEvent(event, partner)) {
-        HandleMovePair(event, partner, snapshot);
-        continue;
+      if (event.mask & YULO_Q_OVERFLOW) {
+        // The kernel lost events: what is still pending is no longer the
+        // whole story, so drop it and have every watching queue rescan the
+        // volume.
+        YULO_LOG_ALWAYS("Recieve overflow event vol: %s",
+                        source_->GetMountPoint().c_str());
+        SendRescan(snapshot);
+        break;
       }
-      YULO_LOG_DEBUG("pair fail");
+      if (event.mask & (YULO_MOVE_FROM | YULO_MOVE_TO)) {
+        size_t partner = 0;
+        if (PairMoveEvent(i, &partner)) {
+          HandleMovePair(event, pending_.Get(partner), snapshot);
+          continue;
+        }
+        YULO_LOG_DEBUG("pair fail");
+      }
+      HandleEvent(event, snapshot);
     }
-    HandleEvent(event, snapshot);
+  } catch (const std::bad_alloc&) {
+    // Keep what was not handled yet for the next pass.
+    PackedEvents rest;
+    for (size_t j = i + 1; j < pending_.size(); ++j) {
+      if (!taken_[j]) rest.Push(pending_.ToEvent(j));
+    }
+    pending_.swap(rest);
+    throw;
   }
+  pending_.clear();
 }
 
 unsigned EventProcessor::NextPauseMs() {
@@ -151,13 +166,16 @@ size_t EventProcessor::KeptLinesLocked() const {
 }
 
 const std::vector<size_t>& EventProcessor::QueuesNear(
-    const std::string& watch, const std::vector<MonitorQueue>& snapshot) {
-  auto it = queues_near_.find(watch);
-  if (it != queues_near_.end()) return it->second;
-  std::vector<size_t>& indices = queues_near_[watch];
+    std::string_view watch, const std::vector<MonitorQueue>& snapshot) {
+  // A volume has a few watched paths: a short list beats hashing.
+  for (const auto& entry : queues_near_) {
+    if (entry.first == watch) return entry.second;
+  }
+  queues_near_.emplace_back(std::string(watch), std::vector<size_t>());
+  std::vector<size_t>& indices = queues_near_.back().second;
   for (size_t i = 0; i < snapshot.size(); ++i) {
     // An event without a watched path gets every queue's judgement.
-    if (watch.empty() || snapshot[i].MayMonitorBelow(watch)) {
+    if (watch.empty() || snapshot[i].MayMonitorBelow(queues_near_.back().first)) {
       indices.push_back(i);
     }
   }
@@ -223,64 +241,74 @@ void EventProcessor::FetchEvents() {
   fetching_ = 0;
 }
 
-void EventProcessor::LogEvent(const NotifyEvent& event) {
+void EventProcessor::LogEvent(size_t index) const {
+  // The dump is made only when the line is written.
   if (!LogGateOpen(LogGate::kInfo)) return;
   std::ostringstream dump;
-  dump << event;
+  dump << pending_.ToEvent(index);
   YULO_LOG_INFO("Got event, %s", dump.str().c_str());
 }
 
-bool EventProcessor::PairMoveEvent(const NotifyEvent& first,
-                                   NotifyEvent& partner) {
+bool EventProcessor::PairMoveEvent(size_t first, size_t* partner) {
   // The first pending half of the other direction with the same cookie is
   // the partner: a move-from pairs only with a move-to and the other way
   // round.
+  const PackedEvents::View half = pending_.Get(first);
   const uint32_t wanted =
-      (first.mask & YULO_MOVE_FROM) ? YULO_MOVE_TO : YULO_MOVE_FROM;
-  for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-    if (it->cookie != first.cookie || (it->mask & wanted) == 0) continue;
-    partner = std::move(*it);
-    pending_.erase(it);
-    LogEvent(partner);
+      (half.mask & YULO_MOVE_FROM) ? YULO_MOVE_TO : YULO_MOVE_FROM;
+  for (size_t j = first + 1; j < pending_.size(); ++j) {
+    if (taken_[j]) continue;
+    const PackedEvents::View other = pending_.Get(j);
+    if (other.cookie != half.cookie || (other.mask & wanted) == 0) continue;
+    taken_[j] = 1;
+    LogEvent(j);
+    *partner = j;
     return true;
   }
   return false;
 }
 
-void EventProcessor::HandleEvent(const NotifyEvent& event,
+void EventProcessor::FullPath(const PackedEvents::View& event,
+                              std::string* out) {
+  // The watched path alone for the watched path itself ("/" below it).
+  out->assign(event.watch);
+  if (event.path != "/") out->append(event.path);
+}
+
+void EventProcessor::HandleEvent(const PackedEvents::View& event,
                                  std::vector<MonitorQueue>& snapshot) {
-  const std::string path = GetFullPath(event);
+  FullPath(event, &path_a_);
   const uint32_t code = QueueEventCode(event.mask);
   // Only the queues with a monitor near the event's watched path can want
   // it; they are asked in snapshot order, as all of them would be.
   for (size_t i : QueuesNear(event.watch, snapshot)) {
-    if (snapshot[i].IsMonitoring(path, code)) {
-      SendEvent(code, path, IsDir(event), i);
+    if (snapshot[i].IsMonitoring(path_a_, code)) {
+      SendEvent(code, path_a_, IsDir(event.mask), i);
     }
   }
 }
 
-void EventProcessor::HandleMovePair(const NotifyEvent& first,
-                                    const NotifyEvent& partner,
+void EventProcessor::HandleMovePair(const PackedEvents::View& first,
+                                    const PackedEvents::View& partner,
                                     std::vector<MonitorQueue>& snapshot) {
-  const std::string path_a = GetFullPath(first);
-  const std::string path_b = GetFullPath(partner);
+  FullPath(first, &path_a_);
+  FullPath(partner, &path_b_);
   const uint32_t code_a = QueueEventCode(first.mask);
   const uint32_t code_b = QueueEventCode(partner.mask);
   for (size_t i = 0; i < snapshot.size(); ++i) {
-    const bool wants_a = snapshot[i].IsMonitoring(path_a, code_a);
-    const bool wants_b = snapshot[i].IsMonitoring(path_b, code_b);
+    const bool wants_a = snapshot[i].IsMonitoring(path_a_, code_a);
+    const bool wants_b = snapshot[i].IsMonitoring(path_b_, code_b);
     if (wants_a && wants_b) {
       // Both ends watched: one move line, whichever half came first.
       if (code_a & QUEUE_EVENT_DELETE) {
-        SendMoveEvent(path_a, path_b, IsDir(first), i);
+        SendMoveEvent(path_a_, path_b_, IsDir(first.mask), i);
       } else {
-        SendMoveEvent(path_b, path_a, IsDir(partner), i);
+        SendMoveEvent(path_b_, path_a_, IsDir(partner.mask), i);
       }
     } else if (wants_a) {
-      SendEvent(code_a, path_a, IsDir(first), i);
+      SendEvent(code_a, path_a_, IsDir(first.mask), i);
     } else if (wants_b) {
-      SendEvent(code_b, path_b, IsDir(partner), i);
+      SendEvent(code_b, path_b_, IsDir(partner.mask), i);
     }
   }
 }

@@ -36,14 +36,15 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "notify/notify_event.h"
+#include "notify/packed_events.h"
 #include "output/event_source.h"
 #include "output/queue_file_ops.h"
 #include "output/queue_outbox.h"
@@ -124,13 +125,18 @@ class EventProcessor : public Thread {
   void FetchEvents();
   // Handles every pending event, in order, into the outboxes.
   void HandlePending(std::vector<MonitorQueue>& snapshot);
-  static void LogEvent(const NotifyEvent& event);
-  // Looks for the first pending event with `first`'s cookie; if found,
-  // moves it to `partner`, logs it and returns true.
-  bool PairMoveEvent(const NotifyEvent& first, NotifyEvent& partner);
-  void HandleEvent(const NotifyEvent& event,
+  // Logs pending event `index` (level 6 or 7).
+  void LogEvent(size_t index) const;
+  // Looks for the partner of the move half pending at `first`: the first
+  // event after it, not taken yet, with the same cookie and the other
+  // direction. If found, marks it taken, logs it, puts its position in
+  // `partner` and returns true.
+  bool PairMoveEvent(size_t first, size_t* partner);
+  static void FullPath(const PackedEvents::View& event, std::string* out);
+  void HandleEvent(const PackedEvents::View& event,
                    std::vector<MonitorQueue>& snapshot);
-  void HandleMovePair(const NotifyEvent& first, const NotifyEvent& partner,
+  void HandleMovePair(const PackedEvents::View& first,
+                      const PackedEvents::View& partner,
                       std::vector<MonitorQueue>& snapshot);
   void SendRescan(std::vector<MonitorQueue>& snapshot);
   // Add one line to the outbox of the snapshot's queue `queue_index`.
@@ -149,7 +155,7 @@ class EventProcessor : public Thread {
   // `watch` (MonitorQueue::MayMonitorBelow), ascending; worked out once per
   // watched path and pass.
   const std::vector<size_t>& QueuesNear(
-      const std::string& watch, const std::vector<MonitorQueue>& snapshot);
+      std::string_view watch, const std::vector<MonitorQueue>& snapshot);
 
   EventSource* source_;
   // Events the last pass took; it chooses the pause after the pass.
@@ -159,16 +165,18 @@ class EventProcessor : public Thread {
   // 1 while FetchEvents runs, else 0. Both fetch paths test it; with the
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;
-  std::list<NotifyEvent> pending_;
+  PackedEvents pending_;
+  std::vector<char> taken_;  // per pending event: handled as a partner
   PosixQueueFileOps posix_ops_;
   QueueFileOps* ops_;
   // One outbox per queue file path, byte-wise.
   std::map<std::string, std::unique_ptr<QueueOutbox>> outboxes_;
   // The outbox of each queue of the current pass's snapshot, by position.
   std::vector<QueueOutbox*> targets_;
-  // QueuesNear's answers for the current snapshot.
-  std::unordered_map<std::string, std::vector<size_t>> queues_near_;
+  // QueuesNear's answers for the current snapshot, by watched path.
+  std::vector<std::pair<std::string, std::vector<size_t>>> queues_near_;
   std::string line_;  // reused for every line's text
+  std::string path_a_, path_b_;  // reused for the events' full paths
   // Set before the stop flag is raised and read by the worker after it sees
   // the flag, so the flag's ordering covers them.
   bool drain_requested_ = false;

@@ -6,11 +6,10 @@
 #ifndef YULOTIFYD_OUTPUT_EVENT_SOURCE_H_
 #define YULOTIFYD_OUTPUT_EVENT_SOURCE_H_
 
-#include <list>
 #include <string>
 #include <vector>
 
-#include "notify/notify_event.h"
+#include "notify/packed_events.h"
 #include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
@@ -21,7 +20,7 @@ class EventSource {
   virtual ~EventSource() = default;
 
   // Moves every queued event to the end of `out`, oldest first.
-  virtual void GetEvents(std::list<NotifyEvent>& out) = 0;
+  virtual void GetEvents(PackedEvents& out) = 0;
 
   // A private copy of the daemon's monitor-queue list.
   virtual std::vector<MonitorQueue> GetMonitorQueues() = 0;

@@ -1,59 +1,50 @@
 #include "volume/event_queue.h"
 
+#include <new>
+
 namespace YULO {
 namespace YULOTIFYD {
 
 // A default-attribute mutex cannot fail to initialise on Linux.
-EventQueue::EventQueue() : mutex_(PTHREAD_MUTEX_INITIALIZER), count_(0) {}
+EventQueue::EventQueue() : mutex_(PTHREAD_MUTEX_INITIALIZER) {}
 
 EventQueue::~EventQueue() { pthread_mutex_destroy(&mutex_); }
 
 bool EventQueue::Push(const NotifyEvent& event, size_t* size_after) {
-  // The element is made before it is linked, under the lock; it holds its
-  // own copies of the strings.
   pthread_mutex_lock(&mutex_);
   try {
-    events_.push_back(event);
-  } catch (...) {
+    events_.Push(event);
+  } catch (const std::bad_alloc&) {
     pthread_mutex_unlock(&mutex_);
     return false;
   }
-  ++count_;
-  if (size_after != nullptr) *size_after = count_;
+  if (size_after != nullptr) *size_after = events_.size();
   pthread_mutex_unlock(&mutex_);
   return true;
 }
 
-bool EventQueue::PushAll(const std::vector<NotifyEvent>& events,
-                         size_t* size_after) {
-  std::list<NotifyEvent> copies;
+bool EventQueue::PushAll(PackedEvents& events, size_t* size_after) {
+  pthread_mutex_lock(&mutex_);
   try {
-    copies.assign(events.begin(), events.end());
-  } catch (...) {
+    events_.Append(events);
+  } catch (const std::bad_alloc&) {
+    pthread_mutex_unlock(&mutex_);
     return false;
   }
-  pthread_mutex_lock(&mutex_);
-  count_ += copies.size();
-  events_.splice(events_.end(), copies);
-  if (size_after != nullptr) *size_after = count_;
+  if (size_after != nullptr) *size_after = events_.size();
   pthread_mutex_unlock(&mutex_);
   return true;
 }
 
-void EventQueue::TakeAll(std::list<NotifyEvent>& out) {
+void EventQueue::TakeAll(PackedEvents& out) {
   pthread_mutex_lock(&mutex_);
-  if (out.empty()) {
-    out.swap(events_);
-  } else {
-    out.splice(out.end(), events_);
-  }
-  count_ = 0;
+  out.Append(events_);
   pthread_mutex_unlock(&mutex_);
 }
 
 size_t EventQueue::Size() {
   pthread_mutex_lock(&mutex_);
-  const size_t n = count_;
+  const size_t n = events_.size();
   pthread_mutex_unlock(&mutex_);
   return n;
 }

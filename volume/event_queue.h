@@ -1,8 +1,9 @@
 // EventQueue: the events of one volume between its receiver and processor.
 //
-// Push appends a copy; TakeAll moves everything out by relinking, so the
-// time under the lock does not grow with the queue. No limit other than
-// memory.
+// Events are kept packed (PackedEvents): no heap object per event, the
+// watched paths kept once. Push appends a copy; TakeAll hands everything
+// over by swapping buffers, so the time under the lock does not grow with
+// the queue. No limit other than memory.
 //
 // Thread-safety: all operations may run concurrently. The mutex is a leaf:
 // nothing else is locked while it is held.
@@ -11,10 +12,10 @@
 
 #include <pthread.h>
 
-#include <list>
-#include <vector>
+#include <cstddef>
 
 #include "notify/notify_event.h"
+#include "notify/packed_events.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -30,18 +31,17 @@ class EventQueue {
   // unchanged. `size_after`, when given, gets the number of queued events
   // right after the push.
   bool Push(const NotifyEvent& event, size_t* size_after = nullptr);
-  // Appends copies of all `events` at once: a taker sees all or none of
-  // them. False, with the queue unchanged, when the copies cannot be made.
-  bool PushAll(const std::vector<NotifyEvent>& events,
-               size_t* size_after = nullptr);
+  // Moves all `events` to the end at once, leaving `events` empty: a taker
+  // sees all or none of them. False, with the queue unchanged, when memory
+  // runs out.
+  bool PushAll(PackedEvents& events, size_t* size_after = nullptr);
   // Moves every queued event to the end of `out`, oldest first.
-  void TakeAll(std::list<NotifyEvent>& out);
+  void TakeAll(PackedEvents& out);
   size_t Size();
 
  private:
   pthread_mutex_t mutex_;
-  std::list<NotifyEvent> events_;
-  size_t count_;  // always events_.size()
+  PackedEvents events_;
 };
 
 }  // namespace YULOTIFYD

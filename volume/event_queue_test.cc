@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -17,58 +19,74 @@ NotifyEvent Event(const std::string& path) {
   return e;
 }
 
-TEST(EventQueueTest, TakeAllIntoEmptyListTakesEverything) {
+PackedEvents Pack(const std::vector<std::string>& paths) {
+  PackedEvents packed;
+  for (const std::string& path : paths) packed.Push(Event(path));
+  return packed;
+}
+
+TEST(EventQueueTest, TakeAllIntoEmptyPackTakesEverything) {
   EventQueue q;
-  ASSERT_TRUE(q.Push(Event("/1")));
-  ASSERT_TRUE(q.Push(Event("/2")));
+  size_t size = 0;
+  ASSERT_TRUE(q.Push(Event("/1"), &size));
+  EXPECT_EQ(size, 1u);
+  ASSERT_TRUE(q.Push(Event("/2"), &size));
+  EXPECT_EQ(size, 2u);
   EXPECT_EQ(q.Size(), 2u);
-  std::list<NotifyEvent> out;
+  PackedEvents out;
   q.TakeAll(out);
   ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out.front().path, "/1");
-  EXPECT_EQ(out.back().path, "/2");
+  EXPECT_EQ(out.Get(0).path, "/1");
+  EXPECT_EQ(out.Get(1).path, "/2");
+  EXPECT_EQ(out.Get(1).watch, "/vol1/a");
   EXPECT_EQ(q.Size(), 0u);
 }
 
 TEST(EventQueueTest, TakeAllAppendsAfterExistingElements) {
   EventQueue q;
   q.Push(Event("/3"));
-  std::list<NotifyEvent> out = {Event("/1"), Event("/2")};
+  PackedEvents out = Pack({"/1", "/2"});
   q.TakeAll(out);
   ASSERT_EQ(out.size(), 3u);
-  EXPECT_EQ(out.back().path, "/3");
+  EXPECT_EQ(out.Get(2).path, "/3");
   EXPECT_EQ(q.Size(), 0u);
 }
 
-TEST(EventQueueTest, TakeAllOfEmptyQueueLeavesListUnchanged) {
+TEST(EventQueueTest, TakeAllOfEmptyQueueLeavesPackUnchanged) {
   EventQueue q;
-  std::list<NotifyEvent> out = {Event("/1")};
+  PackedEvents out = Pack({"/1"});
   q.TakeAll(out);
   ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out.front().path, "/1");
+  EXPECT_EQ(out.Get(0).path, "/1");
 }
 
-TEST(EventQueueTest, PushAllAppendsEveryEventInOrder) {
+TEST(EventQueueTest, PushAllAppendsEveryEventInOrderAndEmptiesTheBatch) {
   EventQueue q;
   q.Push(Event("/0"));
-  ASSERT_TRUE(q.PushAll({Event("/1"), Event("/2")}));
-  EXPECT_EQ(q.Size(), 3u);
-  std::list<NotifyEvent> out;
+  PackedEvents batch = Pack({"/1", "/2"});
+  size_t size = 0;
+  ASSERT_TRUE(q.PushAll(batch, &size));
+  EXPECT_TRUE(batch.empty());
+  EXPECT_EQ(size, 3u);
+  PackedEvents out;
   q.TakeAll(out);
   ASSERT_EQ(out.size(), 3u);
-  EXPECT_EQ(out.back().path, "/2");
+  EXPECT_EQ(out.Get(2).path, "/2");
 }
 
 TEST(EventQueueTest, PushAllIsSeenWholeByAConcurrentTaker) {
   EventQueue q;
   constexpr int kPairs = 5000;
   std::thread producer([&] {
-    for (int i = 0; i < kPairs; ++i) q.PushAll({Event("/a"), Event("/b")});
+    for (int i = 0; i < kPairs; ++i) {
+      PackedEvents pair = Pack({"/a", "/b"});
+      q.PushAll(pair);
+    }
   });
   size_t taken = 0;
   bool split = false;
   while (taken < 2u * kPairs) {
-    std::list<NotifyEvent> batch;
+    PackedEvents batch;
     q.TakeAll(batch);
     split |= batch.size() % 2 != 0;
     taken += batch.size();
@@ -83,13 +101,11 @@ TEST(EventQueueTest, ConcurrentPushAndTakeLoseNothing) {
   std::thread producer([&] {
     for (int i = 0; i < kEvents; ++i) q.Push(Event("/" + std::to_string(i)));
   });
-  std::list<NotifyEvent> taken;
+  PackedEvents taken;
   while (taken.size() < static_cast<size_t>(kEvents)) q.TakeAll(taken);
   producer.join();
-  int i = 0;
-  for (const NotifyEvent& e : taken) {
-    ASSERT_EQ(e.path, "/" + std::to_string(i));
-    ++i;
+  for (size_t i = 0; i < taken.size(); ++i) {
+    ASSERT_EQ(taken.Get(i).path, "/" + std::to_string(i));
   }
   EXPECT_EQ(q.Size(), 0u);
 }

@@ -97,16 +97,11 @@ bool EventReceiver::RunOnce(NotifyEvent& event) {
   // two halves of a rename, which the kernel writes one after the other,
   // reach the queue together, so no pass takes one without the other.
   batch_.clear();
-  batch_.push_back(event);
-  NotifyEvent next;
+  batch_.Push(event);
   while (buffer_pending() != 0) {
-    if (ReadEvent(next)) batch_.push_back(std::move(next));
+    if (ReadEvent(next_)) batch_.Push(next_);
   }
-  if (batch_.size() == 1) {
-    owner_->EnqueueEvent(batch_.front());
-  } else {
-    owner_->EnqueueEvents(batch_);
-  }
+  owner_->EnqueueEvents(batch_);
   return true;
 }
 

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "notify/packed_events.h"
 #include "notify/yulotify.h"
 #include "volume/receiver_owner.h"
 #include "yulotifyd/thread.h"
@@ -97,7 +98,8 @@ class EventReceiver : public YULotify, public Thread {
   std::list<ReceiverCommand> commands_;
   // commands_.size(), changed under command_mutex_ and read without it.
   std::atomic<size_t> command_count_;
-  std::vector<NotifyEvent> batch_;  // reused by RunOnce
+  PackedEvents batch_;  // reused by RunOnce
+  NotifyEvent next_;    // reused by RunOnce
 };
 
 }  // namespace YULOTIFYD

@@ -30,10 +30,11 @@ class FakeOwner : public ReceiverOwner {
     events.push_back(event);
     return true;
   }
-  bool EnqueueEvents(const std::vector<NotifyEvent>& batch) override {
+  bool EnqueueEvents(PackedEvents& batch) override {
     std::lock_guard<std::mutex> lock(mutex);
-    events.insert(events.end(), batch.begin(), batch.end());
+    for (size_t i = 0; i < batch.size(); ++i) events.push_back(batch.ToEvent(i));
     batches.push_back(batch.size());
+    batch.clear();
     return true;
   }
   void WatchesReady() override {

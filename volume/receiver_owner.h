@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "notify/notify_event.h"
+#include "notify/packed_events.h"
 #include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
@@ -22,9 +23,10 @@ class ReceiverOwner {
   virtual std::vector<MonitorQueue> GetMonitorQueues() = 0;
   // Appends a copy of `event` to the volume's queue; false when dropped.
   virtual bool EnqueueEvent(const NotifyEvent& event) = 0;
-  // Appends copies of `events` at once, so that no taker sees some without
-  // the others (the two halves of a rename); false when dropped.
-  virtual bool EnqueueEvents(const std::vector<NotifyEvent>& events) = 0;
+  // Moves `events` into the queue at once, so that no taker sees some
+  // without the others (the two halves of a rename), and leaves it empty;
+  // false when dropped.
+  virtual bool EnqueueEvents(PackedEvents& events) = 0;
   // Called after every full (re)adding of the watches.
   virtual void WatchesReady() = 0;
   // The volume's mount point.

@@ -121,10 +121,11 @@ bool VolumeMgr::CrossesEarlyPassMark(size_t pushed, size_t size_after) {
   return size_after >= mark && size_after - pushed < mark;
 }
 
-bool VolumeMgr::EnqueueEvents(const std::vector<NotifyEvent>& events) {
+bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
   size_t size_after = 0;
+  const size_t pushed = events.size();
   if (queue_.PushAll(events, &size_after)) {
-    WakeProcessorIfBusy(events.size(), size_after);
+    WakeProcessorIfBusy(pushed, size_after);
     return true;
   }
   YULO_LOG_ALWAYS("Event queue is full");
@@ -141,7 +142,7 @@ void VolumeMgr::WakeProcessorIfBusy(size_t pushed, size_t size_after) {
   if (processor != nullptr) processor->Wake();
 }
 
-void VolumeMgr::GetEvents(std::list<NotifyEvent>& out) { queue_.TakeAll(out); }
+void VolumeMgr::GetEvents(PackedEvents& out) { queue_.TakeAll(out); }
 
 std::string VolumeMgr::FindShareRoot(
     const std::vector<std::string>& share_paths, const std::string& path) {
@@ -181,7 +182,11 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
   // Both halves of a rename go in together, so the processor never takes a
   // batch between them and fails to pair them. A failed push is logged; the
   // injection still counts as offered.
-  if (!records.empty()) EnqueueEvents(records);
+  if (!records.empty()) {
+    PackedEvents packed;
+    for (const NotifyEvent& record : records) packed.Push(record);
+    EnqueueEvents(packed);
+  }
   return offered;
 }
 

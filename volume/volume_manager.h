@@ -51,8 +51,8 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
 
   // Queue (ReceiverOwner / EventSource).
   bool EnqueueEvent(const NotifyEvent& event) override;
-  bool EnqueueEvents(const std::vector<NotifyEvent>& events) override;
-  void GetEvents(std::list<NotifyEvent>& out) override;
+  bool EnqueueEvents(PackedEvents& events) override;
+  void GetEvents(PackedEvents& out) override;
   size_t QueuedEvents() { return queue_.Size(); }
 
   // Injects an event reported by another service: queue event code `type`,

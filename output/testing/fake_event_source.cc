@@ -21,7 +21,7 @@ FakeEventSource::FakeEventSource(std::string mount_point)
 
 void FakeEventSource::Push(const NotifyEvent& event) {
   std::lock_guard<std::mutex> guard(mutex_);
-  queue_.push_back(event);
+  queue_.Push(event);
 }
 
 void FakeEventSource::SetQueues(std::vector<MonitorQueue> queues) {
@@ -39,10 +39,10 @@ size_t FakeEventSource::Queued() {
   return queue_.size();
 }
 
-void FakeEventSource::GetEvents(std::list<NotifyEvent>& out) {
+void FakeEventSource::GetEvents(PackedEvents& out) {
   ++get_events_calls_;
   std::lock_guard<std::mutex> guard(mutex_);
-  out.splice(out.end(), queue_);
+  out.Append(queue_);
 }
 
 std::vector<MonitorQueue> FakeEventSource::GetMonitorQueues() {

@@ -36,7 +36,7 @@ class FakeEventSource : public EventSource {
   int GetEventsCalls() const { return get_events_calls_.load(); }
   int SnapshotCalls() const { return snapshot_calls_.load(); }
 
-  void GetEvents(std::list<NotifyEvent>& out) override;
+  void GetEvents(PackedEvents& out) override;
   std::vector<MonitorQueue> GetMonitorQueues() override;
   bool IsRecovery() override;
   const std::string& GetMountPoint() const override { return mount_point_; }
@@ -44,7 +44,7 @@ class FakeEventSource : public EventSource {
  private:
   const std::string mount_point_;
   std::mutex mutex_;
-  std::list<NotifyEvent> queue_;
+  PackedEvents queue_;
   std::vector<MonitorQueue> queues_;
   bool recovery_ = false;
   std::atomic<int> get_events_calls_{0};
