@@ -264,8 +264,15 @@ def follow(tail, result, expected, parse, quiet, timeout, pid=None):
 # ---------------------------------------------------------------------------
 # yulotifyd.
 
+CREATE_PREFIX = b'{"event":64,"is_dir":false,"path":"'
+
+
 def parse_queue_line(raw):
     """(path of a create line, None) or (None, rescan path)."""
+    # The benchmark's own names need no escaping: slicing them out keeps the
+    # measuring process from competing with the watchers for the CPU.
+    if raw.startswith(CREATE_PREFIX) and raw.endswith(b'"}') and b"\\" not in raw:
+        return raw[len(CREATE_PREFIX):-2].decode(), None
     try:
         obj = json.loads(raw)
     except ValueError:
