@@ -606,6 +606,8 @@ int RunQueues(const Args& args) {
         v["reason"] = f.reason;
       } else {
         v["queue"] = f.queue_path;
+        v["owner_uid"] = static_cast<Json::UInt>(f.owner_uid);
+        v["owner_gid"] = static_cast<Json::UInt>(f.owner_gid);
         v["monitors"] = Json::Value(Json::arrayValue);
         for (const auto& m : f.monitors) {
           Json::Value mv(Json::objectValue);
@@ -646,7 +648,12 @@ int RunQueues(const Args& args) {
       std::cout << "  skipped: " << f.reason << "\n";
       continue;
     }
-    std::cout << "  queue " << f.queue_path << "\n";
+    std::cout << "  queue " << f.queue_path;
+    if (f.owner_uid != 0) {
+      std::cout << ", written as uid " << f.owner_uid << " gid "
+                << f.owner_gid;
+    }
+    std::cout << "\n";
     if (f.monitors.empty()) std::cout << "  no monitors\n";
     for (const auto& m : f.monitors) {
       std::cout << "  monitors[" << m.index << "] ";
