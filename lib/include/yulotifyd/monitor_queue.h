@@ -10,12 +10,13 @@
 // of the configuration file it was loaded from (GetOwnerUid/GetOwnerGid).
 // For a queue whose owner is not root, every operation on its queue file
 // (open, lock, read, write, truncate) must run with that owner's file-system
-// user and group ids (setfsuid/setfsgid on the calling thread, restored right
-// after), so that a subscription writes only where its owner could; and no
-// queue file's last path component may be followed as a symbolic link
-// (O_NOFOLLOW). Supplementary groups count in those permission checks too,
-// so the writing process must have none. Loading refuses configuration
-// files that someone other than their owner could change (see LoadFile).
+// user and group ids (setfsuid/setfsgid on the calling thread, restored
+// right after; ScopedFsIds in yulotifyd/fs_ids.h does that), so that a
+// subscription writes only where its owner could; and no queue file's last
+// path component may be followed as a symbolic link (O_NOFOLLOW).
+// Supplementary groups count in those permission checks too, so the writing
+// process must have none. Loading refuses configuration files that someone
+// other than their owner could change (see LoadFile).
 //
 // Value type: copyable, no shared state. Thread-safety: const members and the
 // static queries may run concurrently on different objects; copying must be
