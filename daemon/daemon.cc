@@ -1,5 +1,6 @@
 #include "daemon/daemon.h"
 
+#include <grp.h>
 #include <signal.h>
 #include <sys/inotify.h>
 #include <sys/select.h>
@@ -44,6 +45,8 @@ void ReportKillSignal() {
 Daemon::Daemon(DaemonOptions options)
     : options_(std::move(options)),
       sock_fd(-1),
+      socket_group_found_(false),
+      socket_gid_(0),
       inotify_fd(-1),
       run_status(RUN_STATUS_UNSET),
       marked_running_(false),
@@ -64,6 +67,12 @@ void Daemon::KillHandler(int signo) {
 
 void Daemon::Run() {
   umask(0);
+  // Queue files of subscriptions not owned by root are written with their
+  // owners' file-system ids, and supplementary groups would count in those
+  // permission checks too: the daemon keeps none.
+  if (setgroups(0, nullptr) != 0) {
+    YULO_LOG_ALWAYS("setgroups failed, reason=%m");
+  }
   // The queue-file writer's lock back-off draws from rand().
   std::srand(static_cast<unsigned>(std::time(nullptr)));
 

@@ -16,6 +16,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <json/json.h>
 
@@ -37,6 +38,9 @@ namespace YULOTIFYD {
 // compiled-in defaults; tests may point a Daemon elsewhere.
 struct DaemonOptions {
   std::string socket_path = YULOTIFYD_SOCKET_PATH;
+  // Besides root, members of this group may use the control socket; empty or
+  // unknown: nobody but root.
+  std::string socket_group = YULOTIFYD_SOCKET_GROUP;
   std::string run_status_path = YULOTIFYD_RUN_STATUS_PATH;
   std::string conf_root = YULOTIFYD_CONF_DIR;
 };
@@ -86,6 +90,9 @@ class Daemon : public VolumeContext {
 
   // Control socket.
   bool SetupDomainSocket();
+  void LookUpSocketGroup();
+  void OpenSocketToGroup();
+  bool MayControl(int conn);
   void HandleDomainSocket();
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
   int32_t Dispatch(const std::string& type, const Json::Value& data);
@@ -101,6 +108,9 @@ class Daemon : public VolumeContext {
   const DaemonOptions options_;
 
   int sock_fd;
+  // The control socket's group, when it has one (socket_group_found_).
+  bool socket_group_found_;
+  gid_t socket_gid_;
   int inotify_fd;
   std::vector<int> watch_descriptors;
   std::map<int32_t, VolumeMgr*> volume_mgrs;

@@ -1,8 +1,12 @@
 // The control socket: one length-prefixed JSON command per connection,
-// answered with a 4-byte status.
+// answered with a 4-byte status. Only root and the members of the socket
+// group may connect (mode 0660) and are served (checked per connection);
+// anybody else gets -1 without a byte of the request being read.
 #include <errno.h>
+#include <grp.h>
 #include <stddef.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,9 +15,12 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <optional>
 #include <vector>
 
 #include "daemon/daemon.h"
+#include "daemon/peer_credentials.h"
+#include "yulotifyd/fs_ids.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
 
@@ -23,6 +30,10 @@ namespace YULOTIFYD {
 namespace {
 
 constexpr int kListenBacklog = 10;
+// The socket file's mode when it has a group: root and the group.
+constexpr mode_t kGroupSocketMode = 0660;
+// Bound on the buffer for one group entry (a group with very many members).
+constexpr size_t kMaxGroupEntrySize = 1024 * 1024;
 constexpr size_t kReadChunk = 1024;
 constexpr int kReadRetries = 3;
 // A command is a few hundred bytes; anything longer is refused unread.
@@ -125,7 +136,31 @@ bool Daemon::SetupDomainSocket() {
   const socklen_t len =
       static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) +
                              path.size());
-  if (bind(sock_fd, reinterpret_cast<struct sockaddr*>(&addr), len) != 0) {
+  LookUpSocketGroup();
+  // The socket file is made usable by its owner alone (umask 0177: mode
+  // 0600) and then opened to its group, so at no time can more callers
+  // connect than should. It is made while the thread's file-system group is
+  // the socket group, so it belongs to that group from the start: that takes
+  // CAP_SETGID, which the daemon keeps anyway to write queue files as their
+  // owners, instead of CAP_CHOWN. The process umask is changed around bind
+  // only; no other thread runs yet.
+  const mode_t old_umask = umask(0177);
+  int bound;
+  int bind_errno;
+  bool ids_restored = true;
+  {
+    std::optional<ScopedFsIds> ids;
+    if (socket_group_found_) {
+      ids.emplace(ScopedFsIds::CurrentFsUid(), socket_gid_);
+    }
+    bound = bind(sock_fd, reinterpret_cast<struct sockaddr*>(&addr), len);
+    bind_errno = errno;
+    if (ids) ids_restored = ids->Restore();
+  }
+  umask(old_umask);
+  if (!ids_restored) return false;  // logged by Restore
+  if (bound != 0) {
+    errno = bind_errno;
     YULO_LOG_ALWAYS("bind failed, reason=%m");
     return false;
   }
@@ -133,8 +168,54 @@ bool Daemon::SetupDomainSocket() {
     YULO_LOG_ALWAYS("listen failed, reason=%m");
     return false;
   }
-  // With the process umask at 0 every local user may connect.
+  OpenSocketToGroup();
   return true;
+}
+
+void Daemon::LookUpSocketGroup() {
+  socket_group_found_ = false;
+  const std::string& name = options_.socket_group;
+  if (name.empty()) return;
+  const long hint = sysconf(_SC_GETGR_R_SIZE_MAX);
+  std::vector<char> buffer(hint > 0 ? static_cast<size_t>(hint) : 1024);
+  struct group entry;
+  struct group* found = nullptr;
+  int rc;
+  for (;;) {
+    rc = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(),
+                    &found);
+    if (rc == EINTR) continue;
+    if (rc != ERANGE || buffer.size() >= kMaxGroupEntrySize) break;
+    buffer.resize(buffer.size() * 2);
+  }
+  if (rc != 0 || found == nullptr) {
+    YULO_LOG_INFO("No group %s: the control socket is for root only",
+                  name.c_str());
+    return;
+  }
+  socket_gid_ = entry.gr_gid;
+  socket_group_found_ = true;
+}
+
+// Opens the socket file to its group (mode 0660) once it is in the socket
+// group. Without a group, or when the file did not get it (a directory with
+// the set-group-ID bit imposes its own), the file stays 0600: root only.
+void Daemon::OpenSocketToGroup() {
+  if (!socket_group_found_) return;
+  const std::string& path = options_.socket_path;
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    YULO_LOG_ALWAYS("stat failed, path=%s, reason=%m", path.c_str());
+    return;
+  }
+  if (st.st_gid != socket_gid_) {
+    YULO_LOG_ALWAYS("Control socket %s not in group %s: root only",
+                    path.c_str(), options_.socket_group.c_str());
+    return;
+  }
+  if (chmod(path.c_str(), kGroupSocketMode) != 0) {
+    YULO_LOG_ALWAYS("chmod failed, path=%s, reason=%m", path.c_str());
+  }
 }
 
 bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
@@ -148,6 +229,17 @@ void Daemon::HandleDomainSocket() {
   if (conn < 0) {
     YULO_LOG_ALWAYS("accept failed, reason=%m");
     YULO_LOG_DEBUG("Replying socket: %d", reply);
+    return;
+  }
+  if (!MayControl(conn)) {
+    // Not a byte of the request is read, and the reply goes into the empty
+    // send buffer without waiting, so a refused caller costs the main loop
+    // nothing it could drag out.
+    YULO_LOG_DEBUG("Replying socket: %d", reply);
+    ssize_t ignored =
+        send(conn, &reply, sizeof(reply), MSG_NOSIGNAL | MSG_DONTWAIT);
+    (void)ignored;
+    close(conn);
     return;
   }
   const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
@@ -203,6 +295,20 @@ void Daemon::HandleDomainSocket() {
   ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
   (void)ignored;
   close(conn);
+}
+
+// Whether the caller at the other end of `conn` may drive the daemon: root,
+// or a member of the socket group. Logs every refusal.
+bool Daemon::MayControl(int conn) {
+  PeerCredentials peer;
+  const bool known = GetPeerCredentials(conn, &peer);
+  if (known &&
+      PeerMayControl(peer, socket_group_found_ ? &socket_gid_ : nullptr)) {
+    return true;
+  }
+  YULO_LOG_ALWAYS("Refused command from uid=%u, pid=%d",
+                  static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+  return false;
 }
 
 // Carries out one command. Returns the reply, or kMalformed when a member has

@@ -1,8 +1,10 @@
 #include "yulotifyd/control_client.h"
 
 #include <errno.h>
+#include <grp.h>
 #include <stddef.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <time.h>
@@ -10,6 +12,7 @@
 
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "errno_text.h"
 #include "yulo_build_config.h"
@@ -21,6 +24,10 @@ namespace YULOTIFYD {
 namespace {
 
 using Status = ControlResult::Status;
+
+// Room for one group entry; a group too big for it is named by the
+// compiled-in name instead.
+constexpr size_t kGroupBufferSize = 64 * 1024;
 
 // Owns a descriptor for the length of one call.
 class Fd {
@@ -116,6 +123,62 @@ void ReadReply(int fd, const Deadline& deadline, const std::string& path,
   result->message = "answered " + std::to_string(reply);
 }
 
+// The name of the group whose members may use the socket at `path`: the
+// socket file's group when the file is open to a group other than root's,
+// else the group the daemon was built to open it to. Empty when there is
+// none.
+std::string SocketGroupName(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && (st.st_mode & 0060) != 0 &&
+      st.st_gid != 0) {
+    std::vector<char> buffer(kGroupBufferSize);
+    struct group entry;
+    struct group* found = nullptr;
+    int rc;
+    do {
+      rc = getgrgid_r(st.st_gid, &entry, buffer.data(), buffer.size(),
+                      &found);
+    } while (rc == EINTR);
+    if (rc == 0 && found != nullptr) return entry.gr_name;
+  }
+  return YULOTIFYD_SOCKET_GROUP;
+}
+
+// Whether this process is one the daemon serves: root, or a member of the
+// socket file's group. True when that cannot be told.
+bool CallerMayUse(const std::string& path) {
+  if (geteuid() == 0) return true;
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return true;
+  if (getegid() == st.st_gid) return true;
+  const int count = getgroups(0, nullptr);
+  if (count <= 0) return false;
+  std::vector<gid_t> groups(static_cast<size_t>(count));
+  const int got = getgroups(count, groups.data());
+  for (int i = 0; i < got; ++i) {
+    if (groups[static_cast<size_t>(i)] == st.st_gid) return true;
+  }
+  return false;
+}
+
+ControlResult Denied(const std::string& path) {
+  const std::string group = SocketGroupName(path);
+  return Failure(Status::kDenied, EACCES,
+                 group.empty() ? "permission denied: run as root"
+                               : "permission denied: run as root or as a "
+                                 "member of group " + group);
+}
+
+// A -1 to a caller the daemon does not serve is the daemon refusing the
+// caller, not the command.
+ControlResult CheckRefusal(const std::string& path,
+                           const ControlResult& result) {
+  if (result.answered() && result.reply == -1 && !CallerMayUse(path)) {
+    return Denied(path);
+  }
+  return result;
+}
+
 }  // namespace
 
 const char* DefaultControlSocketPath() { return YULOTIFYD_SOCKET_PATH; }
@@ -172,6 +235,7 @@ ControlResult ControlClient::SendRaw(const std::string& text) const {
       return Failure(Status::kTimedOut, err,
                      "cannot connect to " + path + " in time (busy)");
     }
+    if (err == EACCES || err == EPERM) return Denied(path);
     return Failure(Status::kUnreachable, err,
                    "cannot connect to " + path + ": " + ErrnoText(err));
   }
@@ -207,13 +271,13 @@ ControlResult ControlClient::SendRaw(const std::string& text) const {
     // The daemon may have refused the request and answered before closing;
     // that answer is worth more than the broken send.
     ReadReply(fd.get(), deadline, path, &result);
-    if (result.answered()) return result;
+    if (result.answered()) return CheckRefusal(path, result);
     return Failure(Status::kSendFailed, err,
                    "cannot send the command to " + path + ": " +
                        ErrnoText(err));
   }
   ReadReply(fd.get(), deadline, path, &result);
-  return result;
+  return CheckRefusal(path, result);
 }
 
 std::string ControlClient::MakeCommand(const std::string& type,

@@ -1,10 +1,13 @@
 #include "yulotifyd/control_client.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -396,6 +399,103 @@ TEST(ControlClientTest, ConcurrentCallsAreAllAnswered) {
   for (std::thread& t : threads) t.join();
   EXPECT_EQ(ok.load(), 100);
   EXPECT_EQ(daemon.requests().size(), 100u);
+}
+
+// ---------------------------------------------------------------------------
+// Callers the daemon does not serve
+
+// Runs `body` in a child process as user nobody with primary group nobody
+// and the supplementary groups `groups`; the child's exit status is what
+// `body` returns.
+int RunAsNobody(const std::vector<gid_t>& groups,
+                const std::function<int()>& body) {
+  const pid_t child = fork();
+  if (child < 0) return -1;
+  if (child == 0) {
+    if (setgroups(groups.size(), groups.data()) != 0 ||
+        setresgid(65534, 65534, 65534) != 0 ||
+        setresuid(65534, 65534, 65534) != 0) {
+      _exit(100);
+    }
+    _exit(body());
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+// A daemon that refuses the caller: -1 at once, nothing read.
+void Refuse(int conn) {
+  const int32_t minus_one = -1;
+  (void)!send(conn, &minus_one, sizeof(minus_one), MSG_NOSIGNAL);
+}
+
+// The child's verdict on one exchange, as an exit status: 0 denied with the
+// permission message naming `group`, 1 answered -1, 2 anything else.
+int DeniedOrAnswered(const std::string& path, const std::string& group) {
+  const ControlResult r = ControlClient(path, 5000).SetLogLevel("info");
+  if (r.status == Status::kDenied && r.error == EACCES &&
+      r.message ==
+          "permission denied: run as root or as a member of group " + group) {
+    return 0;
+  }
+  if (r.status == Status::kAnswered && r.reply == -1) return 1;
+  return 2;
+}
+
+class ControlClientPermissionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const struct group* g = getgrnam("daemon");
+    if (g == nullptr) GTEST_SKIP() << "no group \"daemon\"";
+    group_ = g->gr_gid;
+    daemon_.Listen(Refuse);
+    // Others may reach the socket; the socket file decides.
+    ASSERT_EQ(chmod(fs::path(daemon_.path()).parent_path().c_str(), 0755), 0);
+  }
+
+  FakeDaemon daemon_;
+  gid_t group_ = 0;
+};
+
+TEST_F(ControlClientPermissionTest, SocketClosedToTheCallerIsDenied) {
+  ASSERT_EQ(chown(daemon_.path().c_str(), 0, group_), 0);
+  ASSERT_EQ(chmod(daemon_.path().c_str(), 0660), 0);
+  // Named after the socket file's group.
+  EXPECT_EQ(RunAsNobody({}, [&] {
+              return DeniedOrAnswered(daemon_.path(), "daemon");
+            }),
+            0);
+  EXPECT_EQ(daemon_.connections(), 0);
+}
+
+TEST_F(ControlClientPermissionTest, RefusedCallerIsDenied) {
+  // Anybody may connect; the daemon refuses.
+  ASSERT_EQ(chmod(daemon_.path().c_str(), 0666), 0);
+  // A socket not open to a group of its own: the compiled-in group.
+  EXPECT_EQ(RunAsNobody({}, [&] {
+              return DeniedOrAnswered(daemon_.path(), YULOTIFYD_SOCKET_GROUP);
+            }),
+            0);
+  EXPECT_EQ(daemon_.connections(), 1);
+}
+
+TEST_F(ControlClientPermissionTest, MemberGetsTheDaemonsAnswer) {
+  ASSERT_EQ(chown(daemon_.path().c_str(), 0, group_), 0);
+  ASSERT_EQ(chmod(daemon_.path().c_str(), 0660), 0);
+  // A member's -1 is about the command, not the caller.
+  EXPECT_EQ(RunAsNobody({group_}, [&] {
+              return DeniedOrAnswered(daemon_.path(), "daemon");
+            }),
+            1);
+  EXPECT_EQ(daemon_.connections(), 1);
+}
+
+TEST_F(ControlClientPermissionTest, RootIsNeverDenied) {
+  const ControlResult r = ControlClient(daemon_.path(), 5000).SetLogLevel("x");
+  EXPECT_EQ(r.status, Status::kAnswered);
+  EXPECT_EQ(r.reply, -1);
 }
 
 }  // namespace

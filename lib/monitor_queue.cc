@@ -10,6 +10,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string_view>
@@ -34,6 +35,9 @@ constexpr size_t kMaxConfFileSize = 1024 * 1024;
 constexpr int kSharePathBufSize = 4096;
 
 constexpr const char kConfSuffix[] = ".json";
+
+// How the reason for refusing an unsafe configuration file begins.
+constexpr const char kUnsafePrefix[] = "unsafe: ";
 
 struct EventName {
   const char* name;
@@ -144,8 +148,70 @@ bool EndsWithConfSuffix(const char* name) {
          std::memcmp(name + len - suffix_len, kConfSuffix, suffix_len) == 0;
 }
 
-// Reads a configuration file of at most kMaxConfFileSize bytes.
-bool ReadConfFile(const std::string& file, std::string* text,
+// The directory part of `file` ("." when it has none).
+std::string DirName(const std::string& file) {
+  const size_t slash = file.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return file.substr(0, slash);
+}
+
+// A configuration file's owner decides with whose rights its queue file is
+// written, so nobody but that owner may be able to change what the file
+// says: neither through the file itself (writable by its group or by others)
+// nor through its directory (writable by others without the sticky bit, so
+// that anyone could put another file in its place). `file_st` is the file
+// that was opened. Returns why the file is unsafe, or "" when it is not.
+std::string UnsafeReason(const std::string& file, const struct stat& file_st) {
+  char mode[8];
+  if ((file_st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    std::snprintf(mode, sizeof(mode), "%04o",
+                  static_cast<unsigned>(file_st.st_mode & 07777));
+    return std::string("writable by its group or by others (mode ") + mode +
+           ")";
+  }
+  const std::string dir = DirName(file);
+  struct stat dir_st;
+  if (stat(dir.c_str(), &dir_st) != 0) {
+    return "cannot stat its directory " + dir + ": " + ErrnoText(errno);
+  }
+  if ((dir_st.st_mode & S_IWOTH) != 0 && (dir_st.st_mode & S_ISVTX) == 0) {
+    std::snprintf(mode, sizeof(mode), "%04o",
+                  static_cast<unsigned>(dir_st.st_mode & 07777));
+    return "its directory " + dir +
+           " is writable by others without the sticky bit (mode " + mode + ")";
+  }
+  return std::string();
+}
+
+// Who owns a configuration file: the owner of the file that was opened
+// (`file_st`), except that a symbolic link made by anyone but root belongs
+// to whoever made it, so that nobody gains the rights of a file's owner by
+// linking to it.
+void ConfOwner(const std::string& file, const struct stat& file_st,
+               uid_t* uid, gid_t* gid) {
+  struct stat link_st;
+  if (lstat(file.c_str(), &link_st) == 0 && S_ISLNK(link_st.st_mode) &&
+      link_st.st_uid != 0) {
+    *uid = link_st.st_uid;
+    *gid = link_st.st_gid;
+    return;
+  }
+  *uid = file_st.st_uid;
+  *gid = file_st.st_gid;
+}
+
+// What the checks before parsing found out about a configuration file.
+struct ConfFile {
+  std::string text;
+  uid_t owner_uid = 0;
+  gid_t owner_gid = 0;
+  bool unsafe = false;  // refused by UnsafeReason
+};
+
+// Reads a configuration file of at most kMaxConfFileSize bytes, refusing
+// one that is unsafe (see UnsafeReason) before reading it.
+bool ReadConfFile(const std::string& file, ConfFile* conf,
                   std::string* reason) {
   // O_NONBLOCK so that a FIFO put where a file belongs cannot hang us; it is
   // refused by the regular-file check right after.
@@ -168,7 +234,17 @@ bool ReadConfFile(const std::string& file, std::string* text,
   } else if (static_cast<uint64_t>(st.st_size) > kMaxConfFileSize) {
     *reason = "larger than 1 MiB (" + std::to_string(st.st_size) + " bytes)";
     ok = false;
+  } else {
+    const std::string unsafe = UnsafeReason(file, st);
+    if (!unsafe.empty()) {
+      *reason = kUnsafePrefix + unsafe;
+      conf->unsafe = true;
+      ok = false;
+    } else {
+      ConfOwner(file, st, &conf->owner_uid, &conf->owner_gid);
+    }
   }
+  std::string* text = &conf->text;
   text->clear();
   char buf[8192];
   while (ok) {
@@ -307,17 +383,21 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
 }
 
 // `reports`, when given, receives one entry per monitor and nothing is
-// logged.
+// logged. `unsafe`, when given, is set when the file was refused as unsafe.
 bool LoadFileUnguarded(
     const std::string& file, const MonitorQueue::ShareResolver& resolve,
     MonitorQueue* out, std::string* reason,
-    std::vector<MonitorQueue::MonitorReport>* reports = nullptr) {
+    std::vector<MonitorQueue::MonitorReport>* reports = nullptr,
+    bool* unsafe = nullptr) {
   if (!resolve) {
     *reason = "no share resolver";
     return false;
   }
-  std::string text;
-  if (!ReadConfFile(file, &text, reason)) return false;
+  ConfFile conf;
+  const bool read = ReadConfFile(file, &conf, reason);
+  if (unsafe != nullptr) *unsafe = conf.unsafe;
+  if (!read) return false;
+  const std::string& text = conf.text;
 
   Json::Value root;
   if (!fromString(text, root)) {
@@ -372,9 +452,26 @@ bool LoadFileUnguarded(
   }
 
   if (out != nullptr) {
-    *out = MonitorQueue(std::move(queue_path), std::move(configs));
+    *out = MonitorQueue(std::move(queue_path), std::move(configs),
+                        conf.owner_uid, conf.owner_gid);
   }
   return true;
+}
+
+// LoadFileUnguarded, costing at most the file whatever it holds: JsonCpp
+// throws on deep nesting and on conversions we did not guard.
+bool LoadFileGuarded(
+    const std::string& file, const MonitorQueue::ShareResolver& resolve,
+    MonitorQueue* out, std::string* reason,
+    std::vector<MonitorQueue::MonitorReport>* reports, bool* unsafe) {
+  try {
+    return LoadFileUnguarded(file, resolve, out, reason, reports, unsafe);
+  } catch (const std::exception& e) {
+    *reason = std::string("unexpected error: ") + e.what();
+  } catch (...) {
+    *reason = "unexpected error";
+  }
+  return false;
 }
 
 // Names of the regular files ending in ".json" in `dir`, sorted byte-wise.
@@ -444,8 +541,12 @@ std::vector<std::string> ListConfFiles(
 }  // namespace
 
 MonitorQueue::MonitorQueue(std::string queue_path,
-                           std::vector<MonitorQueueConfig> configs)
-    : queue_path_(std::move(queue_path)), configs_(std::move(configs)) {}
+                           std::vector<MonitorQueueConfig> configs,
+                           uid_t owner_uid, gid_t owner_gid)
+    : queue_path_(std::move(queue_path)),
+      configs_(std::move(configs)),
+      owner_uid_(owner_uid),
+      owner_gid_(owner_gid) {}
 
 MonitorQueue::MonitorQueueConfig MonitorQueue::MakeConfig(
     const std::string& share, const std::string& share_path,
@@ -528,11 +629,20 @@ int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues,
       const std::string file = dir + "/" + name;
       MonitorQueue queue;
       std::string reason;
-      if (LoadFile(file, resolve, &queue, &reason)) {
-        YULO_LOG_DEBUG("loaded monitor queue file %s: queue %s, %zu monitors",
-                       file.c_str(), queue.GetQueuePath().c_str(),
-                       queue.GetConfigs().size());
+      bool unsafe = false;
+      if (LoadFileGuarded(file, resolve, &queue, &reason, nullptr, &unsafe)) {
+        YULO_LOG_DEBUG(
+            "loaded monitor queue file %s: queue %s, %zu monitors, owner "
+            "uid %u gid %u",
+            file.c_str(), queue.GetQueuePath().c_str(),
+            queue.GetConfigs().size(),
+            static_cast<unsigned>(queue.GetOwnerUid()),
+            static_cast<unsigned>(queue.GetOwnerGid()));
         loaded.push_back(std::move(queue));
+      } else if (unsafe) {
+        YULO_LOG_ALWAYS("Unsafe monitor queue file: %s", file.c_str());
+        YULO_LOG_DEBUG("monitor queue file %s: %s", file.c_str(),
+                       reason.c_str());
       } else {
         YULO_LOG_ALWAYS("skipped monitor queue file %s: %s", file.c_str(),
                         reason.c_str());
@@ -551,18 +661,8 @@ bool MonitorQueue::LoadFile(const std::string& file,
                             const ShareResolver& resolve, MonitorQueue* out,
                             std::string* reason) {
   std::string why;
-  bool ok = false;
-  // JsonCpp throws on deep nesting and on conversions we did not guard;
-  // whatever a file holds, it costs at most that file.
-  try {
-    ok = LoadFileUnguarded(file, resolve, out, &why);
-  } catch (const std::exception& e) {
-    why = std::string("unexpected error: ") + e.what();
-    ok = false;
-  } catch (...) {
-    why = "unexpected error";
-    ok = false;
-  }
+  const bool ok =
+      LoadFileGuarded(file, resolve, out, &why, nullptr, nullptr);
   if (!ok && reason != nullptr) *reason = why;
   return ok;
 }
@@ -599,18 +699,12 @@ std::vector<MonitorQueue::FileReport> MonitorQueue::Describe(
       report.type = type;
       MonitorQueue queue;
       std::string why;
-      try {
-        report.loaded = LoadFileUnguarded(report.file, resolve, &queue, &why,
-                                          &report.monitors);
-      } catch (const std::exception& e) {
-        why = std::string("unexpected error: ") + e.what();
-        report.loaded = false;
-      } catch (...) {
-        why = "unexpected error";
-        report.loaded = false;
-      }
+      report.loaded = LoadFileGuarded(report.file, resolve, &queue, &why,
+                                      &report.monitors, nullptr);
       if (report.loaded) {
         report.queue_path = queue.GetQueuePath();
+        report.owner_uid = queue.GetOwnerUid();
+        report.owner_gid = queue.GetOwnerGid();
       } else {
         report.reason = why;
         report.monitors.clear();

@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   python3 python3-pytest
   util-linux procps inotify-tools
+  systemd
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -19,6 +19,12 @@ bash scripts/build.sh "$out/plain" "$out/plain-install" -DCMAKE_BUILD_TYPE=RelWi
 echo "== end-to-end tests"
 YULOTIFYD_PREFIX="$out/plain-install" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/e2e"
 
+# The same pipeline with the daemon keeping only the capabilities the
+# installed unit gives it: they have to be enough.
+echo "== pipeline end-to-end tests with the unit's capabilities only"
+YULOTIFYD_PREFIX="$out/plain-install" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
+  --unit-caps "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py"
+
 echo "== ASan+UBSan build"
 bash scripts/build.sh "$out/asan" "$out/asan-install" -DCMAKE_BUILD_TYPE=Debug -DYULOTIFYD_SANITIZE=address
 (cd "$out/asan" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j2)

@@ -7,7 +7,8 @@
 //
 // Exit status: 0 the daemon answered 0 (or a local command succeeded),
 // 1 the daemon answered -1 (or a local command failed), 2 usage error,
-// 3 the daemon could not be reached or did not answer.
+// 3 the daemon could not be reached, did not answer, or does not serve this
+// caller (permission denied).
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -94,7 +95,8 @@ const char kGeneralHelp[] =
     "\n"
     "Exit status: 0 the daemon answered 0 (or the local command worked),\n"
     "1 the daemon answered -1 (or the local command failed), 2 usage error,\n"
-    "3 the daemon could not be reached or did not answer.\n";
+    "3 the daemon could not be reached or did not answer, or this user may\n"
+    "not use it (only root and the members of the socket's group may).\n";
 
 const char kSetLogLevelHelp[] =
     "usage: yulotifyctl [--socket PATH] set-log-level debug|info|error\n"
@@ -338,13 +340,13 @@ int Report(const ControlClient& client, const std::string& what,
       std::string hint;
       if (result.error == ENOENT || result.error == ECONNREFUSED) {
         hint = " (is yulotifyd running? --socket PATH names another socket)";
-      } else if (result.error == EACCES || result.error == EPERM) {
-        hint = " (not allowed: run as root or as a user who may use the "
-               "socket)";
       }
       Error(result.message + hint);
       return kExitUnreachable;
     }
+    case Status::kDenied:
+      Error(result.message);
+      return kExitUnreachable;
     case Status::kTimedOut:
       Error(result.message + " (waited " +
             std::to_string(client.timeout_ms()) +
@@ -606,6 +608,8 @@ int RunQueues(const Args& args) {
         v["reason"] = f.reason;
       } else {
         v["queue"] = f.queue_path;
+        v["owner_uid"] = static_cast<Json::UInt>(f.owner_uid);
+        v["owner_gid"] = static_cast<Json::UInt>(f.owner_gid);
         v["monitors"] = Json::Value(Json::arrayValue);
         for (const auto& m : f.monitors) {
           Json::Value mv(Json::objectValue);
@@ -646,7 +650,12 @@ int RunQueues(const Args& args) {
       std::cout << "  skipped: " << f.reason << "\n";
       continue;
     }
-    std::cout << "  queue " << f.queue_path << "\n";
+    std::cout << "  queue " << f.queue_path;
+    if (f.owner_uid != 0) {
+      std::cout << ", written as uid " << f.owner_uid << " gid "
+                << f.owner_gid;
+    }
+    std::cout << "\n";
     if (f.monitors.empty()) std::cout << "  no monitors\n";
     for (const auto& m : f.monitors) {
       std::cout << "  monitors[" << m.index << "] ";

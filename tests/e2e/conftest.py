@@ -17,6 +17,10 @@ def pytest_addoption(parser):
         "--prefix", action="store", default=None,
         help="install prefix of the yulotifyd under test "
              "(default: $YULOTIFYD_PREFIX)")
+    parser.addoption(
+        "--unit-caps", action="store_true", default=False,
+        help="run every daemon with only the capabilities of the installed "
+             "unit (its CapabilityBoundingSet=) and no new privileges")
 
 
 @pytest.fixture(scope="session")
@@ -27,7 +31,7 @@ def yulotifyd_prefix(pytestconfig) -> Path:
     if os.geteuid() != 0:
         problems.append("the end-to-end tests must run as root "
                         "(they create mount namespaces)")
-    for tool in ("unshare", "nsenter", "mount"):
+    for tool in ("unshare", "nsenter", "mount", "setpriv"):
         if shutil.which(tool) is None:
             problems.append("%s (util-linux) is not installed" % tool)
     try:
@@ -43,13 +47,17 @@ def yulotifyd_prefix(pytestconfig) -> Path:
 
 
 @pytest.fixture
-def make_appliance(tmp_path, yulotifyd_prefix):
+def make_appliance(tmp_path, yulotifyd_prefix, pytestconfig):
     """Factory of Appliances in this test's temporary directory; every one
-    is stopped when the test ends, whatever its outcome."""
+    is stopped when the test ends, whatever its outcome. With --unit-caps
+    every daemon runs with the unit's capabilities only."""
     created = []
 
     def factory(**kwargs) -> harness.Appliance:
         kwargs.setdefault("prefix", yulotifyd_prefix)
+        if "program" not in kwargs:
+            kwargs.setdefault("unit_caps",
+                              pytestconfig.getoption("--unit-caps"))
         appliance = harness.Appliance(tmp_path / ("appliance%d" % len(created)),
                                       **kwargs)
         created.append(appliance)

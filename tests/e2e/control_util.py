@@ -8,10 +8,13 @@ import re
 import socket
 import struct
 import subprocess
+import sys
 import time
 from pathlib import Path
 
 import pytest
+
+from harness import SOCKET_PATH
 
 # Every daemon log line starts with "<source file>:<line> ".
 LINE = r"^\w+:\d+ "
@@ -114,4 +117,57 @@ def run_ctl(ctl_binary, *args, socket_path=None, timeout=30, check=None):
         assert result.returncode == check, \
             "%r exited %d (wanted %d)\nstdout: %s\nstderr: %s" % (
                 argv, result.returncode, check, result.out, result.err)
+    return result
+
+
+# Run in the namespace by send_as: one exchange on the control socket,
+# reported as JSON on stdout.
+_CLIENT = r"""
+import json, socket, sys
+path, payload = sys.argv[1], bytes.fromhex(sys.argv[2])
+out = {"connect_error": None, "data": ""}
+s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+s.settimeout(10)
+try:
+    s.connect(path)
+except OSError as e:
+    out["connect_error"] = e.errno
+else:
+    try:
+        if payload:
+            s.sendall(payload)
+    except OSError:
+        pass
+    data = b""
+    while True:
+        try:
+            chunk = s.recv(4096)
+        except OSError:
+            break
+        if not chunk:
+            break
+        data += chunk
+    out["data"] = data.hex()
+print(json.dumps(out))
+"""
+
+
+def send_as(app, payload, uid=65534, gid=65534, groups=None):
+    """Sends `payload` on a fresh connection as another user (in the
+    daemon's namespace); returns (connect errno or None, bytes received
+    before the daemon closed)."""
+    result = app.run_as([sys.executable, "-c", _CLIENT, SOCKET_PATH,
+                         payload.hex()], uid=uid, gid=gid,
+                        groups=groups, check=True)
+    out = json.loads(result.stdout.decode())
+    return out["connect_error"], bytes.fromhex(out["data"])
+
+
+def ctl_as(app, *args, uid=65534, gid=65534, groups=None):
+    """Runs the installed yulotifyctl in the namespace as another user."""
+    ctl = app.ns_prefix() + "/bin/yulotifyctl"
+    result = app.run_as([ctl] + [str(a) for a in args], uid=uid, gid=gid,
+                        groups=groups)
+    result.out = result.stdout.decode()
+    result.err = result.stderr.decode()
     return result

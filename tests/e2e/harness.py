@@ -7,6 +7,8 @@ running in a private mount namespace (see ns_launcher.py) where
     /usr/yulo/etc   is  <root>/etc        (run-status file, volume table,
                                            monitor-queue configuration)
     /etc/samba      is  <root>/samba      (smb.conf: the shares)
+    /etc/group      is  <root>/group      (the host's, with or without the
+                                           control socket's group)
     /dev            is a small tmpfs with null, zero, full, random, urandom,
                     tty and /dev/log = the test's syslog socket
     each volume     is a tmpfs mounted at its mount point
@@ -83,6 +85,40 @@ def find_prefix(option_value: Optional[str] = None) -> Path:
             "no install prefix: set YULOTIFYD_PREFIX or pass --prefix "
             "(the directory given to `cmake --install build --prefix`)")
     return Path(value).resolve()
+
+
+def socket_group_name(prefix: Path) -> Optional[str]:
+    """The control socket's group as the installation creates it (its
+    sysusers.d file), None when the build has no socket group."""
+    path = Path(prefix) / "lib" / "sysusers.d" / "yulotifyd.conf"
+    try:
+        text = path.read_text()
+    except FileNotFoundError:
+        return None
+    for line in text.splitlines():
+        fields = line.split()
+        if len(fields) >= 2 and fields[0] == "g":
+            return fields[1]
+    return None
+
+
+def unit_capabilities(prefix: Path) -> List[str]:
+    """The capabilities the installed unit keeps (its
+    CapabilityBoundingSet=), lower case without "cap_", as setpriv names
+    them."""
+    unit = Path(prefix) / "lib" / "systemd" / "system" / "yulotifyd.service"
+    caps = None
+    for line in unit.read_text().splitlines():
+        if line.startswith("CapabilityBoundingSet="):
+            caps = line.split("=", 1)[1].split()
+    if not caps:
+        raise HarnessError("%s has no CapabilityBoundingSet=" % unit)
+    names = []
+    for cap in caps:
+        if not cap.upper().startswith("CAP_"):
+            raise HarnessError("%s: unexpected capability %r" % (unit, cap))
+        names.append(cap[4:].lower())
+    return names
 
 
 def daemon_binary(prefix: Path) -> Path:
@@ -194,22 +230,37 @@ class Appliance:
     def __init__(self, root: Union[str, Path], prefix: Union[str, Path, None] = None,
                  program: Union[str, Path, None] = None,
                  args: Optional[List[str]] = None,
-                 conf_dirs: bool = True):
+                 conf_dirs: bool = True,
+                 socket_gid: Optional[int] = None,
+                 unit_caps: bool = False):
         """root: an empty (or absent) directory owned by this appliance.
         prefix: install prefix whose sbin/yulotifyd runs; program: run this
         executable instead (used to check the harness itself); args: extra
         command-line arguments (the daemon takes none). conf_dirs: create the
         three monitor-queue configuration directories.
+        socket_gid: the control socket's group exists in the namespace with
+        this id (by default it does not, so only root may use the socket).
+        unit_caps: run the daemon as the installed unit does, with only the
+        unit's capabilities and no new privileges (setpriv).
         """
         self.root = Path(root).resolve()
         self.root.mkdir(parents=True, exist_ok=True)
         if program is not None:
             self.program = Path(program)
-        elif prefix is not None:
-            self.program = daemon_binary(Path(prefix))
+            self.prefix = None
         else:
-            self.program = daemon_binary(find_prefix())
+            self.prefix = Path(prefix) if prefix is not None else find_prefix()
+            self.program = daemon_binary(self.prefix)
         self.args = list(args or [])
+        self.socket_gid = socket_gid
+        self.socket_group = (socket_group_name(self.prefix)
+                             if self.prefix is not None else None)
+        if socket_gid is not None and self.socket_group is None:
+            raise HarnessError("this build has no socket group")
+        self.unit_caps = unit_caps
+        self.capabilities: Optional[List[str]] = (
+            unit_capabilities(self.prefix) if unit_caps else None)
+        self._ns_prefix: Optional[str] = None
 
         self.run_dir = self.root / "run"
         self.etc_dir = self.root / "etc"
@@ -401,16 +452,26 @@ class Appliance:
                 env[key] = value
         status_r, status_w = os.pipe()
         go_r, go_w = os.pipe()
+        group_file = self.root / "group"
+        group_file.write_text(self._group_file_text())
+        argv = [str(self.program)] + self.args
+        if self.capabilities is not None:
+            argv = [_setpriv(), "--no-new-privs",
+                    "--bounding-set=-all," + ",".join(
+                        "+" + c for c in self.capabilities),
+                    "--inh-caps=-all", "--"] + argv
+        self._ns_prefix = None
         config = {
             "binds": [[str(self.run_dir), "/run"],
                       [str(self.etc_dir), "/usr/yulo/etc"],
                       [str(self.samba_dir), "/etc/samba"]],
+            "file_binds": [[str(group_file), "/etc/group"]],
             "dev": {"stage": str(dev_stage), "log_socket": str(self._log.path)},
             "volumes": [{"mount_point": v["mount_point"], "size": v["size"]}
                         for v in self.volumes if v["mounted"]],
             "dirs": [d for d in self.dirs if self._on_mounted_volume(d)],
             "env": env,
-            "argv": [str(self.program)] + self.args,
+            "argv": argv,
             "status_fd": status_w,
             "go_fd": go_r,
             "parent_pid": os.getpid(),
@@ -446,6 +507,47 @@ class Appliance:
             os.close(status_r)
         go.close()
         return self
+
+    def _group_file_text(self) -> str:
+        """The namespace's /etc/group: the host's, with the socket group
+        exactly as this appliance wants it (absent, or with socket_gid)."""
+        lines = Path("/etc/group").read_text().splitlines()
+        if self.socket_group is not None:
+            lines = [l for l in lines
+                     if l.split(":", 1)[0] != self.socket_group]
+            if self.socket_gid is not None:
+                lines.append("%s:x:%d:" % (self.socket_group, self.socket_gid))
+        return "\n".join(lines) + "\n"
+
+    def ns_prefix(self) -> str:
+        """The install prefix as a path inside the namespace that every
+        user may reach (the host path may lie below private directories);
+        for running the installed tools as another user."""
+        if self.prefix is None:
+            raise HarnessError("appliance runs no installed prefix")
+        if self._ns_prefix is None:
+            target = "/run/e2e-prefix"
+            self.run_in_ns(["mkdir", "-p", target])
+            self.run_in_ns(["mount", "--bind", "-o", "ro", str(self.prefix),
+                            target])
+            self._ns_prefix = target
+        return self._ns_prefix
+
+    def run_as(self, argv: List[str], uid: int = 65534, gid: int = 65534,
+               groups: Optional[List[int]] = None, check: bool = False,
+               timeout: float = 30.0, input: Optional[bytes] = None
+               ) -> subprocess.CompletedProcess:
+        """Runs a command in the namespace as another user (setpriv): user
+        `uid`, primary group `gid`, supplementary `groups` (none by
+        default), no capabilities."""
+        priv = [_setpriv(), "--reuid=%d" % uid, "--regid=%d" % gid]
+        if groups:
+            priv.append("--groups=" + ",".join(str(g) for g in groups))
+        else:
+            priv.append("--clear-groups")
+        priv += ["--inh-caps=-all", "--"]
+        return self.run_in_ns(priv + list(argv), check=check,
+                              timeout=timeout, input=input)
 
     def _reap_launcher(self):
         """After a failed start: lets the launcher end, or kills it."""
@@ -691,6 +793,13 @@ class Appliance:
         if not data:
             return ""
         return "\n--- stderr ---\n" + data.decode(errors="replace")
+
+
+def _setpriv() -> str:
+    path = shutil.which("setpriv")
+    if path is None:
+        raise HarnessError("setpriv (util-linux) is not installed")
+    return path
 
 
 def monitor(share: str, dir: str = "/", recursive: bool = True,

@@ -9,6 +9,7 @@ so every mount made here is private to the namespace and vanishes with it.
 CONFIG is a JSON file written by harness.Appliance:
 
     {"binds":   [[host_dir, target_dir], ...],   bind-mounted in this order
+     "file_binds": [[host_file, target_file], ...],  files bound over files
      "dev":     {"stage": empty_dir, "log_socket": host_path},
                                                   tmpfs /dev, socket at /dev/log
      "volumes": [{"mount_point": "/vol1", "size": "64m"}, ...],   tmpfs each
@@ -115,6 +116,10 @@ def setup(config):
     for source, target in config.get("binds", []):
         if not os.path.isdir(target):
             raise SetupError("bind target %s is not a directory" % target)
+        bind(source, target)
+    for source, target in config.get("file_binds", []):
+        if not os.path.isfile(target):
+            raise SetupError("bind target %s is not a file" % target)
         bind(source, target)
     dev = config.get("dev")
     if dev is not None:

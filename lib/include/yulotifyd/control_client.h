@@ -8,6 +8,10 @@
 // command out and -1 otherwise, and closes the connection. docs/control.md
 // describes the commands.
 //
+// Only root and the members of the socket's group may drive the daemon; it
+// answers anybody else -1 without reading the request. The client reports
+// that, and a socket whose permissions refuse the connection, as kDenied.
+//
 // Every call connects, sends, waits for the reply and closes; nothing is kept
 // between calls, and a call never raises SIGPIPE in the calling process.
 // Each call is bounded by the client's time-out as a whole (connect, send and
@@ -35,7 +39,8 @@ struct ControlResult {
   enum class Status {
     kAnswered,         // the daemon sent a reply; see `reply`
     kInvalidRequest,   // nothing was sent: the request cannot be sent as is
-    kUnreachable,      // no connection: no socket, nobody listening, denied
+    kUnreachable,      // no connection: no socket, nobody listening
+    kDenied,           // this caller may not use the daemon (see above)
     kSendFailed,       // connected, but the request could not be sent whole
     kNoReply,          // the daemon closed the connection without a reply
     kTimedOut,         // no reply within the time-out
@@ -47,6 +52,8 @@ struct ControlResult {
   // errno of the failed call, 0 when there was none.
   int error = 0;
   // One line for a person: what failed, with the socket path and the reason.
+  // For kDenied: "permission denied: run as root or as a member of group
+  // <group>", naming the socket's group.
   std::string message;
 
   // True when the daemon answered 0.

@@ -6,11 +6,25 @@
 // Queues are configured as one JSON file each in the three directories given
 // by GetConfDir(); docs/monitor-queues.md describes the format.
 //
+// Whose rights a queue file is written with: every queue remembers the owner
+// of the configuration file it was loaded from (GetOwnerUid/GetOwnerGid).
+// For a queue whose owner is not root, every operation on its queue file
+// (open, lock, read, write, truncate) must run with that owner's file-system
+// user and group ids (setfsuid/setfsgid on the calling thread, restored
+// right after; ScopedFsIds in yulotifyd/fs_ids.h does that), so that a
+// subscription writes only where its owner could; and no queue file's last
+// path component may be followed as a symbolic link (O_NOFOLLOW).
+// Supplementary groups count in those permission checks too, so the writing
+// process must have none. Loading refuses configuration files that someone
+// other than their owner could change (see LoadFile).
+//
 // Value type: copyable, no shared state. Thread-safety: const members and the
 // static queries may run concurrently on different objects; copying must be
 // serialised against LoadAll() on the same vector by the caller.
 #ifndef YULOTIFYD_MONITOR_QUEUE_H_
 #define YULOTIFYD_MONITOR_QUEUE_H_
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
@@ -63,8 +77,10 @@ class MonitorQueue {
       std::function<bool(const std::string& share_name, std::string* path)>;
 
   MonitorQueue() = default;
-  // `configs` are kept as given; build them with MakeConfig.
-  MonitorQueue(std::string queue_path, std::vector<MonitorQueueConfig> configs);
+  // `configs` are kept as given; build them with MakeConfig. `owner_uid` and
+  // `owner_gid` are the ids the queue file is written with (root by default).
+  MonitorQueue(std::string queue_path, std::vector<MonitorQueueConfig> configs,
+               uid_t owner_uid = 0, gid_t owner_gid = 0);
 
   // Builds a monitor from its parts; `directory` is computed from
   // `share_path` and `dir` (normalised: no repeated "/", no "." component,
@@ -86,7 +102,11 @@ class MonitorQueue {
 
   // Parses one configuration file. Returns false, with `reason` set, when the
   // file is to be skipped; monitors naming unknown shares are dropped (and
-  // logged) without failing the file.
+  // logged) without failing the file. The queue's owner is the file's owner
+  // (for a symbolic link made by anyone but root, the link's owner). A file
+  // is refused as unsafe, whatever it holds, when it is writable by its group
+  // or by others, or lies in a directory writable by others without the
+  // sticky bit; `reason` then begins with "unsafe: ".
   static bool LoadFile(const std::string& file, const ShareResolver& resolve,
                        MonitorQueue* out, std::string* reason);
 
@@ -105,6 +125,8 @@ class MonitorQueue {
     bool loaded = false;      // false: LoadAll skips the whole file
     std::string reason;       // why it is skipped
     std::string queue_path;   // when loaded
+    uid_t owner_uid = 0;      // when loaded: see GetOwnerUid
+    gid_t owner_gid = 0;
     std::vector<MonitorReport> monitors;  // every entry of "monitors"
   };
   struct DirReport {
@@ -152,10 +174,19 @@ class MonitorQueue {
   const std::vector<MonitorQueueConfig>& GetConfigs() const {
     return configs_;
   }
+  // The owner (user and group) of the configuration file this queue was
+  // loaded from; 0 (root) for a queue not loaded from a file. When it is not
+  // root, the queue file must be opened, locked, read, written and truncated
+  // only with these file-system ids, never followed as a symbolic link (see
+  // the top of this file).
+  uid_t GetOwnerUid() const { return owner_uid_; }
+  gid_t GetOwnerGid() const { return owner_gid_; }
 
  private:
   std::string queue_path_;
   std::vector<MonitorQueueConfig> configs_;
+  uid_t owner_uid_ = 0;
+  gid_t owner_gid_ = 0;
 };
 
 }  // namespace YULOTIFYD
