@@ -187,8 +187,12 @@ void EventProcessor::BindOutboxes(const std::vector<MonitorQueue>& snapshot) {
   targets_.clear();
   targets_.reserve(snapshot.size());
   for (const MonitorQueue& queue : snapshot) {
-    std::unique_ptr<QueueOutbox>& outbox = outboxes_[queue.GetQueuePath()];
-    if (!outbox) outbox = std::make_unique<QueueOutbox>(queue.GetQueuePath());
+    std::unique_ptr<QueueOutbox>& outbox = outboxes_[OutboxKey(
+        queue.GetQueuePath(), queue.GetOwnerUid(), queue.GetOwnerGid())];
+    if (!outbox) {
+      outbox = std::make_unique<QueueOutbox>(
+          queue.GetQueuePath(), queue.GetOwnerUid(), queue.GetOwnerGid());
+    }
     targets_.push_back(outbox.get());
   }
 }

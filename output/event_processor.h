@@ -40,6 +40,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -169,8 +170,10 @@ class EventProcessor : public Thread {
   std::vector<char> taken_;  // per pending event: handled as a partner
   PosixQueueFileOps posix_ops_;
   QueueFileOps* ops_;
-  // One outbox per queue file path, byte-wise.
-  std::map<std::string, std::unique_ptr<QueueOutbox>> outboxes_;
+  // One outbox per queue file path (byte-wise) and owner of the queues
+  // that name it.
+  using OutboxKey = std::tuple<std::string, uid_t, gid_t>;
+  std::map<OutboxKey, std::unique_ptr<QueueOutbox>> outboxes_;
   // The outbox of each queue of the current pass's snapshot, by position.
   std::vector<QueueOutbox*> targets_;
   // QueuesNear's answers for the current snapshot, by watched path.

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "output/queue_line.h"
+#include "yulotifyd/fs_ids.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
 
@@ -109,7 +110,8 @@ class LockedFile {
 
 }  // namespace
 
-QueueOutbox::QueueOutbox(std::string path) : path_(std::move(path)) {}
+QueueOutbox::QueueOutbox(std::string path, uid_t owner_uid, gid_t owner_gid)
+    : path_(std::move(path)), owner_uid_(owner_uid), owner_gid_(owner_gid) {}
 
 void QueueOutbox::AddLine(std::string_view text,
                           std::string_view quoted_old_path) {
@@ -139,14 +141,33 @@ bool QueueOutbox::AppendToQueue(const std::vector<MonitorQueue>& snapshot,
                                 QueueFileOps& ops) {
   if (lines_.empty()) return true;
   OUTBOX_LOG(kDebug, "write event to: %s", path_.c_str());
+  if (owner_uid_ == 0) return AppendAs(snapshot, ops);
+  // A user's subscription: the file is opened, locked, read, written and
+  // truncated with the user's own rights, never root's.
+  ScopedFsIds ids(owner_uid_, owner_gid_);
+  if (!ids.ok()) {
+    NoteFailure(Failure::kIds, errno);
+    return false;
+  }
+  const bool empty = AppendAs(snapshot, ops);
+  if (!ids.Restore()) {
+    OUTBOX_LOG(kAlways, "Failed to restore file-system ids, reason=%m");
+  }
+  return empty;
+}
 
+bool QueueOutbox::AppendAs(const std::vector<MonitorQueue>& snapshot,
+                           QueueFileOps& ops) {
   // A consumer holds the lock only while it reads and truncates, so a few
   // short tries are enough; after that the lines wait for the next pass
   // rather than stall the volume's pipeline. The file is reopened for every
   // try.
   int fd = -1;
   for (int attempt = 1;; ++attempt) {
-    fd = ops.Open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kQueueFileMode);
+    // Never through a symbolic link as the last component: whoever may
+    // place one there must not steer the daemon's writes.
+    fd = ops.Open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                  kQueueFileMode);
     if (fd < 0) {
       NoteFailure(Failure::kOpen, errno);
       break;
@@ -323,6 +344,13 @@ void QueueOutbox::NoteFailure(Failure failure, int err) {
       break;
     case Failure::kLock:
       break;  // "flock fail" was logged at debug level where it happened
+    case Failure::kIds:
+      OUTBOX_LOG(kAlways,
+                 "Failed to switch to the owner's ids %u:%u, path=%s, "
+                 "reason=%m",
+                 static_cast<unsigned>(owner_uid_),
+                 static_cast<unsigned>(owner_gid_), path_.c_str());
+      break;
   }
 }
 

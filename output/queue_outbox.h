@@ -52,7 +52,12 @@ class QueueOutbox {
     kReset,    // the first line is a reset marker: lines are dropped
   };
 
-  explicit QueueOutbox(std::string path);
+  // The lines of the queues naming file `path` whose configuration file
+  // belongs to `owner_uid`:`owner_gid`. For an owner other than root, every
+  // operation on the file runs with the owner's file-system ids, so a
+  // subscription writes only where its owner could.
+  explicit QueueOutbox(std::string path, uid_t owner_uid = 0,
+                       gid_t owner_gid = 0);
 
   QueueOutbox(const QueueOutbox&) = delete;
   QueueOutbox& operator=(const QueueOutbox&) = delete;
@@ -89,8 +94,10 @@ class QueueOutbox {
   };
 
   enum class Outcome { kWritten, kKept, kDropped };
-  enum class Failure { kOpen, kBusy, kLock, kWrite };
+  enum class Failure { kOpen, kBusy, kLock, kWrite, kIds };
 
+  // Open, lock, write and release, with the thread's current ids.
+  bool AppendAs(const std::vector<MonitorQueue>& snapshot, QueueFileOps& ops);
   // The locked part of AppendToQueue, once the file is open and locked.
   Outcome WriteLocked(int fd, const std::vector<MonitorQueue>& snapshot,
                       QueueFileOps& ops);
@@ -111,6 +118,8 @@ class QueueOutbox {
   void NoteSuccess(State state);
 
   const std::string path_;
+  const uid_t owner_uid_;
+  const gid_t owner_gid_;
   std::string bytes_;   // every line held, each with its line feed
   std::vector<Line> lines_;
   std::vector<std::string> old_paths_;

@@ -668,6 +668,19 @@ TEST_F(QueueFileTest, ResetStateDropsInsteadOfKeeping) {
   EXPECT_EQ(outbox_->state(), QueueOutbox::State::kOk);
 }
 
+TEST_F(QueueFileTest, SymbolicLinkIsNeverFollowed) {
+  const std::string target = dir_.File("target");
+  WriteFileText(target, "theirs\n");
+  ASSERT_EQ(symlink(target.c_str(), file_.c_str()), 0);
+  EXPECT_FALSE(Send("/vol1/M/a"));
+  EXPECT_EQ(ReadFileText(target), "theirs\n");
+  EXPECT_EQ(LinesWithMessage(TakeLogLines(),
+                             "Failed to open queue path=" + file_ +
+                                 ", reason=" + strerror(ELOOP))
+                .size(),
+            1u);
+}
+
 TEST_F(QueueFileTest, FileNamesOfAnyBytesRoundTrip) {
   const std::vector<std::string> names = {
       "/vol1/M/with blank",      "/vol1/M/\"quoted\"",

@@ -35,9 +35,6 @@ CLIENT_TIMEOUT = 5.0
 REFUSED = LINE + r"Refused command from uid=65534, pid=(\d+)$"
 UNSAFE = LINE + r"Unsafe monitor queue file: %s$"
 MINUS_ONE = struct.pack("=i", -1)
-OWNER_XFAIL = pytest.mark.xfail(
-    reason="queue files written as the subscription's owner: lands with the "
-           "outbox", strict=True)
 
 # A file there before the daemon watches: no kernel event names it, so a
 # line for it comes only from an injected "notify".
@@ -337,7 +334,6 @@ def prepare_users(app):
     os.chmod(users / "root-file", 0o644)
 
 
-@OWNER_XFAIL
 def test_nobody_cannot_make_the_daemon_write_roots_file(appliance):
     app = appliance
     root_q = configure(app)
@@ -356,7 +352,6 @@ def test_nobody_cannot_make_the_daemon_write_roots_file(appliance):
     assert_clean_exit(app)
 
 
-@OWNER_XFAIL
 def test_nobodys_queue_in_nobodys_directory_belongs_to_nobody(appliance):
     app = appliance
     root_q = configure(app)
@@ -374,7 +369,6 @@ def test_nobodys_queue_in_nobodys_directory_belongs_to_nobody(appliance):
     assert_clean_exit(app)
 
 
-@OWNER_XFAIL
 def test_queue_path_that_is_a_symbolic_link_is_refused(appliance):
     app = appliance
     root_q = configure(app)
