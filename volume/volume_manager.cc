@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "notify/mount_point.h"
 #include "output/event_processor.h"
 #include "volume/event_receiver.h"
 #include "yulotifyd/log.h"
@@ -23,8 +24,10 @@ uint64_t g_push_cookie = 0;
 
 }  // namespace
 
-VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context)
+VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context,
+                     bool rescan_at_start)
     : context_(context),
+      rescan_at_start_(rescan_at_start),
       processor_(nullptr),
       receiver_(nullptr) {
   if (!Init(info)) {
@@ -49,7 +52,8 @@ void VolumeMgr::FreeThreads() {
 
 bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   mount_point_ = info->mount_point;
-  ListShares(mount_point_);
+  vol_id_ = info->vol_id;
+  ListShares();
 
   uint32_t mask = 0;
   for (const MonitorQueue& queue : GetMonitorQueues()) {
@@ -77,10 +81,7 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   return true;
 }
 
-void VolumeMgr::ListShares(std::string prefix) {
-  // The trailing "/" keeps /vol1 from claiming the shares of /vol10, and the
-  // volume's root from counting as a share.
-  if (prefix.empty() || prefix.back() != '/') prefix += '/';
+void VolumeMgr::ListShares() {
   PYULO_SZ_LIST list = YULOSzListAlloc(1024);
   if (list == nullptr) {
     YULO_LOG_ALWAYS("ListShare malloc fail");
@@ -96,11 +97,24 @@ void VolumeMgr::ListShares(std::string prefix) {
     char path[kPathBufferSize];
     std::memset(path, 0, sizeof(path));
     if (YULOSharePathGet(name, path, sizeof(path)) != 0) continue;
-    if (std::strncmp(path, prefix.c_str(), prefix.size()) == 0) {
-      share_paths_.push_back(path);
-    }
+    if (OwnsPath(path)) share_paths_.push_back(path);
   }
   YULOSzListFree(list);
+}
+
+bool VolumeMgr::OwnsPath(const std::string& path) const {
+  // The trailing "/" keeps /vol1 from claiming the shares of /vol10, and the
+  // volume's root from counting as a share.
+  if (!ReceiverOwner::OwnsPath(path)) return false;
+  int vol_id = 0;
+  // When the table cannot tell, the mount point alone decides.
+  if (VolumePathParse(path.c_str(), &vol_id) > 0) return vol_id == vol_id_;
+  return true;
+}
+
+void VolumeMgr::RelistShares() {
+  share_paths_.clear();
+  ListShares();
 }
 
 bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
@@ -196,13 +210,13 @@ bool VolumeMgr::BuildInjected(uint32_t type, const std::string& path,
 }
 
 void VolumeMgr::MountShare(const std::string& share_name) {
-  const std::string path = mount_point_ + "/" + share_name;
+  const std::string path = JoinPath(mount_point_, share_name);
   share_paths_.push_back(path);
   receiver_->PostCommand(ReceiverCommand::kMountShare, path);
 }
 
 void VolumeMgr::UmountShare(const std::string& share_name) {
-  const std::string path = mount_point_ + "/" + share_name;
+  const std::string path = JoinPath(mount_point_, share_name);
   for (auto it = share_paths_.begin(); it != share_paths_.end(); ++it) {
     if (*it == path) {
       share_paths_.erase(it);
@@ -234,6 +248,7 @@ bool VolumeMgr::IsInitStart() {
 }
 
 bool VolumeMgr::IsRecovery() {
+  if (rescan_at_start_) return true;
   return context_ != nullptr &&
          context_->GetRunStatus() == RUN_STATUS_RECOVERY;
 }

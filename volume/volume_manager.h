@@ -40,8 +40,13 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   static constexpr uint32_t kKernelMaskBits = 0x3ce;
 
   // Sets the volume up from its information record and starts its threads.
-  // Throws the integer -1, after logging why, when that fails.
-  VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context);
+  // With `rescan_at_start` the processor requests a rescan of the volume
+  // when it starts, as after an unclean stop: for a volume that comes back
+  // after it went away while the daemon ran, since what changed on it
+  // meanwhile is unknown. Throws the integer -1, after logging why, when
+  // that fails.
+  VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context,
+            bool rescan_at_start = false);
   ~VolumeMgr() override;
 
   VolumeMgr(const VolumeMgr&) = delete;
@@ -63,12 +68,23 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   void ReloadWatches();
   // Has the processor take the events queued so far.
   void NotifyProcessor();
+  // Lists the volume's shares again (after the share configuration
+  // changed); shares added by MountShare are forgotten.
+  void RelistShares();
 
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
   bool IsInitStart();
+  // True after an unclean stop of the previous run, and for a manager made
+  // with `rescan_at_start`.
   bool IsRecovery() override;
   const std::string& GetMountPoint() const override { return mount_point_; }
+  // Whether `path` lies on this volume: below its mount point and on no
+  // other mounted volume of the volume table inside it (the deepest one
+  // wins, as for share commands; every other volume lies inside one
+  // mounted at "/"). Any thread.
+  bool OwnsPath(const std::string& path) const override;
+  int32_t GetVolumeId() const { return vol_id_; }
   const std::vector<std::string>& GetSharePaths() const {
     return share_paths_;
   }
@@ -88,7 +104,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
 
  private:
   bool Init(const YULO_VOLUME_INFO* info);
-  void ListShares(std::string prefix);
+  void ListShares();
   void FreeThreads();
   // The first of `share_paths` that `path` begins with; "" when none.
   static std::string FindShareRoot(const std::vector<std::string>& share_paths,
@@ -98,8 +114,10 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
                                  const std::string& root);
 
   std::string mount_point_;
+  int32_t vol_id_ = 0;
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
+  const bool rescan_at_start_;
   EventProcessor* processor_;
   EventReceiver* receiver_;
   EventQueue queue_;
