@@ -74,6 +74,9 @@ class Daemon : public VolumeContext {
   bool SetupInotify();
   void AddInotifyWatch(const std::string& path);
   void HandleInotify();
+  // Has every processor take its queued events, reloads the monitor queues
+  // and waits until every receiver has re-added its watches.
+  void ReloadMonitorQueues();
   void CreateReloadSemaphore();
   void DestroyReloadSemaphore();
 
