@@ -15,7 +15,6 @@ namespace YULOTIFYD {
 
 namespace {
 
-constexpr int kShareEnumFlags = 0xA09;
 constexpr int kPathBufferSize = 4096;
 
 // Cookies of injected renames, shared by all volumes. Only the main thread
@@ -81,15 +80,13 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   return true;
 }
 
-void VolumeMgr::ListShares() {
+int ReadAllShares(int flags,
+                  std::vector<std::pair<std::string, std::string>>* out) {
   PYULO_SZ_LIST list = YULOSzListAlloc(1024);
-  if (list == nullptr) {
-    YULO_LOG_ALWAYS("ListShare malloc fail");
-    return;
-  }
-  if (YULOShareEnum(&list, kShareEnumFlags) < 0) {
+  if (list == nullptr) return kSharesNoMemory;
+  if (YULOShareEnum(&list, flags) < 0) {
     YULOSzListFree(list);
-    return;
+    return kSharesUnreadable;
   }
   for (int i = 0; i < YULOSzListCount(list); ++i) {
     const char* name = YULOSzListGet(list, i);
@@ -97,9 +94,21 @@ void VolumeMgr::ListShares() {
     char path[kPathBufferSize];
     std::memset(path, 0, sizeof(path));
     if (YULOSharePathGet(name, path, sizeof(path)) != 0) continue;
-    if (OwnsPath(path)) share_paths_.push_back(path);
+    out->emplace_back(name, path);
   }
   YULOSzListFree(list);
+  return 0;
+}
+
+void VolumeMgr::ListShares() {
+  std::vector<std::pair<std::string, std::string>> shares;
+  if (ReadAllShares(kShareEnumFlags, &shares) == kSharesNoMemory) {
+    YULO_LOG_ALWAYS("ListShare malloc fail");
+    return;
+  }
+  for (const auto& share : shares) {
+    if (OwnsPath(share.second)) share_paths_.push_back(share.second);
+  }
 }
 
 bool VolumeMgr::OwnsPath(const std::string& path) const {

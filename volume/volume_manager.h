@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "notify/notify_event.h"
@@ -33,11 +34,25 @@ namespace YULOTIFYD {
 class EventProcessor;
 class EventReceiver;
 
+// ReadAllShares results besides 0.
+constexpr int kSharesNoMemory = -1;
+constexpr int kSharesUnreadable = -2;
+
+// Appends every share of the share configuration to `out` as (name, path),
+// in the configuration's order, enumerating with `flags` (passed to
+// YULOShareEnum). Returns 0, kSharesNoMemory or kSharesUnreadable (nothing
+// appended then). Any thread.
+int ReadAllShares(int flags,
+                  std::vector<std::pair<std::string, std::string>>* out);
+
 class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
   // The kernel event bits a volume ever asks for: modify, attrib,
   // close-write, both move halves, create and delete.
   static constexpr uint32_t kKernelMaskBits = 0x3ce;
+  // The flag word the daemon enumerates shares with (the platform
+  // library's to interpret).
+  static constexpr int kShareEnumFlags = 0xA09;
 
   // Sets the volume up from its information record and starts its threads.
   // With `rescan_at_start` the processor requests a rescan of the volume
