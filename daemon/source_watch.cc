@@ -132,8 +132,9 @@ void SourceWatch::ReadInotify(int64_t now_ms) {
 
 void SourceWatch::Note(unsigned changes, int64_t now_ms) {
   if (changes == 0) return;
+  if (pending_ == 0) first_ms_ = now_ms;
   pending_ |= changes;
-  due_ms_ = now_ms + kSettleMillis;
+  due_ms_ = std::min(now_ms + kSettleMillis, first_ms_ + kLongestSettleMillis);
 }
 
 int64_t SourceWatch::MillisUntilDue(int64_t now_ms) const {

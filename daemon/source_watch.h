@@ -13,7 +13,10 @@
 //
 // Changes are settled: they fall due kSettleMillis after the last one, so
 // that a burst (a table rewritten in several steps, mounts at boot, an
-// unmount and mount again) is followed once. The main loop asks how long it
+// unmount and mount again) is followed once; but no later than
+// kLongestSettleMillis after the first, so that changes that never stop
+// (something mounting and unmounting in a loop) cannot hold the others
+// back for good. The main loop asks how long it
 // may wait (MillisUntilDue) and takes what is due (TakeDue); it never
 // spins. Times are milliseconds on the monotonic clock, passed in, so that
 // tests can step through them.
@@ -42,6 +45,7 @@ class SourceWatch {
     kShares = 2,   // the share configuration
   };
   static constexpr int64_t kSettleMillis = 500;
+  static constexpr int64_t kLongestSettleMillis = 5000;
 
   struct Paths {
     std::string mount_table;   // "/proc/self/mountinfo"; "" to leave out
@@ -69,7 +73,8 @@ class SourceWatch {
               int64_t now_ms);
 
   // Notes `changes` as happening at `now_ms`: they fall due kSettleMillis
-  // later, together with any still pending.
+  // later (at the latest kLongestSettleMillis after the first change still
+  // pending), together with any still pending.
   void Note(unsigned changes, int64_t now_ms);
 
   // Milliseconds until the pending changes fall due (0 when they are due);
@@ -94,6 +99,7 @@ class SourceWatch {
   UniqueFd inotify_;
   std::vector<FileWatch> files_;
   unsigned pending_ = 0;
+  int64_t first_ms_ = 0;  // when the first pending change was noted
   int64_t due_ms_ = 0;
 };
 

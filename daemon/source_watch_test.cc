@@ -143,6 +143,18 @@ TEST_F(SourceWatchTest, ChangesSettleTogetherFromTheLastOne) {
   EXPECT_EQ(-1, watch_.MillisUntilDue(0));
 }
 
+TEST_F(SourceWatchTest, ChangesThatNeverStopStillFallDue) {
+  int64_t now = 0;
+  for (; now < SourceWatch::kLongestSettleMillis; now += 100) {
+    watch_.Note(SourceWatch::kVolumes, now);
+    EXPECT_EQ(0u, watch_.TakeDue(now));
+  }
+  EXPECT_EQ(static_cast<unsigned>(SourceWatch::kVolumes), watch_.TakeDue(now));
+  // The next burst counts from its own first change.
+  watch_.Note(SourceWatch::kShares, now + 1);
+  EXPECT_EQ(SourceWatch::kSettleMillis, watch_.MillisUntilDue(now + 1));
+}
+
 TEST_F(SourceWatchTest, BothFilesInOneDirectory) {
   SourceWatch::Paths paths;
   paths.volume_table = etc_ + "/volumes.json";
