@@ -33,6 +33,7 @@ bash scripts/build.sh "$out/tsan" "$out/tsan-install" -DCMAKE_BUILD_TYPE=Debug -
 echo "== pipeline end-to-end tests against the TSan daemon"
 TSAN_OPTIONS=halt_on_error=0 YULOTIFYD_PREFIX="$out/tsan-install" \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider \
-  "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py"
+  "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py" \
+  "$here/tests/e2e/test_follow.py"
 
 echo "== all tests passed"
