@@ -62,9 +62,12 @@ bool Daemon::SetupInotify() {
 }
 
 void Daemon::AddInotifyWatch(const std::string& path) {
-  // Only a file opened for writing and closed again means a configuration
-  // was rewritten; creating, deleting or renaming entries does not reload.
-  const int wd = inotify_add_watch(inotify_fd, path.c_str(), IN_CLOSE_WRITE);
+  // A configuration file written, replaced by rename, renamed away or
+  // removed: each changes the configuration. Creating a directory or a
+  // link does not (and is not even reported).
+  const int wd = inotify_add_watch(
+      inotify_fd, path.c_str(),
+      IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE);
   if (wd < 0) {
     YULO_LOG_ALWAYS("inotify add watch failed, path=%s, reason=%m",
                     path.c_str());
@@ -73,21 +76,48 @@ void Daemon::AddInotifyWatch(const std::string& path) {
   watch_descriptors.push_back(wd);
 }
 
+namespace {
+
+// Whether an inotify record names a monitor-queue configuration file: a
+// file (not a directory) whose name ends in ".json", as LoadAll reads them.
+bool IsConfFileRecord(const struct inotify_event& header, const char* name) {
+  static constexpr char kSuffix[] = ".json";
+  constexpr size_t kSuffixLength = sizeof(kSuffix) - 1;
+  if (header.mask & IN_ISDIR) return false;
+  const size_t length = strnlen(name, header.len);
+  return length >= kSuffixLength &&
+         std::memcmp(name + length - kSuffixLength, kSuffix, kSuffixLength) ==
+             0;
+}
+
+}  // namespace
+
 void Daemon::HandleInotify() {
   std::fill(inotify_buffer.begin(), inotify_buffer.end(), 0);
   YULO_LOG_DEBUG("HandleInotify");
   const ssize_t n = read(inotify_fd, inotify_buffer.data(),
                          inotify_buffer.size());
   if (n <= 0) return;
-  // Which files changed, and how many, does not matter: one wake-up is one
-  // full reload. The records are only stepped over.
+  // How many configuration files changed does not matter: one wake-up is at
+  // most one full reload.
+  bool reload = false;
   size_t offset = 0;
   while (offset + sizeof(struct inotify_event) <= static_cast<size_t>(n)) {
     struct inotify_event header;
     std::memcpy(&header, inotify_buffer.data() + offset, sizeof(header));
-    offset += sizeof(header) + header.len;
+    const size_t name_at = offset + sizeof(header);
+    if (name_at + header.len > static_cast<size_t>(n)) break;
+    // After an overflow nobody knows what changed.
+    if ((header.mask & IN_Q_OVERFLOW) ||
+        IsConfFileRecord(header, inotify_buffer.data() + name_at)) {
+      reload = true;
+    }
+    offset = name_at + header.len;
   }
+  if (reload) ReloadMonitorQueues();
+}
 
+void Daemon::ReloadMonitorQueues() {
   // Events queued under the old configuration are taken by the processors
   // before the new one is loaded.
   for (auto& entry : volume_mgrs) entry.second->NotifyProcessor();

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "lib/errno_text.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 
@@ -124,6 +125,7 @@ void Daemon::Run() {
       break;
     }
     YULO_LOG_INFO("inotify setup done ...");
+    SetupFollow();
     if (!SetupVolumeMgr()) {
       YULO_LOG_ALWAYS("SetupVolumeMgr failed");
       break;
@@ -154,21 +156,28 @@ void Daemon::MainLoop() {
   for (;;) {
     if (g_stop_flag.load()) return;
     YULO_LOG_DEBUG("Daemon alive ...");
-    fd_set readable;
+    fd_set readable, exceptional;
     FD_ZERO(&readable);
+    FD_ZERO(&exceptional);
     FD_SET(inotify_fd, &readable);
     FD_SET(sock_fd, &readable);
-    struct timespec timeout = {kSelectTimeoutSeconds, 0};
+    int turn_width = width;
+    sources_.AddToSets(&readable, &exceptional, &turn_width);
+    struct timespec timeout = FollowTimeout();
     // Time-outs, interruptions and errors alike just start another turn.
-    const int ready =
-        pselect(width, &readable, nullptr, nullptr, &timeout, &wait_mask);
+    const int ready = pselect(turn_width, &readable, nullptr, &exceptional,
+                              &timeout, &wait_mask);
     ReportKillSignal();
-    if (ready <= 0) continue;
     if (g_stop_flag.load()) return;
-    // The configuration watch goes first, so a command that arrives together
-    // with a configuration change already sees the new configuration.
-    if (FD_ISSET(inotify_fd, &readable)) HandleInotify();
-    if (FD_ISSET(sock_fd, &readable)) HandleDomainSocket();
+    if (ready > 0) {
+      // The configuration watch goes first, so a command that arrives
+      // together with a configuration change already sees the new
+      // configuration.
+      if (FD_ISSET(inotify_fd, &readable)) HandleInotify();
+      if (FD_ISSET(sock_fd, &readable)) HandleDomainSocket();
+      sources_.Handle(readable, exceptional, MonotonicMillis());
+    }
+    FollowSources();
   }
 }
 

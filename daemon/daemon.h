@@ -3,6 +3,9 @@
 // Run() performs the start-up sequence, reports readiness to the service
 // manager, serves the configuration watch and the control socket on the main
 // thread until SIGTERM or SIGINT, and tears everything down in a fixed order.
+// The main loop also follows the mount table, the volume table and the share
+// configuration (SourceWatch): volumes get and lose their managers, and the
+// monitor queues are reloaded when shares change, with no command needed.
 // The main thread alone touches the control socket, the configuration watch
 // and the registry of volume managers; volume managers reach back through the
 // VolumeContext interface (monitor-queue copies, run status, reload
@@ -22,9 +25,12 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "daemon/source_watch.h"
+#include "daemon/volume_plan.h"
 #include "volume/volume_context.h"
 #include "volume/volume_manager.h"
 #include "yulo_build_config.h"
@@ -43,6 +49,11 @@ struct DaemonOptions {
   std::string socket_group = YULOTIFYD_SOCKET_GROUP;
   std::string run_status_path = YULOTIFYD_RUN_STATUS_PATH;
   std::string conf_root = YULOTIFYD_CONF_DIR;
+  // What the main loop follows (the platform library reads the compiled-in
+  // paths whatever these say).
+  std::string mount_table_path = "/proc/self/mountinfo";
+  std::string volume_table_path = YULO_VOLUME_TABLE_PATH;
+  std::string smb_conf_path = YULO_SMB_CONF_PATH;
 };
 
 class Daemon : public VolumeContext {
@@ -85,6 +96,9 @@ class Daemon : public VolumeContext {
   bool SetupInotify();
   void AddInotifyWatch(const std::string& path);
   void HandleInotify();
+  // Has every processor take its queued events, reloads the monitor queues
+  // and waits until every receiver has re-added its watches.
+  void ReloadMonitorQueues();
   void CreateReloadSemaphore();
   void DestroyReloadSemaphore();
 
@@ -97,13 +111,30 @@ class Daemon : public VolumeContext {
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
   int32_t Dispatch(const std::string& type, const Json::Value& data);
 
-  // Volume manager registry.
+  // Volume manager registry. Mount points are compared normalised.
   bool SetupVolumeMgr();
-  bool CreateVolumeMgr(const YULO_VOLUME_INFO* info);
+  // Refuses (false) a volume id that has a manager already.
+  bool CreateVolumeMgr(const YULO_VOLUME_INFO* info,
+                       bool rescan_at_start = false);
   VolumeMgr* GetVolumeMgrByShare(const std::string& share_name);
   VolumeMgr* GetVolumeMgrByMountPoint(const std::string& mount_point);
   void MountVolume(const std::string& mount_point);
   void UmountVolume(const std::string& mount_point);
+
+  // Following the mount table, the volume table and the shares (follow.cc).
+  void SetupFollow();
+  // How long the main loop may wait: until followed changes fall due, at
+  // most kSelectTimeoutSeconds.
+  struct timespec FollowTimeout() const;
+  // Carries out the followed changes that are due, if any.
+  void FollowSources();
+  bool PlanVolumes(VolumePlan* plan);
+  void DropVolumes(const VolumePlan& plan);
+  void AddVolumes(const VolumePlan& plan);
+  void FollowShares();
+  // The "umount_volume" command for a volume that is still mounted: it
+  // stays unwatched until it is unmounted or reported mounted again.
+  void HoldVolume(const std::string& mount_point);
 
   const DaemonOptions options_;
 
@@ -129,6 +160,18 @@ class Daemon : public VolumeContext {
   pthread_mutex_t reload_mutex_;
   pthread_rwlock_t monitor_queue_lock;
   bool monitor_queue_lock_ready_;
+
+  SourceWatch sources_;
+  // The shares (name -> path) the monitor queues were last resolved with.
+  std::map<std::string, std::string> shares_;
+  // What was mounted at each watched volume's mount point when its manager
+  // was made, by volume id.
+  std::map<int32_t, SeenMount> watched_mounts_;
+  // Volumes released by "umount_volume" while mounted, with that mount.
+  std::map<int32_t, SeenMount> held_;
+  // Volumes that went away while the daemon ran; each is rescanned when it
+  // gets a manager again.
+  std::set<int32_t> gone_;
 };
 
 }  // namespace YULOTIFYD

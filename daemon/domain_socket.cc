@@ -363,6 +363,10 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
     if (type == "mount_volume") {
       MountVolume(mount_point);
     } else {
+      // The daemon follows the mount table too: without the hold, the next
+      // change of it would watch a volume reported unmounted but still
+      // mounted again.
+      HoldVolume(mount_point);
       UmountVolume(mount_point);
     }
     return 0;

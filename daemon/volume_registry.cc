@@ -1,8 +1,10 @@
 // The registry of volume managers, keyed by volume id.
 #include <chrono>
 #include <cstring>
+#include <memory>
 
 #include "daemon/daemon.h"
+#include "notify/mount_point.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -26,16 +28,32 @@ bool Daemon::SetupVolumeMgr() {
   return true;
 }
 
-bool Daemon::CreateVolumeMgr(const YULO_VOLUME_INFO* info) {
+bool Daemon::CreateVolumeMgr(const YULO_VOLUME_INFO* info,
+                             bool rescan_at_start) {
+  // One manager per volume: a second one would write every event twice.
+  if (volume_mgrs.count(info->vol_id) != 0) {
+    YULO_LOG_ALWAYS("VolumeMgr exists already, id=%d, mount point=%s",
+                    info->vol_id, info->mount_point);
+    return false;
+  }
+  // Taken before the receiver places its watch, so that a later remount
+  // is told from this mount.
+  MountIdentity mount;
+  const bool mount_seen = GetMountIdentity(info->mount_point, &mount);
   try {
-    VolumeMgr* mgr = new VolumeMgr(info, this);
-    // An id that is already registered keeps its manager; callers avoid that
-    // case by looking the mount point up first.
-    volume_mgrs.insert(std::make_pair(info->vol_id, mgr));
+    // Owned here until registered: a manager that cannot be registered is
+    // stopped and deleted, never left running.
+    std::unique_ptr<VolumeMgr> mgr(new VolumeMgr(info, this, rescan_at_start));
+    volume_mgrs.emplace(info->vol_id, mgr.get());
+    mgr.release();
   } catch (...) {
     YULO_LOG_ALWAYS("Failed to initiate mgr for volume(id=%d)", info->vol_id);
     return false;
   }
+  watched_mounts_[info->vol_id] =
+      mount_seen ? SeenMount(mount) : SeenMount();
+  held_.erase(info->vol_id);
+  gone_.erase(info->vol_id);
   YULO_LOG_DEBUG("VolumeMgr created, id=%d, mount point=%s", info->vol_id,
                  info->mount_point);
   return true;
@@ -54,8 +72,11 @@ VolumeMgr* Daemon::GetVolumeMgrByShare(const std::string& share_name) {
 }
 
 VolumeMgr* Daemon::GetVolumeMgrByMountPoint(const std::string& mount_point) {
+  const std::string wanted = NormalisePath(mount_point);
   for (auto& entry : volume_mgrs) {
-    if (entry.second->GetMountPoint() == mount_point) return entry.second;
+    if (NormalisePath(entry.second->GetMountPoint()) == wanted) {
+      return entry.second;
+    }
   }
   return nullptr;
 }
@@ -74,12 +95,16 @@ void Daemon::MountVolume(const std::string& mount_point) {
     YULO_LOG_ALWAYS("skipped mounting usb volume [%s]", info.mount_point);
     return;
   }
-  if (!CreateVolumeMgr(&info)) YULO_LOG_ALWAYS("CreateVolumeMgr failed");
+  // A volume that went away while the daemon ran is rescanned: what
+  // changed on it meanwhile is unknown.
+  const bool back = gone_.count(info.vol_id) != 0;
+  if (!CreateVolumeMgr(&info, back)) YULO_LOG_ALWAYS("CreateVolumeMgr failed");
 }
 
 void Daemon::UmountVolume(const std::string& mount_point) {
+  const std::string wanted = NormalisePath(mount_point);
   for (auto it = volume_mgrs.begin(); it != volume_mgrs.end(); ++it) {
-    if (it->second->GetMountPoint() == mount_point) {
+    if (NormalisePath(it->second->GetMountPoint()) == wanted) {
       // What was read from the volume is written before it goes.
       if (!it->second->Drain(std::chrono::steady_clock::now() +
                              std::chrono::seconds(kDrainSeconds))) {

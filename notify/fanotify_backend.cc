@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sched.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -44,6 +45,67 @@ bool ReadFdPath(int fd, std::string* path) {
   }
   path->assign(buf, static_cast<size_t>(n));
   return true;
+}
+
+// An O_PATH descriptor of `path`: enough to stat it, mark it, read its
+// path back and make it the working directory, and opening or closing it
+// raises no event. The backend holds one only for the length of a call: a
+// descriptor kept between calls would keep the volume busy, so that
+// unmounting it failed with EBUSY.
+int OpenPathOnly(const std::string& path) {
+  return RetryOnEintr(
+      [&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC | O_NOCTTY); });
+}
+
+// fsid of the file system behind `fd`; false when it cannot be read.
+bool FsidOf(int fd, uint64_t* fsid) {
+  struct statfs sfs;
+  if (RetryOnEintr([&] { return ::fstatfs(fd, &sfs); }) != 0) return false;
+  *fsid = FsidKey(sfs);
+  return true;
+}
+
+// Whether this thread has a working directory of its own: 0 not tried yet,
+// 1 yes, -1 unshare refused it.
+thread_local int t_private_cwd = 0;
+
+// open_by_handle_at(`handle`, `flags`) on the file system of `mount_fd`, an
+// O_PATH descriptor of its mount point.
+//
+// open_by_handle_at decodes a handle against the mount of the descriptor it
+// is given and refuses O_PATH descriptors, while any other open of the
+// mount point is itself an event (open, close-nowrite) on the very file
+// system being watched. Given AT_FDCWD it decodes against the working
+// directory instead, and fchdir sets that from an O_PATH descriptor without
+// an event. The working directory belongs to the whole process, so the
+// calling thread first takes a copy of its own (unshare(CLONE_FS), once per
+// thread: the rest of the process never sees it move), and it goes back
+// right after the call, so that it pins the volume only for that long.
+int OpenByHandleWithin(int mount_fd, struct file_handle* handle, int flags) {
+  if (t_private_cwd == 0) t_private_cwd = ::unshare(CLONE_FS) == 0 ? 1 : -1;
+  if (t_private_cwd == 1) {
+    UniqueFd back(RetryOnEintr(
+        [] { return ::open(".", O_PATH | O_CLOEXEC | O_DIRECTORY); }));
+    if (back.Valid() && ::fchdir(mount_fd) == 0) {
+      const int fd = RetryOnEintr(
+          [&] { return ::open_by_handle_at(AT_FDCWD, handle, flags); });
+      const int err = errno;
+      // Never stay on the volume, whatever it takes.
+      if (::fchdir(back.Get()) != 0 && ::chdir("/") != 0) {
+      }
+      errno = err;
+      return fd;
+    }
+  }
+  // No working directory to borrow (or the mount point is no directory): a
+  // real open of the mount point, which the mark sees if it asks for opens.
+  char link[64];
+  std::snprintf(link, sizeof(link), "/proc/self/fd/%d", mount_fd);
+  UniqueFd real(RetryOnEintr(
+      [&] { return ::open(link, O_RDONLY | O_CLOEXEC | O_NOCTTY); }));
+  if (!real.Valid()) return -1;
+  return RetryOnEintr(
+      [&] { return ::open_by_handle_at(real.Get(), handle, flags); });
 }
 
 }  // namespace
@@ -93,13 +155,15 @@ int FanotifyBackend::Init() {
   return fd;
 }
 
-int FanotifyBackend::Mark(unsigned int flags, const MountWatch& watch,
+int FanotifyBackend::Mark(unsigned int flags, int mount_fd, bool is_dir,
                           const std::string& mount_point, uint64_t mask) {
-  // Through the descriptor opened at AddWatch, so that the mark lands on
-  // the same file system even if something was mounted over it meanwhile.
-  if (watch.is_dir) {
+  // Through the descriptor of the mount point, so that the mark lands on
+  // the file system that was examined, even if something was mounted over
+  // it meanwhile. fanotify_mark takes no O_PATH descriptor for the object
+  // itself, only as the directory a name is looked up in.
+  if (is_dir) {
     return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask,
-                           watch.fd.Get(), ".");
+                           mount_fd, ".");
   }
   return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
                          mount_point.c_str());
@@ -111,32 +175,26 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
     errno = EBADF;
     return -1;
   }
-  // open_by_handle_at wants a real open descriptor on the file system (an
-  // O_PATH one is refused). It is opened before the mark is placed, so that
-  // opening it raises no event of its own.
+  UniqueFd mount_fd(OpenPathOnly(mount_point));
+  if (!mount_fd.Valid()) return -1;
   MountWatch watch;
-  watch.fd.Reset(RetryOnEintr([&] {
-    return ::open(mount_point.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  }));
-  if (!watch.fd.Valid()) return -1;
   struct stat st;
-  struct statfs sfs;
-  if (::fstat(watch.fd.Get(), &st) != 0 ||
-      RetryOnEintr([&] { return ::fstatfs(watch.fd.Get(), &sfs); }) != 0 ||
-      !ReadFdPath(watch.fd.Get(), &watch.root)) {
+  if (::fstat(mount_fd.Get(), &st) != 0 ||
+      !FsidOf(mount_fd.Get(), &watch.fsid) ||
+      !ReadFdPath(mount_fd.Get(), &watch.root)) {
     return -1;
   }
-  watch.fsid = FsidKey(sfs);
   watch.is_dir = S_ISDIR(st.st_mode);
   watch.order = next_order_++;
 
   const uint32_t wanted = event_mask_ | mask;
   uint64_t kernel_mask = FanotifyMarkMask(wanted, rename_events_);
-  int r = Mark(FAN_MARK_ADD, watch, mount_point, kernel_mask);
+  int r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch.is_dir, mount_point,
+               kernel_mask);
   if (r != 0 && errno == EINVAL && !move_mode_known_) {
     // No FAN_RENAME before Linux 5.17: fall back to the two halves.
     const uint64_t halves = FanotifyMarkMask(wanted, false);
-    r = Mark(FAN_MARK_ADD, watch, mount_point, halves);
+    r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch.is_dir, mount_point, halves);
     if (r == 0) {
       rename_events_ = false;
       kernel_mask = halves;
@@ -180,8 +238,18 @@ int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
     // mark goes with the last of them.
     const auto mask = fs_masks_.find(fsid);
     if (mask != fs_masks_.end()) {
-      r = Mark(FAN_MARK_REMOVE, it->second, mount_point, mask->second);
-      err = errno;
+      UniqueFd mount_fd(OpenPathOnly(mount_point));
+      uint64_t now = 0;
+      if (mount_fd.Valid() && FsidOf(mount_fd.Get(), &now) && now == fsid) {
+        r = Mark(FAN_MARK_REMOVE, mount_fd.Get(), it->second.is_dir,
+                 mount_point, mask->second);
+        err = errno;
+      }
+      // Otherwise the file system is no longer mounted there. Unmounted, it
+      // took its mark along; still mounted but hidden (something mounted
+      // over it), its mark cannot be reached any more and stays until the
+      // instance closes, its events dropped for want of a watch to name
+      // them.
       fs_masks_.erase(mask);
     }
   }
@@ -273,11 +341,16 @@ int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
   handle->handle_type = dir.type;
   std::memcpy(handle->f_handle, dir.bytes, dir.size);
 
+  UniqueFd mount_fd(OpenPathOnly(watch->first));
+  if (!mount_fd.Valid()) return errno;
+  uint64_t fsid = 0;
+  if (!FsidOf(mount_fd.Get(), &fsid)) return errno;
+  // Another file system there now: the watched one was unmounted (or
+  // something was mounted over it).
+  if (fsid != dir.fsid) return ESTALE;
   // O_PATH: opening and closing the directory raises no events.
-  UniqueFd dir_fd(RetryOnEintr([&] {
-    return ::open_by_handle_at(watch->second.fd.Get(), handle,
-                               O_PATH | O_CLOEXEC);
-  }));
+  UniqueFd dir_fd(
+      OpenByHandleWithin(mount_fd.Get(), handle, O_PATH | O_CLOEXEC));
   if (!dir_fd.Valid()) return errno;
   std::string real;
   if (!ReadFdPath(dir_fd.Get(), &real)) return errno;

@@ -10,15 +10,26 @@
 //                system (a file system mounted at several watched places is
 //                marked, and reported, once)
 //   RemoveWatch  removes that mark when no watched mount point is left on
-//                the file system
+//                the file system (one no longer mounted at its mount point
+//                lost its mark when it was unmounted)
 //   Read         packed RawNotifyRecords with full paths, never a record
 //                split across two reads (see FanotifyTranslator)
 //
 // Full paths: the directory handle of each event is opened with
-// open_by_handle_at(O_PATH) against a descriptor of the watched mount point
-// (O_PATH opens raise no events of their own) and its path read back from
+// open_by_handle_at(O_PATH) on the watched mount point's file system (O_PATH
+// opens raise no events of their own) and its path read back from
 // /proc/self/fd; answers are cached per directory. Paths are spelt under the
 // mount point string given to AddWatch.
+//
+// Never keeps a volume busy: between calls the backend holds no descriptor
+// on a watched file system (a fanotify mark does not pin a mount), so the
+// volume can be unmounted at any time. The mount point is opened again for
+// each directory lookup, and the working directory, through which the handle
+// is decoded, rests on it only during that lookup (see OpenByHandleWithin in
+// the .cc: the calling thread gets a working directory of its own for it).
+// When a watched file system is unmounted, the kernel drops its mark and
+// nothing more arrives from it; events already queued whose directory is not
+// cached are dropped.
 //
 // Requirements: CAP_SYS_ADMIN (file-system marks; Init fails with EPERM
 // without it, leaving the caller inert), CAP_DAC_READ_SEARCH
@@ -26,10 +37,10 @@
 // which pairs the two names of a move, needs Linux 5.17; on older kernels
 // moves come as unpaired halves (see FanotifyTranslator).
 //
-// Ownership: owns the fanotify descriptor and one read-only descriptor per
-// watched mount point (opened before its mark is placed); all are closed on
-// destruction.
-// Thread-safety: none (see NotifyBackend).
+// Ownership: owns the fanotify descriptor, closed on destruction, and no
+// other descriptor between calls.
+// Thread-safety: none (see NotifyBackend). Read (through path lookups)
+// gives the calling thread a working directory of its own the first time.
 #ifndef YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
 #define YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
 
@@ -84,13 +95,14 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   struct MountWatch {
     uint64_t fsid = 0;
     uint64_t order = 0;  // AddWatch sequence, oldest resolves paths
-    UniqueFd fd;         // read-only descriptor of the mount point
-    std::string root;    // its path as the kernel prints it
+    std::string root;    // the mount point's path as the kernel prints it
     bool is_dir = false;
   };
 
   int ResolveDir(const DirHandle& dir, std::string* path) override;
-  int Mark(unsigned int flags, const MountWatch& watch,
+  // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
+  // `mount_point`.
+  int Mark(unsigned int flags, int mount_fd, bool is_dir,
            const std::string& mount_point, uint64_t mask);
   bool OwnDescriptor(int fd) const;
   // The watch through which paths on `fsid` are resolved, or null.

@@ -2,6 +2,7 @@
 // it produces, its watch bookkeeping, and its error results.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -374,6 +375,61 @@ TEST_F(FanotifyBackendKernelTest, ResolvingPathsRaisesNoEventsOfItsOwn) {
   bool readable = true;
   EXPECT_EQ(0, backend_.WaitReadable(fd_, {0, 0}, &readable));
   EXPECT_GE(backend_.translator().resolver_calls(), 2u);
+}
+
+// A volume the backend watches can be unmounted: between calls the backend
+// holds nothing on it. The kernel drops the mark with the file system, and
+// a new file system mounted at the same place is not watched.
+TEST_F(FanotifyBackendKernelTest, WatchedFileSystemCanBeUnmounted) {
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
+  ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
+  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  // Reading resolves the directories, which opens the mount point for a
+  // moment.
+  ASSERT_EQ(3u, ReadAll().size());
+  ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
+
+  const std::string again = scratch_.MountTmpfs("m1", "size=64m");
+  ASSERT_EQ(m1_, again) << scratch_.error();
+  ASSERT_TRUE(WriteFile(m1_ + "/g", ""));
+  EXPECT_TRUE(ReadAll().empty());
+  // Its mark went with it: removing the watch has nothing left to do.
+  EXPECT_EQ(0, backend_.RemoveWatch(fd_, m1_, kMask));
+  // The new file system can be watched in its place.
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
+  ASSERT_TRUE(WriteFile(m1_ + "/h", ""));
+  const std::vector<std::pair<uint32_t, std::string>> expected = {
+      {YULO_CREATE, m1_ + "/h"}, {YULO_CLOSE_WRITE, m1_ + "/h"}};
+  EXPECT_EQ(expected, Changes(ReadAll()));
+  ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
+}
+
+// Events still queued when their file system went away cannot be named any
+// more: they are dropped, never reported under whatever is mounted there
+// now.
+TEST_F(FanotifyBackendKernelTest, EventsOfAnUnmountedFileSystemAreDropped) {
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
+  ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
+  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
+  ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));  // on the parent now
+  EXPECT_TRUE(ReadAll().empty());
+  EXPECT_GE(backend_.translator().dropped_events(), 2u);
+  ::rmdir((m1_ + "/d").c_str());
+}
+
+// Lookups borrow the working directory of the reading thread for a moment
+// and give it back.
+TEST_F(FanotifyBackendKernelTest, ReadingLeavesTheWorkingDirectoryAlone) {
+  char before[PATH_MAX];
+  ASSERT_NE(nullptr, ::getcwd(before, sizeof(before)));
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
+  ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
+  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_EQ(3u, ReadAll().size());
+  char after[PATH_MAX];
+  ASSERT_NE(nullptr, ::getcwd(after, sizeof(after)));
+  EXPECT_STREQ(before, after);
 }
 
 }  // namespace

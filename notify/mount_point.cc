@@ -1,9 +1,12 @@
 #include "notify/mount_point.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <vector>
 
 #include "notify/unique_fd.h"
 #include "notify/yulotify_log.h"
@@ -35,6 +38,12 @@ class SystemEnv : public MountEnv {
     }
   }
 };
+
+// Asks statx for the never-reused mount id (Linux 6.8); older headers do
+// not name the bit.
+#ifndef STATX_MNT_ID_UNIQUE
+constexpr unsigned int STATX_MNT_ID_UNIQUE = 0x4000U;
+#endif
 
 bool IsOctalDigit(char c) { return c >= '0' && c <= '7'; }
 
@@ -71,6 +80,52 @@ std::string ParentDir(const std::string& path) {
   const size_t slash = path.rfind('/');
   if (slash == std::string::npos || slash == 0) return "/";
   return path.substr(0, slash);
+}
+
+std::string NormalisePath(std::string_view path) {
+  if (path.empty()) return std::string();
+  const bool absolute = path[0] == '/';
+  std::vector<std::string_view> parts;
+  size_t pos = 0;
+  while (pos < path.size()) {
+    const size_t end = std::min(path.find('/', pos), path.size());
+    const std::string_view part = path.substr(pos, end - pos);
+    if (!part.empty() && part != ".") parts.push_back(part);
+    pos = end + 1;
+  }
+  std::string out;
+  out.reserve(path.size());
+  for (const std::string_view part : parts) {
+    if (absolute || !out.empty()) out.push_back('/');
+    out.append(part.data(), part.size());
+  }
+  if (out.empty()) out = absolute ? "/" : ".";
+  return out;
+}
+
+std::string DirPrefix(const std::string& dir) {
+  if (!dir.empty() && dir.back() == '/') return dir;
+  return dir + "/";
+}
+
+std::string JoinPath(const std::string& dir, const std::string& name) {
+  return DirPrefix(dir) + name;
+}
+
+bool GetMountIdentity(const std::string& path, MountIdentity* out) {
+  struct statx stx;
+  if (::statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT,
+              STATX_MNT_ID | STATX_MNT_ID_UNIQUE, &stx) != 0) {
+    return false;
+  }
+  MountIdentity identity;
+  identity.unique = (stx.stx_mask & STATX_MNT_ID_UNIQUE) != 0;
+  if (identity.unique || (stx.stx_mask & STATX_MNT_ID) != 0) {
+    identity.mount_id = stx.stx_mnt_id;
+  }
+  identity.dev = makedev(stx.stx_dev_major, stx.stx_dev_minor);
+  *out = identity;
+  return true;
 }
 
 std::string DecodeMountField(std::string_view field) {

@@ -1,4 +1,5 @@
-// Mount-point resolution: on which mount point does a path lie?
+// Mount-point resolution: on which mount point does a path lie? Plus the
+// small path helpers that everything dealing with mount points shares.
 //
 // GetMountPoint climbs the path's parent directories while they stay on the
 // path's device, then confirms the highest one against the mount table
@@ -15,6 +16,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -44,6 +46,43 @@ std::string ParentDir(const std::string& path);
 // Decodes a mount-table field: "\ooo" (three octal digits) is one byte; a
 // "\" not followed by three octal digits cuts the field there.
 std::string DecodeMountField(std::string_view field);
+
+// `path` spelt one way only, so that two spellings of one mount point
+// compare equal: repeated "/" collapsed, "." components dropped, no trailing
+// "/" ("/" itself stays "/"). ".." is kept as written: resolving it without
+// the file system would be wrong across symbolic links. "" stays "".
+std::string NormalisePath(std::string_view path);
+
+// `dir` followed by exactly one "/": the prefix every path strictly below
+// `dir` begins with ("/vol1" -> "/vol1/", "/" -> "/").
+std::string DirPrefix(const std::string& dir);
+
+// `name` inside `dir`, with one "/" between them ("/" + "a" -> "/a").
+std::string JoinPath(const std::string& dir, const std::string& name);
+
+// Which mount is mounted at a path. Two identities are equal only for the
+// same mount: a file system unmounted and mounted again at the same place
+// gets a new one. Kernels from 6.8 on give mount ids that are never reused
+// (`unique`); older ones reuse ids, and the device number then helps tell a
+// new mount from the old one, but a quick remount of the same device can
+// still look the same.
+struct MountIdentity {
+  uint64_t mount_id = 0;
+  bool unique = false;  // mount_id is the never-reused kind
+  uint64_t dev = 0;     // st_dev of the mounted root
+
+  bool operator==(const MountIdentity& other) const {
+    return mount_id == other.mount_id && unique == other.unique &&
+           dev == other.dev;
+  }
+  bool operator!=(const MountIdentity& other) const {
+    return !(*this == other);
+  }
+};
+
+// The identity of the mount `path` lies on (the mount at `path` when `path`
+// is a mount point). False with errno when `path` cannot be examined.
+bool GetMountIdentity(const std::string& path, MountIdentity* out);
 
 // The mount point of `path`. Returns "" after logging when `path` or one of
 // its ancestors cannot be stat'ed. When the highest same-device ancestor is

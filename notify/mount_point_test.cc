@@ -1,5 +1,6 @@
 #include "notify/mount_point.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 
 #include "notify/testing/fake_backend.h"
@@ -197,6 +198,59 @@ TEST_F(MountPointTest, UnstatableAncestorGivesEmpty) {
 TEST_F(MountPointTest, RealFileSystem) {
   // The root directory is always a mount point of the real system.
   EXPECT_EQ("/", GetMountPoint("/"));
+}
+
+TEST(NormalisePathTest, OneSpellingPerPath) {
+  EXPECT_EQ("/vol1", NormalisePath("/vol1"));
+  EXPECT_EQ("/vol1", NormalisePath("/vol1/"));
+  EXPECT_EQ("/vol1", NormalisePath("//vol1//"));
+  EXPECT_EQ("/vol1", NormalisePath("/./vol1/."));
+  EXPECT_EQ("/srv/vol1", NormalisePath("/srv/./vol1/./"));
+  EXPECT_EQ("/", NormalisePath("/"));
+  EXPECT_EQ("/", NormalisePath("//"));
+  EXPECT_EQ("/", NormalisePath("/./"));
+  EXPECT_EQ("", NormalisePath(""));
+  // ".." depends on symbolic links: left as written.
+  EXPECT_EQ("/a/../b", NormalisePath("/a/../b/"));
+  // A "." inside a name is no component of its own.
+  EXPECT_EQ("/a./.b/c.d", NormalisePath("/a./.b/c.d"));
+  EXPECT_EQ("a/b", NormalisePath("a//./b/"));
+  EXPECT_EQ(".", NormalisePath("./"));
+}
+
+TEST(DirPrefixTest, ExactlyOneTrailingSlash) {
+  EXPECT_EQ("/vol1/", DirPrefix("/vol1"));
+  EXPECT_EQ("/vol1/", DirPrefix("/vol1/"));
+  EXPECT_EQ("/", DirPrefix("/"));
+  EXPECT_EQ("/", DirPrefix(""));
+}
+
+TEST(JoinPathTest, OneSlashBetween) {
+  EXPECT_EQ("/vol1/Public", JoinPath("/vol1", "Public"));
+  EXPECT_EQ("/vol1/Public", JoinPath("/vol1/", "Public"));
+  EXPECT_EQ("/Public", JoinPath("/", "Public"));
+}
+
+TEST(GetMountIdentityTest, SameMountSameIdentity) {
+  MountIdentity a, b;
+  ASSERT_TRUE(GetMountIdentity("/", &a));
+  ASSERT_TRUE(GetMountIdentity("/.", &b));
+  EXPECT_EQ(a, b);
+  EXPECT_FALSE(a != b);
+  errno = 0;
+  MountIdentity untouched;
+  untouched.mount_id = 77;
+  EXPECT_FALSE(GetMountIdentity("/nonexistent/yulo/path", &untouched));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(77u, untouched.mount_id);
+}
+
+TEST(GetMountIdentityTest, DifferentMountsDiffer) {
+  // /proc is a mount of its own wherever the tests run.
+  MountIdentity root, proc;
+  ASSERT_TRUE(GetMountIdentity("/", &root));
+  ASSERT_TRUE(GetMountIdentity("/proc", &proc));
+  EXPECT_NE(root, proc);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/mount.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -560,6 +561,24 @@ TEST(KernelInertTest, WithoutCapSysAdminTheObjectIsInert) {
   EXPECT_EQ(0, WEXITSTATUS(status))
       << "10: cannot drop the capability, 11: init succeeded, 12: a watch "
          "was added, 13: HasEvent was true";
+}
+
+// Unmounting and mounting again at the same place makes another mount.
+TEST(MountIdentityKernelTest, RemountIsAnotherMount) {
+  testing::ScratchMounts scratch;
+  ASSERT_TRUE(scratch.ok()) << scratch.error();
+  const std::string m = scratch.MountTmpfs("m", "size=1m");
+  ASSERT_FALSE(m.empty()) << scratch.error();
+  MountIdentity first, same, parent, second;
+  ASSERT_TRUE(GetMountIdentity(m, &first));
+  ASSERT_TRUE(GetMountIdentity(m + "/.", &same));
+  EXPECT_EQ(first, same);
+  ASSERT_TRUE(GetMountIdentity(scratch.root(), &parent));
+  EXPECT_NE(first, parent);
+  ASSERT_EQ(0, ::umount2(m.c_str(), 0));
+  ASSERT_EQ(m, scratch.MountTmpfs("m", "size=1m")) << scratch.error();
+  ASSERT_TRUE(GetMountIdentity(m, &second));
+  EXPECT_NE(first, second);
 }
 
 }  // namespace

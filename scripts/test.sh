@@ -40,6 +40,6 @@ echo "== pipeline end-to-end tests against the TSan daemon"
 TSAN_OPTIONS=halt_on_error=0 YULOTIFYD_PREFIX="$out/tsan-install" \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider \
   "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py" \
-  "$here/tests/e2e/test_stop.py"
+  "$here/tests/e2e/test_stop.py" "$here/tests/e2e/test_follow.py"
 
 echo "== all tests passed"

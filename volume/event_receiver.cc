@@ -136,10 +136,9 @@ bool EventReceiver::DrainKernel(
 void EventReceiver::ReAddAllWatches() {
   const std::set<std::string> shares =
       MonitorQueue::GetShareSet(owner_->GetMonitorQueues());
-  const std::string prefix = owner_->GetMountPoint() + "/";
   RemoveAllWatches();
   for (const std::string& share : shares) {
-    if (share.compare(0, prefix.size(), prefix) != 0) continue;
+    if (!owner_->OwnsPath(share)) continue;
     YULO_LOG_INFO("Add watch, path=%s", share.c_str());
     if (AddWatch(share) < 0) YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
   }

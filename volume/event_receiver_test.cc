@@ -254,6 +254,37 @@ TEST_F(EventReceiverTest, ThreadAddsWatchesFirstThenServesCommandsAndEvents) {
   EXPECT_EQ(receiver->read_timeout().tv_usec, 250000);
 }
 
+TEST_F(EventReceiverTest, VolumeAtRootWatchesItsShares) {
+  owner_.mount_point = "/";
+  owner_.Watch({"/vol1/a", "/", "/vol10/c"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  std::vector<std::string> watched;
+  for (const auto& entry : receiver->watched_paths()) watched.push_back(entry.first);
+  // Everything lies below "/" except "/" itself, which is no share.
+  EXPECT_EQ(watched, (std::vector<std::string>{"/vol1/a", "/vol10/c"}));
+}
+
+// An owner that disowns some paths below its mount point (they lie on
+// another volume mounted inside it).
+class PickyOwner : public FakeOwner {
+ public:
+  bool OwnsPath(const std::string& path) const override {
+    return FakeOwner::OwnsPath(path) && path != "/vol1/b";
+  }
+};
+
+TEST_F(EventReceiverTest, PathsTheOwnerDisownsAreNotWatched) {
+  PickyOwner owner;
+  owner.Watch({"/vol1/a", "/vol1/b"});
+  EventReceiver receiver(0x3ce, &owner, std::make_unique<FakeBackend>(kernel_),
+                         &env_);
+  receiver.ReAddAllWatches();
+  std::vector<std::string> watched;
+  for (const auto& entry : receiver.watched_paths()) watched.push_back(entry.first);
+  EXPECT_EQ(watched, (std::vector<std::string>{"/vol1/a"}));
+}
+
 }  // namespace
 }  // namespace YULOTIFYD
 }  // namespace YULO

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "notify/mount_point.h"
 #include "notify/notify_event.h"
 #include "notify/packed_events.h"
 #include "yulotifyd/monitor_queue.h"
@@ -31,6 +32,13 @@ class ReceiverOwner {
   virtual void WatchesReady() = 0;
   // The volume's mount point.
   virtual const std::string& GetMountPoint() const = 0;
+  // Whether `path` lies on the volume, i.e. is to be watched by its
+  // receiver. By default: strictly below the mount point.
+  virtual bool OwnsPath(const std::string& path) const {
+    const std::string prefix = DirPrefix(GetMountPoint());
+    return path.size() > prefix.size() &&
+           path.compare(0, prefix.size(), prefix) == 0;
+  }
 };
 
 }  // namespace YULOTIFYD

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "notify/mount_point.h"
 #include "output/event_processor.h"
 #include "volume/event_receiver.h"
 #include "yulotifyd/log.h"
@@ -14,7 +15,6 @@ namespace YULOTIFYD {
 
 namespace {
 
-constexpr int kShareEnumFlags = 0xA09;
 constexpr int kPathBufferSize = 4096;
 
 // Cookies of injected renames, shared by all volumes. Only the main thread
@@ -23,8 +23,10 @@ uint64_t g_push_cookie = 0;
 
 }  // namespace
 
-VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context)
+VolumeMgr::VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context,
+                     bool rescan_at_start)
     : context_(context),
+      rescan_at_start_(rescan_at_start),
       processor_(nullptr),
       receiver_(nullptr) {
   if (!Init(info)) {
@@ -51,7 +53,8 @@ void VolumeMgr::FreeThreads() {
 
 bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   mount_point_ = info->mount_point;
-  ListShares(mount_point_);
+  vol_id_ = info->vol_id;
+  ListShares();
 
   uint32_t mask = 0;
   for (const MonitorQueue& queue : GetMonitorQueues()) {
@@ -80,18 +83,13 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   return true;
 }
 
-void VolumeMgr::ListShares(std::string prefix) {
-  // The trailing "/" keeps /vol1 from claiming the shares of /vol10, and the
-  // volume's root from counting as a share.
-  if (prefix.empty() || prefix.back() != '/') prefix += '/';
+int ReadAllShares(int flags,
+                  std::vector<std::pair<std::string, std::string>>* out) {
   PYULO_SZ_LIST list = YULOSzListAlloc(1024);
-  if (list == nullptr) {
-    YULO_LOG_ALWAYS("ListShare malloc fail");
-    return;
-  }
-  if (YULOShareEnum(&list, kShareEnumFlags) < 0) {
+  if (list == nullptr) return kSharesNoMemory;
+  if (YULOShareEnum(&list, flags) < 0) {
     YULOSzListFree(list);
-    return;
+    return kSharesUnreadable;
   }
   for (int i = 0; i < YULOSzListCount(list); ++i) {
     const char* name = YULOSzListGet(list, i);
@@ -99,11 +97,36 @@ void VolumeMgr::ListShares(std::string prefix) {
     char path[kPathBufferSize];
     std::memset(path, 0, sizeof(path));
     if (YULOSharePathGet(name, path, sizeof(path)) != 0) continue;
-    if (std::strncmp(path, prefix.c_str(), prefix.size()) == 0) {
-      share_paths_.push_back(path);
-    }
+    out->emplace_back(name, path);
   }
   YULOSzListFree(list);
+  return 0;
+}
+
+void VolumeMgr::ListShares() {
+  std::vector<std::pair<std::string, std::string>> shares;
+  if (ReadAllShares(kShareEnumFlags, &shares) == kSharesNoMemory) {
+    YULO_LOG_ALWAYS("ListShare malloc fail");
+    return;
+  }
+  for (const auto& share : shares) {
+    if (OwnsPath(share.second)) share_paths_.push_back(share.second);
+  }
+}
+
+bool VolumeMgr::OwnsPath(const std::string& path) const {
+  // The trailing "/" keeps /vol1 from claiming the shares of /vol10, and the
+  // volume's root from counting as a share.
+  if (!ReceiverOwner::OwnsPath(path)) return false;
+  int vol_id = 0;
+  // When the table cannot tell, the mount point alone decides.
+  if (VolumePathParse(path.c_str(), &vol_id) > 0) return vol_id == vol_id_;
+  return true;
+}
+
+void VolumeMgr::RelistShares() {
+  share_paths_.clear();
+  ListShares();
 }
 
 bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
@@ -234,13 +257,13 @@ bool VolumeMgr::BuildInjected(uint32_t type, const std::string& path,
 }
 
 void VolumeMgr::MountShare(const std::string& share_name) {
-  const std::string path = mount_point_ + "/" + share_name;
+  const std::string path = JoinPath(mount_point_, share_name);
   share_paths_.push_back(path);
   receiver_->PostCommand(ReceiverCommand::kMountShare, path);
 }
 
 void VolumeMgr::UmountShare(const std::string& share_name) {
-  const std::string path = mount_point_ + "/" + share_name;
+  const std::string path = JoinPath(mount_point_, share_name);
   for (auto it = share_paths_.begin(); it != share_paths_.end(); ++it) {
     if (*it == path) {
       share_paths_.erase(it);
@@ -300,6 +323,7 @@ bool VolumeMgr::IsInitStart() {
 }
 
 bool VolumeMgr::IsRecovery() {
+  if (rescan_at_start_) return true;
   return context_ != nullptr &&
          context_->GetRunStatus() == RUN_STATUS_RECOVERY;
 }

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "notify/notify_event.h"
@@ -35,15 +36,34 @@ namespace YULOTIFYD {
 class EventProcessor;
 class EventReceiver;
 
+// ReadAllShares results besides 0.
+constexpr int kSharesNoMemory = -1;
+constexpr int kSharesUnreadable = -2;
+
+// Appends every share of the share configuration to `out` as (name, path),
+// in the configuration's order, enumerating with `flags` (passed to
+// YULOShareEnum). Returns 0, kSharesNoMemory or kSharesUnreadable (nothing
+// appended then). Any thread.
+int ReadAllShares(int flags,
+                  std::vector<std::pair<std::string, std::string>>* out);
+
 class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
   // The kernel event bits a volume ever asks for: modify, attrib,
   // close-write, both move halves, create and delete.
   static constexpr uint32_t kKernelMaskBits = 0x3ce;
+  // The flag word the daemon enumerates shares with (the platform
+  // library's to interpret).
+  static constexpr int kShareEnumFlags = 0xA09;
 
   // Sets the volume up from its information record and starts its threads.
-  // Throws the integer -1, after logging why, when that fails.
-  VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context);
+  // With `rescan_at_start` the processor requests a rescan of the volume
+  // when it starts, as after an unclean stop: for a volume that comes back
+  // after it went away while the daemon ran, since what changed on it
+  // meanwhile is unknown. Throws the integer -1, after logging why, when
+  // that fails.
+  VolumeMgr(const YULO_VOLUME_INFO* info, VolumeContext* context,
+            bool rescan_at_start = false);
   ~VolumeMgr() override;
 
   VolumeMgr(const VolumeMgr&) = delete;
@@ -79,12 +99,23 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool Drain(std::chrono::steady_clock::time_point deadline);
   // Has the processor take the events queued so far.
   void NotifyProcessor();
+  // Lists the volume's shares again (after the share configuration
+  // changed); shares added by MountShare are forgotten.
+  void RelistShares();
 
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
   bool IsInitStart();
+  // True after an unclean stop of the previous run, and for a manager made
+  // with `rescan_at_start`.
   bool IsRecovery() override;
   const std::string& GetMountPoint() const override { return mount_point_; }
+  // Whether `path` lies on this volume: below its mount point and on no
+  // other mounted volume of the volume table inside it (the deepest one
+  // wins, as for share commands; every other volume lies inside one
+  // mounted at "/"). Any thread.
+  bool OwnsPath(const std::string& path) const override;
+  int32_t GetVolumeId() const { return vol_id_; }
   const std::vector<std::string>& GetSharePaths() const {
     return share_paths_;
   }
@@ -108,7 +139,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
 
  private:
   bool Init(const YULO_VOLUME_INFO* info);
-  void ListShares(std::string prefix);
+  void ListShares();
   void FreeThreads();
   // Starts the processor's next pass now when a push of `pushed` events
   // brought the queue to `size_after` across the early-pass mark.
@@ -121,8 +152,10 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
                                  const std::string& root);
 
   std::string mount_point_;
+  int32_t vol_id_ = 0;
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
+  const bool rescan_at_start_;
   EventProcessor* processor_;
   // The processor once it runs: the receiver's thread reads it to wake it,
   // and it is set after that thread started.

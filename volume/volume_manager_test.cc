@@ -7,9 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "yulotifyd/thread.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -132,6 +135,38 @@ TEST_F(InjectTest, ShareRootIsAPlainPrefixInListOrder) {
   ASSERT_EQ(records_.size(), 1u);
   EXPECT_EQ(records_[0].watch, share_a_);
   EXPECT_EQ(records_[0].path, "b/f");
+}
+
+class FakeContext : public VolumeContext {
+ public:
+  std::vector<MonitorQueue> GetMonitorQueues() override { return {}; }
+  int32_t GetRunStatus() const override { return status; }
+  void PostReloadSemaphore() override {}
+  int32_t status = RUN_STATUS_STOPPED;
+};
+
+// A manager made for a volume that came back asks for a rescan at start
+// like one after an unclean stop; others only after an unclean stop.
+TEST(VolumeMgrRescanTest, RescanAtStartCountsAsRecovery) {
+  ASSERT_TRUE(Thread::InitThreadLock());
+  YULO_VOLUME_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  info.vol_id = 5;
+  std::strcpy(info.mount_point, "/nonexistent-yulo-volume");
+  FakeContext context;
+  {
+    VolumeMgr plain(&info, &context);
+    EXPECT_FALSE(plain.IsRecovery());
+    EXPECT_EQ(5, plain.GetVolumeId());
+    VolumeMgr back(&info, &context, /*rescan_at_start=*/true);
+    EXPECT_TRUE(back.IsRecovery());
+  }
+  context.status = RUN_STATUS_RECOVERY;
+  {
+    VolumeMgr plain(&info, &context);
+    EXPECT_TRUE(plain.IsRecovery());
+  }
+  Thread::DestroyThreadLock();
 }
 
 }  // namespace

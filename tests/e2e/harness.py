@@ -301,7 +301,9 @@ class Appliance:
     def add_volume(self, id: int, mount_point: str, kind: int = 0,
                    mounted: bool = True, size: str = "64m") -> dict:
         """Lists a volume in the volume table; `mounted` volumes get a tmpfs
-        at `mount_point` in the namespace when the appliance starts."""
+        at `mount_point` in the namespace when the appliance starts. A
+        volume at "/" makes a tmpfs the namespace's root, with every other
+        path carried over (see ns_launcher.setup_root_volume)."""
         if not mount_point.startswith("/"):
             raise HarnessError("mount point must be absolute: %r" % mount_point)
         volume = {"id": id, "kind": kind, "mount_point": mount_point,
@@ -331,6 +333,11 @@ class Appliance:
             self.dirs.append(path)
             if self.running:
                 self.run_in_ns(["mkdir", "-p", path])
+
+    def remove_share(self, name: str):
+        """Removes the share [name] from smb.conf (its directory stays)."""
+        self.shares = [s for s in self.shares if s[0] != name]
+        self.write_smb_conf()
 
     def write_smb_conf(self, text: Optional[str] = None):
         """Writes smb.conf: a [global] section and the added shares, or the
@@ -380,6 +387,10 @@ class Appliance:
         path.parent.mkdir(parents=True, exist_ok=True)
         _write(path, content)
         return path
+
+    def remove_queue_file(self, queue_type: Union[int, str], filename: str):
+        """Removes a configuration file."""
+        (self.conf_dir(queue_type) / filename).unlink()
 
     def write_run_status(self, content: Union[dict, list, str]):
         """Writes the run-status file: an object/list as JSON, or raw text."""
@@ -461,14 +472,20 @@ class Appliance:
                         "+" + c for c in self.capabilities),
                     "--inh-caps=-all", "--"] + argv
         self._ns_prefix = None
+        root_volume = [v for v in self.volumes
+                       if v["mounted"] and v["mount_point"].rstrip("/") == ""]
         config = {
+            "root_volume": ({"stage": str(self.root / "root-stage"),
+                             "size": root_volume[0]["size"]}
+                            if root_volume else None),
             "binds": [[str(self.run_dir), "/run"],
                       [str(self.etc_dir), "/usr/yulo/etc"],
                       [str(self.samba_dir), "/etc/samba"]],
             "file_binds": [[str(group_file), "/etc/group"]],
             "dev": {"stage": str(dev_stage), "log_socket": str(self._log.path)},
             "volumes": [{"mount_point": v["mount_point"], "size": v["size"]}
-                        for v in self.volumes if v["mounted"]],
+                        for v in self.volumes
+                        if v["mounted"] and v["mount_point"].rstrip("/")],
             "dirs": [d for d in self.dirs if self._on_mounted_volume(d)],
             "env": env,
             "argv": argv,
@@ -563,7 +580,7 @@ class Appliance:
         """Whether `path` lies on a tmpfs volume of this appliance, where
         making it cannot touch the host's file system."""
         for v in self.volumes:
-            mp = v["mount_point"].rstrip("/")
+            mp = v["mount_point"].rstrip("/")  # "" for a volume at "/"
             if v["mounted"] and path.startswith(mp + "/"):
                 return True
         return False
@@ -690,15 +707,59 @@ class Appliance:
             raise HarnessError("path must be absolute: %r" % path)
         return Path("/proc/%d/root%s" % (self.pid, path))
 
-    def mount_volume(self, mount_point: str, size: str = "64m"):
-        """Mounts a tmpfs at `mount_point` inside the running namespace."""
-        self.run_in_ns(["mkdir", "-p", mount_point])
-        self.run_in_ns(["mount", "-t", "tmpfs", "-o",
-                        "mode=0755,size=%s" % size, "tmpfs", mount_point])
+    def mount_volume(self, mount_point: str, size: str = "64m",
+                     dirs: Optional[List[str]] = None):
+        """Mounts a tmpfs at `mount_point` inside the running namespace.
 
-    def umount_volume(self, mount_point: str):
-        """Unmounts `mount_point` inside the running namespace."""
-        self.run_in_ns(["umount", mount_point])
+        With `dirs` (absolute paths below the mount point, e.g. its shares)
+        the tmpfs is filled first and then moved into place, so the volume
+        appears at once with those directories, as a real data volume
+        would.
+        """
+        self.run_in_ns(["mkdir", "-p", mount_point])
+        self.run_in_ns(["sh", "-c", " && ".join(
+            self._mount_commands(mount_point, size, dirs))])
+
+    def _mount_commands(self, mount_point: str, size: str,
+                        dirs: Optional[List[str]]) -> List[str]:
+        """Shell commands mounting a tmpfs at `mount_point`, with `dirs`."""
+        options = "mode=0755,size=%s" % size
+        if not dirs:
+            return ["mount -t tmpfs -o %s tmpfs %s" % (options,
+                                                       _sh(mount_point))]
+        stage = str(self.root / "mount-stage")
+        base = mount_point.rstrip("/")
+        commands = ["mkdir -p %s" % _sh(stage),
+                    "mount -t tmpfs -o %s tmpfs %s" % (options, _sh(stage))]
+        for d in dirs:
+            if not d.startswith(base + "/"):
+                raise HarnessError("%r is not below %r" % (d, mount_point))
+            commands.append("mkdir -p %s" % _sh(stage + d[len(base):]))
+        commands.append("mount --move %s %s" % (_sh(stage), _sh(mount_point)))
+        return commands
+
+    def umount_volume(self, mount_point: str, check: bool = True
+                      ) -> subprocess.CompletedProcess:
+        """Unmounts `mount_point` inside the running namespace (a plain
+        umount: it fails while anything keeps the volume busy)."""
+        return self.run_in_ns(["umount", mount_point], check=check)
+
+    def remount_volume(self, mount_point: str, size: str = "64m",
+                       dirs: Optional[List[str]] = None):
+        """Unmounts `mount_point` and mounts a fresh tmpfs there (with
+        `dirs`, as mount_volume) in one go, quicker than the daemon looks."""
+        commands = (["umount %s" % _sh(mount_point)] +
+                    self._mount_commands(mount_point, size, dirs))
+        self.run_in_ns(["sh", "-c", " && ".join(commands)])
+
+    def replace_file(self, path: Union[str, Path],
+                     content: Union[dict, list, str]):
+        """Replaces a file the way careful writers do: writes a temporary
+        file beside it, then renames it over the file."""
+        path = Path(path)
+        temporary = path.with_name(".%s.tmp" % path.name)
+        _write(temporary, content)
+        os.rename(temporary, path)
 
     # ------------------------------------------------------------------
     # Observations: syslog lines and service-manager notifications.
@@ -809,6 +870,11 @@ def monitor(share: str, dir: str = "/", recursive: bool = True,
     if events is not None:
         entry["events"] = events
     return entry
+
+
+def _sh(word: str) -> str:
+    """`word` quoted for sh."""
+    return "'" + word.replace("'", "'\\''") + "'"
 
 
 def _write(path: Path, content):

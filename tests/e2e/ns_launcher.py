@@ -8,7 +8,9 @@ Run by the harness as
 so every mount made here is private to the namespace and vanishes with it.
 CONFIG is a JSON file written by harness.Appliance:
 
-    {"binds":   [[host_dir, target_dir], ...],   bind-mounted in this order
+    {"root_volume": {"stage": empty_dir, "size": "64m"},   optional, first:
+                                                  a tmpfs becomes "/"
+     "binds":   [[host_dir, target_dir], ...],   bind-mounted in this order
      "file_binds": [[host_file, target_file], ...],  files bound over files
      "dev":     {"stage": empty_dir, "log_socket": host_path},
                                                   tmpfs /dev, socket at /dev/log
@@ -34,6 +36,7 @@ import json
 import os
 import signal
 import stat
+import subprocess
 import sys
 
 MS_NOSUID = 0x2
@@ -41,12 +44,14 @@ MS_NOEXEC = 0x8
 MS_BIND = 0x1000
 MS_REC = 0x4000
 MS_MOVE = 0x2000
+MNT_DETACH = 0x2
 
 EXIT_SETUP_FAILED = 100
 
 _libc = ctypes.CDLL(ctypes.util.find_library("c") or "libc.so.6", use_errno=True)
 _libc.mount.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p,
                         ctypes.c_ulong, ctypes.c_char_p]
+_libc.umount2.argtypes = [ctypes.c_char_p, ctypes.c_int]
 
 
 class SetupError(Exception):
@@ -112,7 +117,43 @@ def setup_dev(stage, log_socket):
     mount(stage, "/dev", None, MS_MOVE)
 
 
+def setup_root_volume(stage, size):
+    """Makes a fresh tmpfs the namespace's "/", as a data volume mounted at
+    "/" would be, while every other path stays where it was.
+
+    Each top-level entry of the old root is carried over: directories are
+    bind-mounted (recursively) into the tmpfs, symbolic links copied. Then
+    the tmpfs becomes the root (pivot_root) and the old root is detached.
+    What is created right in "/" afterwards lies on the tmpfs.
+    """
+    os.makedirs(stage, exist_ok=True)
+    mount("tmpfs", stage, "tmpfs", 0, "mode=0755,size=%s" % size)
+    for name in sorted(os.listdir("/")):
+        source = "/" + name
+        target = os.path.join(stage, name)
+        if os.path.islink(source):
+            os.symlink(os.readlink(source), target)
+        elif os.path.isdir(source):
+            os.mkdir(target)
+            bind(source, target)
+    put_old = os.path.join(stage, ".old-root")
+    os.mkdir(put_old)
+    result = subprocess.run(["pivot_root", stage, put_old],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    if result.returncode != 0:
+        raise SetupError("pivot_root %s: %s" % (
+            stage, result.stdout.decode(errors="replace").strip()))
+    os.chdir("/")
+    if _libc.umount2(b"/.old-root", MNT_DETACH) != 0:
+        raise SetupError("umount /.old-root: %s"
+                         % os.strerror(ctypes.get_errno()))
+    os.rmdir("/.old-root")
+
+
 def setup(config):
+    root_volume = config.get("root_volume")
+    if root_volume is not None:
+        setup_root_volume(root_volume["stage"], root_volume.get("size", "64m"))
     for source, target in config.get("binds", []):
         if not os.path.isdir(target):
             raise SetupError("bind target %s is not a directory" % target)

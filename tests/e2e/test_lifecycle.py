@@ -348,12 +348,20 @@ def _read(app):
     (app.conf_dir("system") / "10-indexer.json").read_text()
 
 
+def _move_out(app):
+    (app.conf_dir("app") / "old.json").rename(app.root / "moved-out.json")
+
+
+def _replace(app):
+    d = app.conf_dir("system")
+    (d / "10-indexer.json.new").write_text(
+        (d / "10-indexer.json").read_text())
+    (d / "10-indexer.json.new").rename(d / "10-indexer.json")
+
+
 NO_RELOAD_ACTIONS = {
     "mkdir": _mkdir,
     "rmdir": _rmdir,
-    "remove-file": _remove,
-    "rename-file": _rename,
-    "move-file-in": _move_in,
     "hard-link": _hard_link,
     "symlink": _symlink,
     "chmod": _chmod,
@@ -361,14 +369,38 @@ NO_RELOAD_ACTIONS = {
 }
 
 
-@pytest.mark.parametrize("action", list(NO_RELOAD_ACTIONS))
-def test_config_change_without_write_does_not_reload(appliance, action):
-    # Everything the actions need exists before the daemon starts.
+# Each replaces, renames or removes a configuration file: one reload each.
+RELOAD_ACTIONS = {
+    "remove-file": _remove,
+    "rename-file": _rename,
+    "move-file-in": _move_in,
+    "move-file-out": _move_out,
+    "replace-by-rename": _replace,
+}
+
+
+def prepare_config_actions(appliance):
+    """Everything the actions need, made before the daemon starts."""
     (appliance.conf_dir("system") / "old-dir").mkdir(parents=True)
     appliance.add_queue("app", "old.json", monitors=[monitor("Public")])
     appliance.add_queue("system", "50-rename.json", monitors=[monitor("Public")])
     (appliance.root / "outside.json").write_text(json.dumps(
         {"queue": str(appliance.queue_path("unused.queue")), "monitors": []}))
+
+
+@pytest.mark.parametrize("action", list(RELOAD_ACTIONS))
+def test_config_file_renamed_or_removed_reloads_once(appliance, action):
+    prepare_config_actions(appliance)
+    app = started_with_reload_probe(appliance)
+    RELOAD_ACTIONS[action](app)
+    assert_loads(app, 2)
+    app.signal(signal.SIGTERM)
+    assert_clean_exit(app)
+
+
+@pytest.mark.parametrize("action", list(NO_RELOAD_ACTIONS))
+def test_config_change_without_write_does_not_reload(appliance, action):
+    prepare_config_actions(appliance)
     app = started_with_reload_probe(appliance)
 
     NO_RELOAD_ACTIONS[action](app)
