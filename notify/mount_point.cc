@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "lib/errno_text.h"
 #include "notify/unique_fd.h"
 #include "notify/yulotify_log.h"
 #include "yulotifyd/log.h"
