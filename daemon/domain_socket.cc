@@ -150,6 +150,11 @@ void Daemon::HandleDomainSocket() {
     YULO_LOG_DEBUG("Replying socket: %d", reply);
     return;
   }
+  HandleConnection(conn);
+}
+
+int32_t Daemon::HandleConnection(int conn) {
+  int32_t reply = -1;
   const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
   // The reply is 4 bytes into an empty socket buffer; this only guards
   // against the unthinkable.
@@ -203,6 +208,7 @@ void Daemon::HandleDomainSocket() {
   ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
   (void)ignored;
   close(conn);
+  return reply;
 }
 
 // Carries out one command. Returns the reply, or kMalformed when a member has
