@@ -33,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/errno_text.h"
 #include "notify/fanotify_translator.h"
 #include "notify/raw_record.h"
 #include "notify/testing/fake_backend.h"

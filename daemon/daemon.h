@@ -81,6 +81,13 @@ class Daemon : public VolumeContext {
   // The handler installed for SIGTERM and SIGINT.
   static void KillHandler(int signo);
 
+  // Serves one accepted control connection `conn`: reads one request,
+  // carries it out, sends the reply and closes `conn`. Returns the reply (0
+  // or -1). The main loop calls it for every connection it accepts; it is
+  // public so that a client can be served over any connected stream socket
+  // (a socketpair in tests and the fuzzer) without a listening socket.
+  int32_t HandleConnection(int conn);
+
  private:
   void MainLoop();
   void Cleanup();

@@ -242,6 +242,11 @@ void Daemon::HandleDomainSocket() {
     close(conn);
     return;
   }
+  HandleConnection(conn);
+}
+
+int32_t Daemon::HandleConnection(int conn) {
+  int32_t reply = -1;
   const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
   // The reply is 4 bytes into an empty socket buffer; this only guards
   // against the unthinkable.
@@ -295,6 +300,7 @@ void Daemon::HandleDomainSocket() {
   ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
   (void)ignored;
   close(conn);
+  return reply;
 }
 
 // Whether the caller at the other end of `conn` may drive the daemon: root,

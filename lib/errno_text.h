@@ -1,4 +1,5 @@
-// Small helpers shared by the library's sources; not installed.
+// Small helpers shared by the library's sources and by the daemon's kernel
+// notification layer (notify/), which links the library; not installed.
 #ifndef YULOTIFYD_LIB_ERRNO_TEXT_H_
 #define YULOTIFYD_LIB_ERRNO_TEXT_H_
 

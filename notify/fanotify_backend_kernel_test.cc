@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/errno_text.h"
 #include "notify/fanotify_backend.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
+#include "lib/errno_text.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
-#include "notify/unique_fd.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "lib/errno_text.h"
 #include "notify/unique_fd.h"
 #include "notify/yulotify_log.h"
 #include "yulotifyd/log.h"

@@ -1,6 +1,5 @@
 #include "notify/unique_fd.h"
 
-#include <string.h>
 #include <unistd.h>
 
 namespace YULO {
@@ -13,12 +12,6 @@ void UniqueFd::Reset(int fd) {
     errno = saved_errno;
   }
   fd_ = fd;
-}
-
-std::string ErrnoText(int err) {
-  char buf[256];
-  // GNU strerror_r: returns either buf or a static string.
-  return std::string(strerror_r(err, buf, sizeof(buf)));
 }
 
 }  // namespace YULOTIFYD

@@ -5,7 +5,8 @@
 // Thread-safety: none; one owner, one thread at a time.
 //
 // Also here: RetryOnEintr, which repeats a system call interrupted by a
-// signal, and ErrnoText, a thread-safe strerror.
+// signal. (The thread-safe strerror, ErrnoText, is libyulotifyd's:
+// lib/errno_text.h.)
 #ifndef YULOTIFYD_NOTIFY_UNIQUE_FD_H_
 #define YULOTIFYD_NOTIFY_UNIQUE_FD_H_
 
@@ -56,9 +57,6 @@ auto RetryOnEintr(Call call) -> decltype(call()) {
   } while (result == -1 && errno == EINTR);
   return result;
 }
-
-// strerror(err), safe to call from any thread.
-std::string ErrnoText(int err);
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

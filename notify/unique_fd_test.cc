@@ -6,6 +6,8 @@
 
 #include <utility>
 
+#include "lib/errno_text.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace {

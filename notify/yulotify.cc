@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "notify/unique_fd.h"
+#include "lib/errno_text.h"
 #include "notify/yulotify_log.h"
 #include "yulotifyd/log.h"
 

@@ -5,6 +5,7 @@ set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 packages=(
   build-essential cmake pkg-config
+  clang libclang-rt-14-dev
   libjsoncpp-dev libsystemd-dev libinih-dev
   googletest libgtest-dev libgmock-dev
   python3 python3-pytest

@@ -3,7 +3,9 @@
 # TSan) and runs every test: the unit tests of each build, and the
 # end-to-end tests against the installed plain build (and the pipeline ones
 # against the TSan build). Run as root: the tests
-# mount file systems in private mount namespaces and use fanotify.
+# mount file systems in private mount namespaces and use fanotify. Last, a
+# fourth build with clang runs every fuzz target over its corpus and then
+# fuzzes each for 30 seconds (fuzz/README.md).
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 cd "$here"
@@ -41,5 +43,19 @@ TSAN_OPTIONS=halt_on_error=0 YULOTIFYD_PREFIX="$out/tsan-install" \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider \
   "$here/tests/e2e/test_pipeline.py" "$here/tests/e2e/test_control_pipeline.py" \
   "$here/tests/e2e/test_stop.py" "$here/tests/e2e/test_follow.py"
+
+# The fuzz targets (clang, libFuzzer with ASan+UBSan): each corpus input
+# once, which replays the inputs of every finding fixed so far, then 30
+# seconds of fuzzing per target, two at a time, on copies of the corpora.
+echo "== fuzz build"
+CC=clang CXX=clang++ cmake -S "$here" -B "$out/fuzz" -DYULOTIFYD_FUZZ=ON \
+  -DYULOTIFYD_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$out/fuzz" --target yulo_fuzzers -j2
+(cd "$out/fuzz" && ctest --output-on-failure -j2)
+
+echo "== fuzz targets, 30 s each"
+rm -rf "$out/fuzz-work"
+YULOTIFYD_FUZZ_BUILD="$out/fuzz" YULOTIFYD_FUZZ_WORK="$out/fuzz-work" \
+  YULOTIFYD_FUZZ_JOBS=2 bash "$here/fuzz/run.sh" 30
 
 echo "== all tests passed"

@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "lib/errno_text.h"
 #include "notify/testing/scratch_mounts.h"
 #include "notify/unique_fd.h"
 

@@ -11,6 +11,8 @@
 
 #include <algorithm>
 
+#include "lib/errno_text.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace testing {
