@@ -118,6 +118,7 @@ void Daemon::HandleInotify() {
 }
 
 void Daemon::ReloadMonitorQueues() {
+  NotifyState("reloading");
   // Events queued under the old configuration are taken by the processors
   // before the new one is loaded.
   for (auto& entry : volume_mgrs) entry.second->NotifyProcessor();
@@ -130,6 +131,7 @@ void Daemon::ReloadMonitorQueues() {
     }
   }
   DestroyReloadSemaphore();
+  NotifyWatching();
 }
 
 void Daemon::CreateReloadSemaphore() {

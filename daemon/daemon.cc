@@ -67,6 +67,7 @@ void Daemon::KillHandler(int signo) {
 }
 
 void Daemon::Run() {
+  started_ = std::chrono::steady_clock::now();
   umask(0);
   // Queue files of subscriptions not owned by root are written with their
   // owners' file-system ids, and supplementary groups would count in those
@@ -113,6 +114,8 @@ void Daemon::Run() {
     if (run_status == RUN_STATUS_UNSET || monitor_queues.empty()) {
       YULO_LOG_INFO("no run status or no monitor config(%zd), stop",
                     static_cast<ssize_t>(monitor_queues.size()));
+      // Said where "systemctl status" shows it, not only at info level.
+      if (monitor_queues.empty()) NotifyState("no monitor queue configured");
       break;
     }
     if (!SetupDomainSocket()) {
@@ -128,6 +131,7 @@ void Daemon::Run() {
     SetupFollow();
     if (!SetupVolumeMgr()) {
       YULO_LOG_ALWAYS("SetupVolumeMgr failed");
+      NotifyState("no volume mounted");
       break;
     }
     YULO_LOG_INFO("Volume manager setup done ...");
@@ -140,7 +144,9 @@ void Daemon::Run() {
 
   if (ready) {
     sd_notifyf(0, "READY=1");
+    NotifyWatching();
     MainLoop();
+    NotifyState("stopping: writing what was read");
   }
   Cleanup();
 }
@@ -153,6 +159,8 @@ void Daemon::MainLoop() {
   pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
   sigdelset(&wait_mask, SIGTERM);
   sigdelset(&wait_mask, SIGINT);
+  // Volumes and monitor queues as last told to the service manager.
+  std::pair<size_t, size_t> shown(volume_mgrs.size(), monitor_queues.size());
   for (;;) {
     if (g_stop_flag.load()) return;
     YULO_LOG_DEBUG("Daemon alive ...");
@@ -178,6 +186,12 @@ void Daemon::MainLoop() {
       sources_.Handle(readable, exceptional, MonotonicMillis());
     }
     FollowSources();
+    // What the service manager shows follows what is watched.
+    const auto watching = std::make_pair(volume_mgrs.size(), monitor_queues.size());
+    if (watching != shown) {
+      NotifyWatching();
+      shown = watching;
+    }
   }
 }
 

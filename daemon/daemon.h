@@ -24,6 +24,7 @@
 #include <json/json.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <set>
 #include <string>
@@ -118,6 +119,14 @@ class Daemon : public VolumeContext {
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
   int32_t Dispatch(const std::string& type, const Json::Value& data);
 
+  // Status ("status" command, STATUS= lines).
+  // What the daemon watches and counts, as the "status" reply's object.
+  Json::Value BuildStatus();
+  // Tells the service manager the daemon's state in one line (STATUS=).
+  static void NotifyState(const std::string& text);
+  // "watching N volumes, M monitor queues".
+  void NotifyWatching();
+
   // Volume manager registry. Mount points are compared normalised.
   bool SetupVolumeMgr();
   // Refuses (false) a volume id that has a manager already.
@@ -154,6 +163,11 @@ class Daemon : public VolumeContext {
   std::map<int32_t, VolumeMgr*> volume_mgrs;
   std::vector<MonitorQueue> monitor_queues;
   int32_t run_status;
+  // When Run started, for the uptime.
+  std::chrono::steady_clock::time_point started_;
+  // The object a "status" command answers with after its 0, as text; empty
+  // for every other command.
+  std::string reply_payload_;
   // "running" was written at start: only a complete clean stop may replace
   // it with "stop".
   bool marked_running_;

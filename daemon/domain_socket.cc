@@ -113,6 +113,22 @@ bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
   return true;
 }
 
+// Sends all of `data`, carrying on after short sends and interruptions;
+// false when the client is gone or the send time-out passed.
+bool SendAll(int fd, const void* data, size_t size) {
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
 }  // namespace
 
 bool Daemon::SetupDomainSocket() {
@@ -299,6 +315,15 @@ int32_t Daemon::HandleConnection(int conn) {
   // the process ignores it.
   ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
   (void)ignored;
+  if (reply == 0 && !reply_payload_.empty()) {
+    // "status": its object follows, as an 8-byte length and the text. The
+    // send time-out bounds what a client that stops reading can cost.
+    const uint64_t length = reply_payload_.size();
+    if (SendAll(conn, &length, sizeof(length))) {
+      SendAll(conn, reply_payload_.data(), reply_payload_.size());
+    }
+  }
+  reply_payload_.clear();
   close(conn);
   return reply;
 }
@@ -334,6 +359,10 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
       YULO_LOG_ALWAYS("Unknown log level: %s", level.c_str());
       return -1;
     }
+    return 0;
+  }
+  if (type == "status") {
+    reply_payload_ = toString(BuildStatus());
     return 0;
   }
   if (type == "notify") {

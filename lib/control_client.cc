@@ -83,19 +83,19 @@ ControlResult Failure(Status status, int error, std::string message) {
 bool IsTimeout(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
 
 // Reads the 4-byte reply. Fills `result` either way.
-void ReadReply(int fd, const Deadline& deadline, const std::string& path,
-               ControlResult* result) {
-  int32_t reply = 0;
-  char* out = reinterpret_cast<char*>(&reply);
+// Reads exactly `size` bytes into `out` within the deadline. On failure
+// fills `result` and returns false.
+bool ReadExact(int fd, const Deadline& deadline, const std::string& path,
+               char* out, size_t size, ControlResult* result) {
   size_t done = 0;
-  while (done < sizeof(reply)) {
+  while (done < size) {
     if (!deadline.Arm(fd, SO_RCVTIMEO)) {
       const int err = errno;
       *result = Failure(Status::kTimedOut, err,
                         "no reply from " + path + " in time");
-      return;
+      return false;
     }
-    const ssize_t n = recv(fd, out + done, sizeof(reply) - done, 0);
+    const ssize_t n = recv(fd, out + done, size - done, 0);
     if (n > 0) {
       done += static_cast<size_t>(n);
       continue;
@@ -104,7 +104,7 @@ void ReadReply(int fd, const Deadline& deadline, const std::string& path,
     if (n == 0) {
       *result = Failure(Status::kNoReply, 0,
                         path + " closed the connection without a reply");
-      return;
+      return false;
     }
     const int err = errno;
     if (IsTimeout(err)) {
@@ -115,6 +115,16 @@ void ReadReply(int fd, const Deadline& deadline, const std::string& path,
                         "cannot read the reply from " + path + ": " +
                             ErrnoText(err));
     }
+    return false;
+  }
+  return true;
+}
+
+void ReadReply(int fd, const Deadline& deadline, const std::string& path,
+               ControlResult* result) {
+  int32_t reply = 0;
+  if (!ReadExact(fd, deadline, path, reinterpret_cast<char*>(&reply),
+                 sizeof(reply), result)) {
     return;
   }
   result->status = Status::kAnswered;
@@ -187,6 +197,11 @@ ControlClient::ControlClient(std::string socket_path, int timeout_ms)
     : socket_path_(std::move(socket_path)), timeout_ms_(timeout_ms) {}
 
 ControlResult ControlClient::SendRaw(const std::string& text) const {
+  return Exchange(text, nullptr);
+}
+
+ControlResult ControlClient::Exchange(const std::string& text,
+                                      std::string* payload) const {
   const std::string& path = socket_path_;
   if (text.find('\0') != std::string::npos) {
     return Failure(Status::kInvalidRequest, EINVAL,
@@ -277,7 +292,37 @@ ControlResult ControlClient::SendRaw(const std::string& text) const {
                        ErrnoText(err));
   }
   ReadReply(fd.get(), deadline, path, &result);
+  if (payload != nullptr && result.ok()) {
+    // A reply with an object behind it: 8-byte length, then the text.
+    uint64_t size = 0;
+    if (!ReadExact(fd.get(), deadline, path, reinterpret_cast<char*>(&size),
+                   sizeof(size), &result)) {
+      return result;
+    }
+    if (size > kMaxPayloadLength) {
+      return Failure(Status::kNoReply, EMSGSIZE,
+                     path + " sent a reply of " + std::to_string(size) +
+                         " bytes, more than a client takes");
+    }
+    payload->assign(static_cast<size_t>(size), '\0');
+    if (!ReadExact(fd.get(), deadline, path, &(*payload)[0], payload->size(),
+                   &result)) {
+      return result;
+    }
+  }
   return CheckRefusal(path, result);
+}
+
+ControlResult ControlClient::Status(Json::Value* status) const {
+  std::string text;
+  ControlResult result = Exchange(MakeCommand("status", Json::Value(Json::objectValue)),
+                                  &text);
+  if (!result.ok()) return result;
+  if (!fromString(text, *status) || !status->isObject()) {
+    return Failure(Status::kNoReply, EPROTO,
+                   socket_path_ + " sent a status that is not a JSON object");
+  }
+  return result;
 }
 
 std::string ControlClient::MakeCommand(const std::string& type,

@@ -44,6 +44,7 @@
 #ifndef YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
 #define YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -89,6 +90,7 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   // Whether moves are reported with FAN_RENAME (known after the first
   // successful AddWatch in kAuto mode).
   bool rename_events() const { return rename_events_; }
+  bool PairsRenames() const override { return rename_events_; }
   const FanotifyTranslator& translator() const { return translator_; }
 
  private:
@@ -110,7 +112,8 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
 
   Options options_;
   UniqueFd fd_;
-  bool rename_events_ = true;
+  // Written by the reading thread, read by anyone (diagnostics).
+  std::atomic<bool> rename_events_{true};
   bool move_mode_known_ = false;
   uint32_t event_mask_ = 0;
   uint64_t next_order_ = 0;

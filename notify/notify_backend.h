@@ -37,6 +37,11 @@ class NotifyBackend {
   // Short name for logs and diagnostics ("appliance", "fanotify", ...).
   virtual const char* Name() const = 0;
 
+  // Whether a rename comes as two halves sharing a cookie (so that it can
+  // become one move line) rather than as unrelated halves. Callable from
+  // any thread.
+  virtual bool PairsRenames() const { return true; }
+
   // Opens the notification instance. Returns its descriptor (>= 0), or -1
   // with errno. REQUIRES: called once, before any other call.
   virtual int Init() = 0;

@@ -118,6 +118,7 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
         // volume.
         YULO_LOG_ALWAYS("Recieve overflow event vol: %s",
                         source_->GetMountPoint().c_str());
+        kernel_overflows_.fetch_add(1, std::memory_order_relaxed);
         SendRescan(snapshot);
         break;
       }
@@ -141,6 +142,23 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
     throw;
   }
   pending_.clear();
+}
+
+std::vector<QueueFileStatus> EventProcessor::GetQueueFileStatus() {
+  StateGuard guard(this);
+  std::vector<QueueFileStatus> files;
+  for (const auto& entry : outboxes_) {
+    const QueueOutbox& outbox = *entry.second;
+    QueueFileStatus file;
+    file.path = outbox.path();
+    file.lines_written = outbox.lines_written();
+    file.lines_kept = outbox.LineCount();
+    file.state = outbox.state();
+    file.last_error = outbox.last_error();
+    file.last_error_time = outbox.last_error_time();
+    files.push_back(std::move(file));
+  }
+  return files;
 }
 
 unsigned EventProcessor::NextPauseMs() {
@@ -200,7 +218,10 @@ void EventProcessor::BindOutboxes(const std::vector<MonitorQueue>& snapshot) {
 void EventProcessor::FlushOutboxes(const std::vector<MonitorQueue>& snapshot) {
   for (auto it = outboxes_.begin(); it != outboxes_.end();) {
     QueueOutbox* outbox = it->second.get();
+    const uint64_t before = outbox->lines_written();
     outbox->AppendToQueue(snapshot, *ops_);
+    lines_written_.fetch_add(outbox->lines_written() - before,
+                             std::memory_order_relaxed);
     // An outbox that is empty and no longer named by any queue goes; one
     // still holding lines stays until they are written or summed up.
     if (outbox->empty() &&
@@ -214,6 +235,9 @@ void EventProcessor::FlushOutboxes(const std::vector<MonitorQueue>& snapshot) {
 
 void EventProcessor::SendEvent(uint32_t code, const std::string& path,
                                bool is_dir, size_t queue_index) {
+  if (code & QUEUE_EVENT_RESCAN) {
+    rescan_lines_.fetch_add(1, std::memory_order_relaxed);
+  }
   line_.clear();
   AppendQueueLine(line_, code, path, is_dir);
   targets_[queue_index]->AddLine(line_);

@@ -36,6 +36,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <string>
@@ -54,6 +55,16 @@
 
 namespace YULO {
 namespace YULOTIFYD {
+
+// What a processor reports about one queue file it writes.
+struct QueueFileStatus {
+  std::string path;
+  uint64_t lines_written = 0;
+  size_t lines_kept = 0;
+  QueueOutbox::State state = QueueOutbox::State::kOk;
+  std::string last_error;
+  time_t last_error_time = 0;
+};
 
 class EventProcessor : public Thread {
  public:
@@ -99,6 +110,14 @@ class EventProcessor : public Thread {
 
   // Lines held in the outboxes for files that have not taken them yet.
   size_t KeptLineCount();
+
+  // Counters since the processor was made; any thread, no lock.
+  uint64_t LinesWritten() const { return lines_written_.load(); }
+  uint64_t KernelOverflows() const { return kernel_overflows_.load(); }
+  uint64_t RescanLines() const { return rescan_lines_.load(); }
+  // The queue files this processor writes or keeps lines for, by path.
+  // Waits for a pass under way to end.
+  std::vector<QueueFileStatus> GetQueueFileStatus();
 
   // Stops the thread without waiting for it, as Thread::RequestStop, but has
   // it first write everything: one more pass over all the events queued by
@@ -163,6 +182,9 @@ class EventProcessor : public Thread {
   size_t last_pass_events_ = 0;
   // A pass ran out of memory and no pass has completed since.
   bool out_of_memory_ = false;
+  std::atomic<uint64_t> lines_written_{0};
+  std::atomic<uint64_t> kernel_overflows_{0};
+  std::atomic<uint64_t> rescan_lines_{0};
   // 1 while FetchEvents runs, else 0. Both fetch paths test it; with the
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;

@@ -30,6 +30,7 @@
 #include "yulotifyd/control_client.h"
 #include "yulotifyd/monitor_queue.h"
 #include "yulotifyd/queue_consumer.h"
+#include "tools/status_format.h"
 
 namespace {
 
@@ -77,6 +78,7 @@ const char kGeneralHelp[] =
     "  mount-volume MOUNT_POINT     a volume was mounted\n"
     "  umount-volume MOUNT_POINT    a volume was unmounted\n"
     "  send JSON                    send a raw command text\n"
+    "  status [--json|--prometheus] what the daemon watches and counts\n"
     "\n"
     "Local commands:\n"
     "  consume QUEUE_FILE [--follow] [--interval MS]\n"
@@ -153,6 +155,21 @@ const char kSendHelp[] =
     "\"data\": {\"log_level\": \"info\"}}'\n"
     "The text is not checked here; the daemon answers -1 to anything it\n"
     "cannot carry out.\n";
+
+const char kStatusHelp[] =
+    "usage: yulotifyctl [--socket PATH] status [--json | --prometheus]\n"
+    "\n"
+    "Asks the daemon what it watches and counts: its version, uptime, kernel\n"
+    "backend and log level; per volume the watched shares, events read and\n"
+    "queued, lines written, kernel overflows and rescan lines; per queue file\n"
+    "the lines written and kept, its state (ok, busy, failing, reset) and\n"
+    "its last error. A table by default.\n"
+    "\n"
+    "  --json        the daemon's object as it came\n"
+    "  --prometheus  the counters in the Prometheus text format, for\n"
+    "                node_exporter's textfile collector\n"
+    "\n"
+    "Exit status 0 when the daemon answered, 3 when it cannot be reached.\n";
 
 const char kConsumeHelp[] =
     "usage: yulotifyctl consume QUEUE_FILE [--follow] [--interval MS]\n"
@@ -316,6 +333,9 @@ std::string RefusalHint(const std::string& type) {
   }
   if (type == "set_log_level") {
     return "the daemon does not know that level";
+  }
+  if (type == "status") {
+    return "a yulotifyd too old to know the status command?";
   }
   return "the daemon's syslog says why";
 }
@@ -695,6 +715,29 @@ struct Command {
   std::function<int(const Globals&, const Args&)> run;
 };
 
+int RunStatus(const Globals& globals, const Args& args) {
+  const std::string cmd = "status";
+  if (!args.positional.empty()) return UsageError(cmd, "takes no arguments");
+  const bool json = args.options.count("--json") != 0;
+  const bool prometheus = args.options.count("--prometheus") != 0;
+  if (json && prometheus) {
+    return UsageError(cmd, "--json and --prometheus exclude each other");
+  }
+  const ControlClient client(globals.socket_path, globals.timeout_ms);
+  Json::Value status;
+  const ControlResult result = client.Status(&status);
+  if (!result.ok()) return Report(client, "status", result);
+  if (json) {
+    std::cout << status.toStyledString();
+  } else if (prometheus) {
+    std::cout << YULO::YULOTIFYD::StatusPrometheus(status);
+  } else {
+    std::cout << YULO::YULOTIFYD::StatusTable(status);
+  }
+  std::cout.flush();
+  return std::cout.good() ? kExitOk : kExitFailed;
+}
+
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
       {"set-log-level", kSetLogLevelHelp, {}, {}, true, RunSetLogLevel},
@@ -720,6 +763,7 @@ const std::vector<Command>& Commands() {
                                "mount_point", "MOUNT_POINT");
        }},
       {"send", kSendHelp, {}, {}, true, RunSend},
+      {"status", kStatusHelp, {"--json", "--prometheus"}, {}, true, RunStatus},
       {"consume", kConsumeHelp, {"--follow"},
        {"--interval", "--lock-timeout"}, false,
        [](const Globals&, const Args& a) { return RunConsume(a); }},

@@ -131,6 +131,7 @@ void VolumeMgr::RelistShares() {
 
 bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
   size_t size_after = 0;
+  events_read_.fetch_add(1, std::memory_order_relaxed);
   if (queue_.Push(event, &size_after)) {
     WakeProcessorIfBusy(1, size_after);
     return true;
@@ -147,6 +148,7 @@ bool VolumeMgr::CrossesEarlyPassMark(size_t pushed, size_t size_after) {
 bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
   size_t size_after = 0;
   const size_t pushed = events.size();
+  events_read_.fetch_add(pushed, std::memory_order_relaxed);
   if (queue_.PushAll(events, &size_after)) {
     WakeProcessorIfBusy(pushed, size_after);
     return true;
@@ -208,7 +210,14 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
   if (!records.empty()) {
     PackedEvents packed;
     for (const NotifyEvent& record : records) packed.Push(record);
-    EnqueueEvents(packed);
+    events_injected_.fetch_add(packed.size(), std::memory_order_relaxed);
+    size_t size_after = 0;
+    const size_t pushed = packed.size();
+    if (queue_.PushAll(packed, &size_after)) {
+      WakeProcessorIfBusy(pushed, size_after);
+    } else {
+      YULO_LOG_ALWAYS("Event queue is full");
+    }
   }
   return offered;
 }
@@ -303,6 +312,34 @@ bool VolumeMgr::Drain(std::chrono::steady_clock::time_point deadline) {
   BeginDrain(deadline);
   FinishReceiving(deadline);
   return FinishDrain();
+}
+
+VolumeStatus VolumeMgr::GetStatus() {
+  VolumeStatus status;
+  status.id = vol_id_;
+  status.mount_point = mount_point_;
+  for (const std::string& share : MonitorQueue::GetShareSet(GetMonitorQueues())) {
+    if (OwnsPath(share)) status.watched_shares.push_back(share);
+  }
+  const NotifyBackend* backend =
+      receiver_ != nullptr ? receiver_->backend() : nullptr;
+  const bool live = receiver_ != nullptr && receiver_->descriptor() >= 0;
+  status.backend = backend != nullptr && live ? backend->Name() : "none";
+  status.paired_renames = backend != nullptr && live && backend->PairsRenames();
+  status.events_read = events_read_.load();
+  status.events_injected = events_injected_.load();
+  status.events_queued = queue_.Size();
+  if (processor_ != nullptr) {
+    status.lines_written = processor_->LinesWritten();
+    status.kernel_overflows = processor_->KernelOverflows();
+    status.rescan_lines = processor_->RescanLines();
+  }
+  return status;
+}
+
+std::vector<QueueFileStatus> VolumeMgr::GetQueueFileStatus() {
+  if (processor_ == nullptr) return {};
+  return processor_->GetQueueFileStatus();
 }
 
 void VolumeMgr::NotifyProcessor() {

@@ -35,7 +35,22 @@ namespace YULOTIFYD {
 
 class EventProcessor;
 class EventReceiver;
+struct QueueFileStatus;
 
+// What a volume manager reports about itself (the daemon's "status").
+struct VolumeStatus {
+  int32_t id = 0;
+  std::string mount_point;
+  std::vector<std::string> watched_shares;
+  std::string backend;          // "appliance", "fanotify" or "none"
+  bool paired_renames = false;
+  uint64_t events_read = 0;     // from the kernel
+  uint64_t events_injected = 0;  // by "notify" commands
+  uint64_t events_queued = 0;   // waiting for the processor now
+  uint64_t lines_written = 0;
+  uint64_t kernel_overflows = 0;
+  uint64_t rescan_lines = 0;
+};
 // ReadAllShares results besides 0.
 constexpr int kSharesNoMemory = -1;
 constexpr int kSharesUnreadable = -2;
@@ -116,6 +131,9 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // mounted at "/"). Any thread.
   bool OwnsPath(const std::string& path) const override;
   int32_t GetVolumeId() const { return vol_id_; }
+  // Main thread. Waits for a processor pass under way to end.
+  VolumeStatus GetStatus();
+  std::vector<QueueFileStatus> GetQueueFileStatus();
   const std::vector<std::string>& GetSharePaths() const {
     return share_paths_;
   }
@@ -153,6 +171,8 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
 
   std::string mount_point_;
   int32_t vol_id_ = 0;
+  std::atomic<uint64_t> events_read_{0};
+  std::atomic<uint64_t> events_injected_{0};
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
   const bool rescan_at_start_;

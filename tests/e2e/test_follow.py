@@ -206,6 +206,9 @@ def test_volume_removed_from_the_table_is_dropped(app):
     app.write_volume_table()
     app.wait_log(FOLLOW + r"Volume gone, dropping its manager, id=2, "
                  r"mount point=/vol2$")
+    # The manager first writes what it read; the main thread answers the
+    # next command only once it is gone.
+    info(app)
     write_files(app, "/vol2/Backup/b1", "/vol1/Public/p1")
     wait_line(app, q, line(64, "/vol1/Public/p1"))
     time.sleep(QUIET_PERIOD)

@@ -76,7 +76,8 @@ def test_no_monitor_queue_stops_quietly(appliance):
     appliance.start()
     assert_clean_exit(appliance)
     assert not appliance.ready_seen, appliance.notifications
-    assert appliance.notifications == []
+    # Only the reason, for "systemctl status"; no readiness.
+    assert appliance.notifications == ["STATUS=no monitor queue configured"]
     assert_stopped_and_tidy(appliance)
     # A quiet stop: nothing went wrong, so nothing is logged at level 3.
     assert appliance.logs == [], appliance.diagnostics()
@@ -143,15 +144,17 @@ def test_signal_stops_cleanly(appliance, sig):
     assert appliance.notifications.count("READY=1") == 1, appliance.notifications
     mode = os.stat(appliance.socket_path).st_mode
     assert stat.S_ISSOCK(mode), "control socket missing while running"
-    # The run status is written at teardown only.
-    assert appliance.read_run_status() is None
+    # The run is marked as running until it ends cleanly.
+    assert appliance.read_run_status() == {"status": "running"}
     assert appliance.find_logs(r"In kill handler") == []
 
     appliance.signal(sig)
     appliance.wait_log(KILL_LINE % sig)
     assert_clean_exit(appliance)
     assert appliance.count_logs(r"In kill handler") == 1, appliance.diagnostics()
-    assert appliance.notifications == ["READY=1"], appliance.notifications
+    assert [n for n in appliance.notifications
+            if not n.startswith("STATUS=")] == ["READY=1"], \
+        appliance.notifications
     assert_stopped_and_tidy(appliance)
     assert_log_format(appliance)
 
@@ -207,8 +210,9 @@ def test_run_status(appliance, case):
     else:
         appliance.wait_log(line)
         assert len(run_config_lines) == 1, appliance.diagnostics()
-    # Read at start, left alone while running...
-    assert appliance.read_run_status() == before
+    # Read at start, then marked as running until a clean stop...
+    assert before != {"status": "running"}
+    assert appliance.read_run_status() == {"status": "running"}
     appliance.signal(signal.SIGTERM)
     assert_clean_exit(appliance)
     # ...and "stop" written back at teardown.

@@ -93,12 +93,23 @@ class ControlClient {
   ControlResult UmountShare(const std::string& share_name) const;
   ControlResult MountVolume(const std::string& mount_point) const;
   ControlResult UmountVolume(const std::string& mount_point) const;
+  // "status": on success (ok()), `status` holds the daemon's object
+  // (docs/control.md lists its members). A daemon that does not know the
+  // command answers -1.
+  ControlResult Status(Json::Value* status) const;
+
+  // A status object never gets near this; a longer one is refused.
+  static constexpr uint64_t kMaxPayloadLength = 64 * 1024 * 1024;
 
   // The command text Send() puts on the wire (single-line JSON).
   static std::string MakeCommand(const std::string& type,
                                  const Json::Value& data);
 
  private:
+  // One exchange; with `payload`, an answer 0 is followed by an object
+  // (8-byte length and text) read into it.
+  ControlResult Exchange(const std::string& text, std::string* payload) const;
+
   std::string socket_path_;
   int timeout_ms_;
 };

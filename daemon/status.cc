@@ -1,0 +1,165 @@
+// What the daemon tells about itself: the "status" command's object and the
+// service manager's STATUS= lines.
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+
+#include "daemon/daemon.h"
+#include "output/event_processor.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+const char* RunStatusName(int32_t status) {
+  switch (status) {
+    case RUN_STATUS_INIT:
+      return "init";
+    case RUN_STATUS_RECOVERY:
+      return "recovery";
+    case RUN_STATUS_STOPPED:
+      return "stop";
+    default:
+      return "unset";
+  }
+}
+
+std::string LogLevelName(int32_t level) {
+  switch (level) {
+    case 7:
+      return "debug";
+    case 6:
+      return "info";
+    case 3:
+      return "error";
+    default:
+      return std::to_string(level);
+  }
+}
+
+// The states of a queue file, worst last: several volumes may write one
+// file, and the file is shown in the worst state any of them sees.
+int Severity(QueueOutbox::State state) {
+  switch (state) {
+    case QueueOutbox::State::kOk:
+      return 0;
+    case QueueOutbox::State::kReset:
+      return 1;
+    case QueueOutbox::State::kBusy:
+      return 2;
+    case QueueOutbox::State::kFailing:
+      return 3;
+  }
+  return 3;
+}
+
+const char* StateName(QueueOutbox::State state) {
+  switch (state) {
+    case QueueOutbox::State::kOk:
+      return "ok";
+    case QueueOutbox::State::kReset:
+      return "reset";
+    case QueueOutbox::State::kBusy:
+      return "busy";
+    case QueueOutbox::State::kFailing:
+      return "failing";
+  }
+  return "failing";
+}
+
+Json::Value Count(uint64_t n) { return Json::Value(static_cast<Json::UInt64>(n)); }
+
+}  // namespace
+
+Json::Value Daemon::BuildStatus() {
+  Json::Value status(Json::objectValue);
+  status["version"] = YULOTIFYD_VERSION;
+  status["pid"] = static_cast<Json::Int>(getpid());
+  status["uptime_seconds"] = Count(static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::seconds>(
+          std::chrono::steady_clock::now() - started_)
+          .count()));
+  status["run_status_at_start"] = RunStatusName(run_status);
+  status["log_level"] = LogLevelName(LOG_LEVEL.load());
+  status["monitor_queues"] =
+      static_cast<Json::UInt>(GetMonitorQueues().size());
+
+  Json::Value backend(Json::objectValue);
+  backend["name"] = "none";
+  backend["paired_renames"] = false;
+  Json::Value volumes(Json::arrayValue);
+  std::map<std::string, QueueFileStatus> files;  // by path
+  for (auto& entry : volume_mgrs) {
+    const VolumeStatus v = entry.second->GetStatus();
+    Json::Value volume(Json::objectValue);
+    volume["id"] = static_cast<Json::Int>(v.id);
+    volume["mount_point"] = v.mount_point;
+    volume["watched_shares"] = Json::Value(Json::arrayValue);
+    for (const std::string& share : v.watched_shares) {
+      volume["watched_shares"].append(share);
+    }
+    volume["backend"] = v.backend;
+    volume["events_read"] = Count(v.events_read);
+    volume["events_injected"] = Count(v.events_injected);
+    volume["events_queued"] = Count(v.events_queued);
+    volume["lines_written"] = Count(v.lines_written);
+    volume["kernel_overflows"] = Count(v.kernel_overflows);
+    volume["rescan_lines"] = Count(v.rescan_lines);
+    volumes.append(volume);
+    // Every volume has its own kernel instance of one kind; the first that
+    // has one speaks for the daemon.
+    if (backend["name"].asString() == "none" && v.backend != "none") {
+      backend["name"] = v.backend;
+      backend["paired_renames"] = v.paired_renames;
+    }
+    for (const QueueFileStatus& f : entry.second->GetQueueFileStatus()) {
+      auto it = files.find(f.path);
+      if (it == files.end()) {
+        files.emplace(f.path, f);
+        continue;
+      }
+      QueueFileStatus& sum = it->second;
+      sum.lines_written += f.lines_written;
+      sum.lines_kept += f.lines_kept;
+      if (Severity(f.state) > Severity(sum.state)) sum.state = f.state;
+      if (f.last_error_time > sum.last_error_time) {
+        sum.last_error = f.last_error;
+        sum.last_error_time = f.last_error_time;
+      }
+    }
+  }
+  status["backend"] = backend;
+  status["volumes"] = volumes;
+  Json::Value queue_files(Json::arrayValue);
+  for (const auto& entry : files) {
+    const QueueFileStatus& f = entry.second;
+    Json::Value file(Json::objectValue);
+    file["path"] = f.path;
+    file["lines_written"] = Count(f.lines_written);
+    file["lines_kept"] = Count(f.lines_kept);
+    file["state"] = StateName(f.state);
+    file["last_error"] = f.last_error;
+    file["last_error_time"] =
+        Json::Value(static_cast<Json::Int64>(f.last_error_time));
+    queue_files.append(file);
+  }
+  status["queue_files"] = queue_files;
+  return status;
+}
+
+void Daemon::NotifyState(const std::string& text) {
+  sd_notifyf(0, "STATUS=%s", text.c_str());
+}
+
+void Daemon::NotifyWatching() {
+  NotifyState("watching " + std::to_string(volume_mgrs.size()) +
+              " volumes, " + std::to_string(GetMonitorQueues().size()) +
+              " monitor queues");
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO

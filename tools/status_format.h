@@ -1,0 +1,31 @@
+// How yulotifyctl shows the daemon's "status" object: a table for a person
+// and the Prometheus text exposition format for node_exporter's textfile
+// collector. docs/control.md lists the object's members.
+//
+// Thread-safety: pure functions.
+#ifndef YULOTIFYD_TOOLS_STATUS_FORMAT_H_
+#define YULOTIFYD_TOOLS_STATUS_FORMAT_H_
+
+#include <json/json.h>
+
+#include <string>
+
+namespace YULO {
+namespace YULOTIFYD {
+
+// A few aligned lines: the daemon, then one line per volume and per queue
+// file. Members the object lacks show as "-" or 0.
+std::string StatusTable(const Json::Value& status);
+
+// Every counter and gauge, names prefixed "yulotifyd_", each with its HELP
+// and TYPE lines; labels name the volume or queue file.
+std::string StatusPrometheus(const Json::Value& status);
+
+// `text` as a Prometheus label value: backslash, double quote and line feed
+// escaped.
+std::string PrometheusLabel(const std::string& text);
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_TOOLS_STATUS_FORMAT_H_

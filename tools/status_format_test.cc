@@ -1,0 +1,87 @@
+#include "tools/status_format.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "yulotifyd/json_util.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace {
+
+Json::Value Sample() {
+  Json::Value status;
+  EXPECT_TRUE(fromString(
+      R"({"version":"0.1.0","pid":42,"uptime_seconds":7,
+          "run_status_at_start":"recovery","log_level":"error",
+          "monitor_queues":2,
+          "backend":{"name":"fanotify","paired_renames":true},
+          "volumes":[{"id":1,"mount_point":"/vol1","watched_shares":["/vol1/A"],
+                      "backend":"fanotify","events_read":10,"events_injected":1,
+                      "events_queued":3,"lines_written":9,"kernel_overflows":0,
+                      "rescan_lines":1}],
+          "queue_files":[{"path":"/q/a \"b\"\\c","lines_written":9,"lines_kept":2,
+                          "state":"busy","last_error":"Resource temporarily unavailable",
+                          "last_error_time":1700000000}]})",
+      status));
+  return status;
+}
+
+TEST(StatusFormatTest, PrometheusOutputFollowsTheExpositionFormat) {
+  const std::string text = StatusPrometheus(Sample());
+  const std::regex help(R"(# HELP (yulotifyd_[a-z_]+) .+)");
+  const std::regex type(R"(# TYPE (yulotifyd_[a-z_]+) (counter|gauge))");
+  const std::regex sample(
+      R"((yulotifyd_[a-z_]+)(\{([a-z_]+="([^"\\\n]|\\\\|\\"|\\n)*",?)*\})? [0-9]+)");
+  std::istringstream in(text);
+  std::string line, family;
+  std::set<std::string> typed;
+  int samples = 0;
+  while (std::getline(in, line)) {
+    std::smatch m;
+    if (std::regex_match(line, m, help)) {
+      family = m[1];
+    } else if (std::regex_match(line, m, type)) {
+      EXPECT_EQ(m[1], family) << "TYPE right after its HELP";
+      EXPECT_TRUE(typed.insert(family).second) << "one TYPE per family";
+      if (m[2] == "counter") {
+        EXPECT_EQ(family.substr(family.size() - 6), "_total") << family;
+      }
+    } else {
+      ASSERT_TRUE(std::regex_match(line, m, sample)) << line;
+      EXPECT_EQ(m[1], family) << "samples follow their family";
+      ++samples;
+    }
+  }
+  EXPECT_GT(samples, 10);
+  EXPECT_NE(text.find("yulotifyd_events_read_total{volume=\"1\","
+                      "mount_point=\"/vol1\"} 10\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("yulotifyd_queue_file_lines_kept{path=\"/q/a \\\"b\\\"\\\\c\"} 2\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("state=\"busy\"} 1\n"), std::string::npos);
+  EXPECT_NE(text.find("state=\"ok\"} 0\n"), std::string::npos);
+}
+
+TEST(StatusFormatTest, TableShowsVolumesAndFailingFiles) {
+  const std::string text = StatusTable(Sample());
+  EXPECT_NE(text.find("pid 42"), std::string::npos) << text;
+  EXPECT_NE(text.find("fanotify (renames paired)"), std::string::npos) << text;
+  EXPECT_NE(text.find("/vol1/A"), std::string::npos) << text;
+  EXPECT_NE(text.find("busy"), std::string::npos) << text;
+  EXPECT_NE(text.find("2023-11-14T22:13:20Z: Resource temporarily unavailable"),
+            std::string::npos)
+      << text;
+}
+
+TEST(StatusFormatTest, LabelEscapes) {
+  EXPECT_EQ(PrometheusLabel("a\\b\"c\nd"), "a\\\\b\\\"c\\nd");
+}
+
+}  // namespace
+}  // namespace YULOTIFYD
+}  // namespace YULO
