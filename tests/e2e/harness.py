@@ -863,6 +863,38 @@ def _setpriv() -> str:
     return path
 
 
+# How long a test waits for a queue line: a few processor passes.
+LINE_TIMEOUT = 10.0
+
+
+def wait_lines(app: "Appliance", queue, predicate,
+               timeout: float = LINE_TIMEOUT) -> list:
+    """Waits until predicate(lines) holds for the queue's parsed lines;
+    returns them, or raises AssertionError with the lines and the logs."""
+    def check():
+        lines = app.read_queue(queue)
+        return lines if predicate(lines) else None
+
+    lines = wait_until(check, timeout)
+    if lines is None:
+        raise AssertionError(
+            "queue %s: condition not met within %.0fs; lines: %r%s"
+            % (queue, timeout, app.read_queue(queue), app.diagnostics()))
+    return lines
+
+
+def wait_count(app: "Appliance", queue, n: int,
+               timeout: float = LINE_TIMEOUT) -> list:
+    """Waits until the queue holds at least `n` lines."""
+    return wait_lines(app, queue, lambda ls: len(ls) >= n, timeout)
+
+
+def wait_line(app: "Appliance", queue, expected,
+              timeout: float = LINE_TIMEOUT) -> list:
+    """Waits until `expected` is one of the queue's lines."""
+    return wait_lines(app, queue, lambda ls: expected in ls, timeout)
+
+
 def monitor(share: str, dir: str = "/", recursive: bool = True,
             events: Union[int, List[str], None] = 1023) -> dict:
     """One monitor entry of a monitor-queue configuration file."""

@@ -21,12 +21,11 @@ import time
 import pytest
 
 from control_util import LINE, command, ctl_as, frame, new_logs, send, send_as
-from harness import monitor, wait_until
+from harness import LINE_TIMEOUT, monitor, wait_lines, wait_until
 
 NOBODY = 65534
 NOGROUP = 65534
 # Lines are written by each volume's processor every 3 seconds.
-LINE_TIMEOUT = 10.0
 # Lets syslog datagrams already sent reach the harness.
 SETTLE = 0.5
 # The daemon waits this long for a request that does not come.
@@ -81,16 +80,6 @@ def configure(app):
     return q
 
 
-def wait_lines(app, queue, predicate, timeout=LINE_TIMEOUT):
-    """Waits until predicate(lines of the queue) holds; returns the lines."""
-    lines = wait_until(lambda: (lambda ls: ls if predicate(ls) else None)(
-        app.read_queue(queue)), timeout)
-    if lines is None:
-        raise AssertionError("queue %s: condition not met within %.0fs; "
-                             "lines: %r%s" % (queue, timeout,
-                                              app.read_queue(queue),
-                                              app.diagnostics()))
-    return lines
 
 
 def create_and_wait(app, queue, name):

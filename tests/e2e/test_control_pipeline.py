@@ -16,10 +16,10 @@ import pytest
 
 from control_util import LINE, new_logs, run_ctl, send
 from control_util import ctl_binary  # noqa: F401  (a pytest fixture)
-from harness import monitor, wait_until
+from harness import (LINE_TIMEOUT, monitor, wait_count, wait_line,
+                     wait_lines, wait_until)
 
 # Lines are written by each volume's processor every 3 seconds.
-LINE_TIMEOUT = 10.0
 # How long to watch for something that must NOT happen: longer than one
 # processor pass.
 QUIET_PERIOD = 4.5
@@ -51,28 +51,10 @@ def same_lines(a, b):
     return sorted(map(key, a)) == sorted(map(key, b))
 
 
-def wait_lines(app, queue, predicate, timeout=LINE_TIMEOUT):
-    """Waits until predicate(lines) holds for the queue's parsed lines;
-    returns them."""
-    def check():
-        lines = app.read_queue(queue)
-        return lines if predicate(lines) else None
-
-    lines = wait_until(check, timeout)
-    if lines is None:
-        raise AssertionError(
-            "queue %s: condition not met within %.0fs; lines: %r%s"
-            % (queue, timeout, app.read_queue(queue), app.diagnostics()))
-    return lines
 
 
-def wait_count(app, queue, n, timeout=LINE_TIMEOUT):
-    return wait_lines(app, queue, lambda ls: len(ls) >= n, timeout)
 
 
-def wait_line(app, queue, expected, timeout=LINE_TIMEOUT):
-    """Waits until `expected` is one of the queue's lines."""
-    return wait_lines(app, queue, lambda ls: expected in ls, timeout)
 
 
 def quiet(app):

@@ -14,10 +14,10 @@ import time
 import pytest
 
 from control_util import send
-from harness import monitor, wait_until
+from harness import (LINE_TIMEOUT, monitor, wait_line, wait_lines,
+                     wait_until)
 
 # Lines are written by each volume's processor every 3 seconds.
-LINE_TIMEOUT = 10.0
 # Longer than one processor pass: for what must NOT happen.
 QUIET_PERIOD = 4.5
 
@@ -33,23 +33,8 @@ def rescan(mount_point):
     return line(512, mount_point, True)
 
 
-def wait_lines(app, queue, predicate, timeout=LINE_TIMEOUT):
-    """Waits until predicate(lines) holds for the queue's lines; returns
-    them."""
-    def check():
-        lines = app.read_queue(queue)
-        return lines if predicate(lines) else None
-
-    lines = wait_until(check, timeout)
-    if lines is None:
-        raise AssertionError(
-            "queue %s: condition not met within %.0fs; lines: %r%s"
-            % (queue, timeout, app.read_queue(queue), app.diagnostics()))
-    return lines
 
 
-def wait_line(app, queue, expected, timeout=LINE_TIMEOUT):
-    return wait_lines(app, queue, lambda ls: expected in ls, timeout)
 
 
 def write_files(app, *paths):

@@ -9,28 +9,15 @@ import time
 
 import pytest
 
-from harness import monitor, wait_until
+from harness import LINE_TIMEOUT, monitor, wait_count, wait_lines, wait_until
 
 # Lines are written by each volume's processor every 3 seconds.
-LINE_TIMEOUT = 10.0
 QUIET_PERIOD = 4.0  # longer than one processor pass
 MAX_QUEUED_EVENTS = "/proc/sys/fs/fanotify/max_queued_events"
 
 
-def wait_lines(app, queue, predicate, timeout=LINE_TIMEOUT):
-    """Waits until predicate(lines) holds for the queue's parsed lines;
-    returns them."""
-    lines = wait_until(lambda: (lambda ls: ls if predicate(ls) else None)(
-        app.read_queue(queue)), timeout)
-    if lines is None:
-        raise AssertionError("queue %s: condition not met within %.0fs; lines: %r%s"
-                             % (queue, timeout, app.read_queue(queue),
-                                app.diagnostics()))
-    return lines
 
 
-def wait_count(app, queue, n, timeout=LINE_TIMEOUT):
-    return wait_lines(app, queue, lambda ls: len(ls) >= n, timeout)
 
 
 def line(event, path, is_dir=False, path_old=None):
