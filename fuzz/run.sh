@@ -50,8 +50,13 @@ run_one() {
   local status=0
   # -timeout: no input may take longer (the slowest legitimate one, the
   # control handler's, is bounded by its 5-second request limit).
-  "$binary" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -dict="$here/fuzz/yulotifyd.dict" \
+  # -malloc_limit_mb: no input may make the code ask for more at once (the
+  # largest legitimate block is a 1 MiB control request body).
+  # -rss_limit_mb: ASan's quarantine and allocator caches alone hold 1 to 2
+  # GiB in the control target after some minutes (it allocates bodies of up
+  # to 1 MiB); the default 2 GiB would end long runs for nothing.
+  "$binary" -max_total_time="$seconds" -timeout=10 -malloc_limit_mb=64 \
+    -rss_limit_mb=4096 -print_final_stats=1 -dict="$here/fuzz/yulotifyd.dict" \
     -artifact_prefix="$dir/" "$dir/corpus" >"$dir/log" 2>&1 || status=$?
   local done_line execs rate
   done_line=$(grep -E '^#[0-9]+[[:space:]]+DONE' "$dir/log" | tail -n 1 || true)
