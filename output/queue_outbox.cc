@@ -227,7 +227,22 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
   }
 
   struct stat st;
-  if (ops.Fstat(fd, &st) != 0 || st.st_size > kQueueFileMaxSize) {
+  const bool stat_ok = ops.Fstat(fd, &st) == 0;
+  if (stat_ok && cut_.pending) {
+    // A failed write whose bytes could not be taken back last time: take
+    // them back now, before anything else goes in. A file that was replaced
+    // or emptied meanwhile no longer holds them.
+    if (st.st_dev == cut_.dev && st.st_ino == cut_.ino &&
+        st.st_size > cut_.offset) {
+      if (TruncateTo(ops, fd, cut_.offset) != 0) {
+        NoteFailure(Failure::kWrite, errno);
+        return Outcome::kKept;
+      }
+      st.st_size = cut_.offset;
+    }
+    cut_.pending = false;
+  }
+  if (!stat_ok || st.st_size > kQueueFileMaxSize) {
     return Reset(fd, 0, snapshot, ops);
   }
   // One at a time, a line goes in while the file is not above the limit;
@@ -247,8 +262,11 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
   const off_t base = ops.Lseek(fd, 0, SEEK_END);
   if (base < 0 || !WriteAll(ops, fd, bytes_.data(), bytes_.size())) {
     const int err = errno;
-    // No fragment may stay behind for the consumer to trip over.
-    if (base >= 0) TruncateTo(ops, fd, base);
+    // No fragment may stay behind for the consumer to trip over; if it
+    // cannot be taken back now, the next attempt does it first.
+    if (base >= 0 && TruncateTo(ops, fd, base) != 0) {
+      cut_ = Cut{true, st.st_dev, st.st_ino, base};
+    }
     NoteFailure(Failure::kWrite, err);
     return Outcome::kKept;
   }

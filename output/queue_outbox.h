@@ -127,6 +127,14 @@ class QueueOutbox {
   bool failing_ = false;       // a failure was logged and has not ended
   bool overflow_logged_ = false;
   size_t kept_lines_ = 0;      // lines held after the last failed attempt
+  // Where a failed write's bytes start, when truncating them away failed
+  // too; the next attempt on the same file cuts there first.
+  struct Cut {
+    bool pending = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t offset = 0;
+  } cut_;
   uint64_t lines_written_ = 0;
   std::string last_error_;
   time_t last_error_time_ = 0;

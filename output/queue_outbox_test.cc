@@ -562,6 +562,29 @@ TEST_F(QueueFileTest, FailedWriteLeavesNoFragment) {
   }
 }
 
+TEST_F(QueueFileTest, AFragmentThatCouldNotBeCutIsCutAtTheNextAttempt) {
+  WriteFileText(file_, "0123456789\n");
+  Add("/vol1/M/a");
+  ops_.ShortNextWrite(20);
+  ops_.FailNext(ScriptedFileOps::kWrite, {0, ENOSPC});
+  ops_.FailNext(ScriptedFileOps::kFtruncate, {EIO});
+  EXPECT_FALSE(Flush());
+  EXPECT_EQ(ReadFileText(file_).size(), 11u + 20u) << "the fragment stays";
+  EXPECT_TRUE(Flush());
+  EXPECT_EQ(ReadLines(file_),
+            (std::vector<std::string>{"0123456789", Line(64, "/vol1/M/a")}));
+
+  // Emptied by its consumer in between: nothing of it is cut again.
+  Add("/vol1/M/b");
+  ops_.ShortNextWrite(5);
+  ops_.FailNext(ScriptedFileOps::kWrite, {0, ENOSPC});
+  ops_.FailNext(ScriptedFileOps::kFtruncate, {EIO});
+  EXPECT_FALSE(Flush());
+  WriteFileText(file_, "");
+  EXPECT_TRUE(Flush());
+  EXPECT_EQ(ReadLines(file_), (std::vector<std::string>{Line(64, "/vol1/M/b")}));
+}
+
 TEST_F(QueueFileTest, ShortAndInterruptedWritesAreCompleted) {
   Add("/vol1/M/a");
   Add("/vol1/M/b");
