@@ -80,6 +80,16 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
     return false;
   }
   wake_target_ = processor_;
+  // The receiver places its kernel watches on its own thread. Waiting for
+  // that here means that once a volume counts as watched (the daemon's
+  // readiness, the answer to "mount_volume"), its changes are seen. Bounded,
+  // so that a stuck kernel call cannot hold the daemon up for ever.
+  std::unique_lock<std::mutex> lock(ready_mutex_);
+  if (!ready_cv_.wait_for(lock, std::chrono::seconds(kWatchesReadySeconds),
+                          [this] { return watches_placed_; })) {
+    YULO_LOG_ALWAYS("Watches not placed in time, vol: %s",
+                    mount_point_.c_str());
+  }
   return true;
 }
 
@@ -352,6 +362,11 @@ std::vector<MonitorQueue> VolumeMgr::GetMonitorQueues() {
 }
 
 void VolumeMgr::WatchesReady() {
+  {
+    std::lock_guard<std::mutex> lock(ready_mutex_);
+    watches_placed_ = true;
+  }
+  ready_cv_.notify_all();
   if (context_ != nullptr) context_->PostReloadSemaphore();
 }
 

@@ -16,6 +16,8 @@
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -172,6 +174,11 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::string mount_point_;
   int32_t vol_id_ = 0;
   std::atomic<uint64_t> events_read_{0};
+  // Set by the receiver's first WatchesReady; Init waits for it.
+  static constexpr int kWatchesReadySeconds = 5;
+  std::mutex ready_mutex_;
+  std::condition_variable ready_cv_;
+  bool watches_placed_ = false;
   std::atomic<uint64_t> events_injected_{0};
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
