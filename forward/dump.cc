@@ -14,11 +14,11 @@
 namespace {
 
 const char kHelp[] =
-    "usage: yulotify-forward-dump --server URL --stream NAME\n"
+    "usage: yulotify-forward-dump --server URL --stream NAME [--count]\n"
     "\n"
     "Prints every message of stream NAME, one a line:\n"
     "SEQ, Nats-Msg-Id, Yulotifyd-Host, Yulotifyd-Event and the payload,\n"
-    "separated by tabs.\n"
+    "separated by tabs. With --count, only the number of messages.\n"
     "\n"
     "Exit status: 0 done, 1 the stream cannot be read, 2 usage error,\n"
     "3 the server cannot be reached.\n";
@@ -29,7 +29,7 @@ const char* Header(natsMsg* msg, const char* key) {
   return v;
 }
 
-int Dump(const std::string& server, const std::string& stream) {
+int Dump(const std::string& server, const std::string& stream, bool count) {
   natsConnection* nc = nullptr;
   if (natsConnection_ConnectTo(&nc, server.c_str()) != NATS_OK) {
     fprintf(stderr, "yulotify-forward-dump: cannot connect to %s\n", server.c_str());
@@ -43,6 +43,9 @@ int Dump(const std::string& server, const std::string& stream) {
       js_GetStreamInfo(&si, js, stream.c_str(), nullptr, &jerr) != NATS_OK) {
     fprintf(stderr, "yulotify-forward-dump: no stream %s\n", stream.c_str());
     status = 1;
+  } else if (count) {
+    printf("%llu\n", static_cast<unsigned long long>(si->State.Msgs));
+    jsStreamInfo_Destroy(si);
   } else {
     for (uint64_t seq = si->State.FirstSeq;
          si->State.Msgs > 0 && seq <= si->State.LastSeq; ++seq) {
@@ -72,13 +75,16 @@ int Dump(const std::string& server, const std::string& stream) {
 
 int main(int argc, char** argv) {
   std::string server, stream;
+  bool count = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
       fputs(kHelp, stdout);
       return 0;
     }
-    if ((arg == "--server" || arg == "--stream") && i + 1 < argc) {
+    if (arg == "--count") {
+      count = true;
+    } else if ((arg == "--server" || arg == "--stream") && i + 1 < argc) {
       (arg == "--server" ? server : stream) = argv[++i];
     } else {
       fprintf(stderr, "yulotify-forward-dump: unexpected %s\n", arg.c_str());
@@ -89,7 +95,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "yulotify-forward-dump: --server and --stream are required\n");
     return 2;
   }
-  const int status = Dump(server, stream);
+  const int status = Dump(server, stream, count);
   nats_Close();
   return status;
 }

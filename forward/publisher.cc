@@ -22,6 +22,7 @@ std::string StatusText(natsStatus s) { return natsStatus_GetText(s); }
 Publisher::~Publisher() {
   if (js_ != nullptr) jsCtx_Destroy(js_);
   if (nc_ != nullptr) {
+    closing_.store(true);
     natsConnection_Close(nc_);
     natsConnection_Destroy(nc_);
   }
@@ -45,7 +46,7 @@ int64_t Publisher::ReconnectDelay(natsConnection*, int attempts, void*) {
 
 void Publisher::OnDisconnected(natsConnection*, void* closure) {
   auto* self = static_cast<Publisher*>(closure);
-  if (self->connected_.exchange(false)) {
+  if (self->connected_.exchange(false) && !self->closing_.load()) {
     ForwardLog("disconnected from the server; lines wait in the spool");
   }
 }

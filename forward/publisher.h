@@ -79,6 +79,7 @@ class Publisher {
   jsCtx* js_ = nullptr;
   bool stream_ready_ = false;
   std::atomic<bool> connected_{false};
+  std::atomic<bool> closing_{false};  // our own Close: not worth a log line
 
   std::mutex mu_;
   uint64_t batch_first_seq_ = 0;
