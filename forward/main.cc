@@ -169,17 +169,18 @@ int Run(const Options& options, const sigset_t& stop_set) {
       spool_full = true;
     }
 
-    // Publish one batch, and wait for its acknowledgements.
+    // Make sure of the stream as soon as there is a connection, then
+    // publish one batch and wait for its acknowledgements.
     bool more = false;
-    if (spool.unacked_bytes() > 0 && publisher->connected() &&
-        NowMs() >= next_publish_ms && !StopRequested(stop_set)) {
-      bool ok = false;
+    if (publisher->connected() && NowMs() >= next_publish_ms &&
+        !StopRequested(stop_set)) {
       const Publisher::StreamResult sr = publisher->EnsureStream(&error);
       if (sr == Publisher::StreamResult::kFailed) {
         ForwardLog("%s", error.c_str());
         return kExitUnreachable;
       }
-      if (sr == Publisher::StreamResult::kReady) {
+      bool ok = sr == Publisher::StreamResult::kReady;
+      if (ok && spool.unacked_bytes() > 0) {
         spool.Rewind();
         if (!spool.ReadNext(kBatchLines, kBatchBytes, &batch, &error)) {
           ForwardLog("%s", error.c_str());
