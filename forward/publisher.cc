@@ -2,7 +2,9 @@
 
 #include <stdio.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 
 #include "forward/log.h"
 #include "yulotifyd/json_util.h"
@@ -20,12 +22,16 @@ std::string StatusText(natsStatus s) { return natsStatus_GetText(s); }
 }  // namespace
 
 Publisher::~Publisher() {
-  if (js_ != nullptr) jsCtx_Destroy(js_);
   if (nc_ != nullptr) {
     closing_.store(true);
     natsConnection_Close(nc_);
-    natsConnection_Destroy(nc_);
+    // The library calls our callbacks from its own thread, the closed one
+    // last; `this` has to outlive it.
+    std::unique_lock<std::mutex> lock(mu_);
+    closed_cv_.wait_for(lock, std::chrono::seconds(5), [this] { return closed_; });
   }
+  if (js_ != nullptr) jsCtx_Destroy(js_);
+  if (nc_ != nullptr) natsConnection_Destroy(nc_);
   if (opts_ != nullptr) natsOptions_Destroy(opts_);
 }
 
@@ -61,7 +67,11 @@ void Publisher::OnReconnected(natsConnection* nc, void* closure) {
 }
 
 void Publisher::OnClosed(natsConnection*, void* closure) {
-  static_cast<Publisher*>(closure)->connected_.store(false);
+  auto* self = static_cast<Publisher*>(closure);
+  self->connected_.store(false);
+  std::lock_guard<std::mutex> lock(self->mu_);
+  self->closed_ = true;
+  self->closed_cv_.notify_all();
 }
 
 void Publisher::OnAck(jsCtx*, natsMsg* msg, jsPubAck* pa, jsPubAckErr* pae,

@@ -8,14 +8,16 @@
 // not in the library's buffers.
 //
 // Thread-safety: one thread calls the methods; the library's callbacks only
-// touch the acknowledgement table under its mutex and the connection-state
-// flag, which is atomic.
+// touch the acknowledgement table and the closed flag under the mutex and
+// the connection-state flags, which are atomic. The destructor waits (up to
+// 5 s) for the library's last callback.
 #ifndef YULOTIFYD_FORWARD_PUBLISHER_H_
 #define YULOTIFYD_FORWARD_PUBLISHER_H_
 
 #include <nats/nats.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -85,6 +87,8 @@ class Publisher {
   uint64_t batch_first_seq_ = 0;
   std::vector<int8_t> batch_status_;  // 0 waiting, 1 acknowledged, -1 failed
   std::string batch_error_;
+  bool closed_ = false;  // the closed callback has run
+  std::condition_variable closed_cv_;
 };
 
 }  // namespace FORWARD
