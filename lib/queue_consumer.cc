@@ -107,6 +107,10 @@ QueueConsumer::QueueConsumer(std::string queue_path, int lock_timeout_ms)
     : queue_path_(std::move(queue_path)), lock_timeout_ms_(lock_timeout_ms) {}
 
 QueueConsumer::Result QueueConsumer::Consume() const {
+  return Consume(KeepLines());
+}
+
+QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
   const std::string& path = queue_path_;
   const int64_t lock_deadline = MonotonicMillis() + (lock_timeout_ms_ > 0
                                                ? lock_timeout_ms_
@@ -185,6 +189,14 @@ QueueConsumer::Result QueueConsumer::Consume() const {
       result.kept_partial_line = true;
       return result;
     }
+    std::vector<std::string> lines;
+    SplitLines(text, complete, &lines);
+    if (keep) {
+      std::string why;
+      if (!keep(lines, &why)) {
+        return Fail(EIO, "lines of " + path + " not taken: " + why);
+      }
+    }
     // Empty the file first, then put the unfinished tail back. Should the
     // second step fail, only that fragment is lost, never a whole line.
     if (ftruncate(file.fd(), 0) != 0) {
@@ -205,7 +217,7 @@ QueueConsumer::Result QueueConsumer::Consume() const {
     }
     file.Release();  // unlock before the caller sees anything
 
-    SplitLines(text, complete, &result.lines);
+    result.lines = std::move(lines);
     return result;
   }
   return Fail(EAGAIN, path + " keeps being replaced; try again");

@@ -116,6 +116,36 @@ TEST_F(QueueConsumerTest, TakesEveryLineInOrderAndEmptiesTheFile) {
   EXPECT_TRUE(again.lines.empty());
 }
 
+TEST_F(QueueConsumerTest, KeepRunsUnderTheLockBeforeTheFileIsCut) {
+  Write(path_, "a\nb\npart");
+  Lines seen;
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume(
+      [&](const Lines& lines, std::string*) {
+        seen = lines;
+        EXPECT_FALSE(Lockable(path_)) << "keep must run under the lock";
+        EXPECT_EQ(Read(path_), "a\nb\npart") << "nothing cut yet";
+        return true;
+      });
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(seen, (Lines{"a", "b"}));
+  EXPECT_EQ(r.lines, (Lines{"a", "b"}));
+  EXPECT_EQ(Read(path_), "part");
+}
+
+TEST_F(QueueConsumerTest, KeepRefusingLeavesEveryLineInTheFile) {
+  Write(path_, "a\nb\n");
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume(
+      [](const Lines&, std::string* why) {
+        *why = "disk full";
+        return false;
+      });
+  EXPECT_FALSE(r.ok);
+  EXPECT_NE(r.message.find("disk full"), std::string::npos) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_EQ(Read(path_), "a\nb\n");
+  EXPECT_TRUE(Lockable(path_));
+}
+
 TEST_F(QueueConsumerTest, KeepsAnUnfinishedLastLineInTheFile) {
   Write(path_, "one\ntwo\nthr");
   QueueConsumer consumer(path_);

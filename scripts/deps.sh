@@ -11,6 +11,7 @@ packages=(
   python3 python3-pytest
   util-linux procps inotify-tools
   systemd
+  nats-server libnats-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -32,6 +32,7 @@
 #ifndef YULOTIFYD_QUEUE_CONSUMER_H_
 #define YULOTIFYD_QUEUE_CONSUMER_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,19 @@ class QueueConsumer {
   // is replaced by another file while the lock is awaited, the new file is
   // the one consumed.
   Result Consume() const;
+
+  // Called with the complete lines while the lock is still held, before the
+  // file is cut. Returning false keeps every line in the file (the call then
+  // fails with `why`): a consumer that must have the lines safe somewhere
+  // else before they leave the queue file stores them here. Whatever it does
+  // delays the daemon's writers, who drop an event after about 30 ms of
+  // waiting for the lock, so it should be one write and one fsync at most.
+  using KeepLines =
+      std::function<bool(const std::vector<std::string>& lines,
+                         std::string* why)>;
+
+  // Consume() with `keep` run before the file is cut.
+  Result Consume(const KeepLines& keep) const;
 
  private:
   std::string queue_path_;

@@ -1,0 +1,247 @@
+// yulotify-forward: moves the lines of one queue file to a NATS JetStream
+// subject without losing any.
+//
+// Lines go queue file -> spool (fsynced before the queue file is cut) ->
+// server (removed from the spool once acknowledged). The server being away
+// only makes the spool grow, up to its bound; the daemon's queue file keeps
+// being emptied until then.
+//
+// Exit status: 0 stopped by SIGTERM or SIGINT, 1 a local failure (the spool
+// cannot be opened, bad server options), 2 usage error, 3 the server refused
+// to create the stream.
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <nats/nats.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "forward/log.h"
+#include "forward/options.h"
+#include "forward/publisher.h"
+#include "forward/spool.h"
+#include "yulotifyd/queue_consumer.h"
+
+namespace {
+
+using YULO::YULOTIFYD::QueueConsumer;
+using namespace YULO::YULOTIFYD::FORWARD;
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitUnreachable = 3;
+
+// Lines per batch published before waiting for their acknowledgements.
+constexpr size_t kBatchLines = 1000;
+constexpr size_t kBatchBytes = 1 << 20;
+// How long a batch may wait for its acknowledgements; also what SIGTERM
+// waits at most.
+constexpr int64_t kAckTimeoutMs = 5000;
+constexpr int64_t kMaxBackoffMs = 5000;
+
+const char kHelp[] =
+    "usage: yulotify-forward --server URL[,URL...] --subject SUBJECT\n"
+    "                        [--stream NAME] [--spool DIR] [--spool-max SIZE]\n"
+    "                        [--interval MS] [--config FILE] QUEUE_FILE\n"
+    "\n"
+    "Takes the lines of a yulotifyd queue file and publishes them, in order,\n"
+    "to NATS JetStream on SUBJECT. A line leaves the queue file only once it\n"
+    "is fsynced in the spool, and leaves the spool only once the server has\n"
+    "acknowledged it. Each message carries the headers Nats-Msg-Id (stable per\n"
+    "line, so a line sent twice is stored once), Yulotifyd-Host and\n"
+    "Yulotifyd-Event.\n"
+    "\n"
+    "Options:\n"
+    "  --server URL[,URL...]  NATS servers (nats://host:port)\n"
+    "  --subject SUBJECT      subject to publish on, e.g. yulotifyd.HOST.QUEUE\n"
+    "  --stream NAME          create this stream (file storage, SUBJECT) when\n"
+    "                         it does not exist; otherwise use it as it is\n"
+    "  --spool DIR            spool directory (default /var/lib/yulotifyd/forward)\n"
+    "  --spool-max SIZE       stop taking lines while the spool holds this much\n"
+    "                         (bytes, or with K, M, G; default 1G)\n"
+    "  --interval MS          how often the queue file is looked at (default 1000)\n"
+    "  --config FILE          key=value lines: server, subject, stream, spool,\n"
+    "                         spool-max, interval, queue; the command line wins\n"
+    "\n"
+    "Stops on SIGTERM or SIGINT, after waiting up to 5 s for the\n"
+    "acknowledgements of what it has sent.\n"
+    "\n"
+    "Exit status: 0 stopped by a signal, 1 local failure (spool, options of\n"
+    "the connection), 2 usage error, 3 the server refused to create the stream.\n";
+
+int64_t NowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+bool StopRequested(const sigset_t& stop_set) {
+  sigset_t pending;
+  sigpending(&pending);
+  for (int sig : {SIGTERM, SIGINT}) {
+    if (sigismember(&stop_set, sig) && sigismember(&pending, sig)) return true;
+  }
+  return false;
+}
+
+// Sleeps up to `ms`; true when a stop signal came.
+bool WaitForStop(const sigset_t& stop_set, int64_t ms) {
+  if (StopRequested(stop_set)) return true;
+  struct timespec ts = {static_cast<time_t>(ms / 1000),
+                        static_cast<long>((ms % 1000) * 1000000)};
+  const int sig = sigtimedwait(&stop_set, nullptr, &ts);
+  return sig == SIGTERM || sig == SIGINT;
+}
+
+std::string HostName() {
+  char buf[256] = "";
+  if (gethostname(buf, sizeof(buf) - 1) != 0) return "unknown";
+  return buf;
+}
+
+int Run(const Options& options, const sigset_t& stop_set) {
+  Spool spool;
+  std::string error;
+  if (!spool.Open(options.spool_dir, options.queue_file, &error)) {
+    ForwardLog("%s", error.c_str());
+    return kExitFailed;
+  }
+  ForwardLog("spool %s: %llu lines waiting", spool.spool_path().c_str(),
+             static_cast<unsigned long long>(spool.next_seq() - spool.acked_seq()));
+
+  Publisher::Config pc;
+  pc.servers = options.servers;
+  pc.subject = options.subject;
+  pc.stream = options.stream;
+  pc.host = HostName();
+  // Host, queue file, spool epoch and line number: the same line always
+  // gets the same id, two lines never do.
+  pc.id_prefix = pc.host + ":" + options.queue_file + ":" +
+                 std::to_string(spool.epoch()) + ":";
+  auto publisher = std::make_unique<Publisher>();
+  if (!publisher->Start(pc, &error)) {
+    ForwardLog("%s", error.c_str());
+    return kExitFailed;
+  }
+
+  QueueConsumer consumer(options.queue_file);
+  bool spool_full = false;
+  bool queue_failing = false;
+  bool publish_failing = false;
+  int64_t backoff_ms = 0;
+  int64_t next_publish_ms = 0;
+  std::vector<SpooledLine> batch;
+
+  for (;;) {
+    if (StopRequested(stop_set)) break;
+    // Take what the queue file holds, unless the spool is at its bound.
+    bool took = false;
+    if (spool.size_bytes() < options.spool_max_bytes) {
+      if (spool_full) {
+        ForwardLog("spool below its bound again: taking lines");
+        spool_full = false;
+      }
+      const QueueConsumer::Result r = consumer.Consume(
+          [&spool](const std::vector<std::string>& lines, std::string* why) {
+            return spool.Append(lines, why);
+          });
+      if (!r.ok) {
+        if (!queue_failing) ForwardLog("%s", r.message.c_str());
+        queue_failing = true;
+      } else {
+        if (queue_failing) ForwardLog("taking lines again");
+        queue_failing = false;
+        took = !r.lines.empty();
+      }
+    } else if (!spool_full) {
+      ForwardLog("spool full (%llu bytes): not taking lines until the server "
+                 "has acknowledged some",
+                 static_cast<unsigned long long>(spool.size_bytes()));
+      spool_full = true;
+    }
+
+    // Make sure of the stream as soon as there is a connection, then
+    // publish one batch and wait for its acknowledgements.
+    bool more = false;
+    if (publisher->connected() && NowMs() >= next_publish_ms &&
+        !StopRequested(stop_set)) {
+      const Publisher::StreamResult sr = publisher->EnsureStream(&error);
+      if (sr == Publisher::StreamResult::kFailed) {
+        ForwardLog("%s", error.c_str());
+        return kExitUnreachable;
+      }
+      bool ok = sr == Publisher::StreamResult::kReady;
+      if (ok && spool.unacked_bytes() > 0) {
+        spool.Rewind();
+        if (!spool.ReadNext(kBatchLines, kBatchBytes, &batch, &error)) {
+          ForwardLog("%s", error.c_str());
+          return kExitFailed;
+        }
+        const size_t acked = publisher->PublishBatch(batch, kAckTimeoutMs, &error);
+        if (acked > 0 && !spool.Acknowledge(batch[acked - 1].seq, &error)) {
+          // The lines were stored; they would only be sent again (and
+          // de-duplicated) after a restart.
+          ForwardLog("%s", error.c_str());
+        }
+        ok = acked == batch.size();
+      }
+      if (ok) {
+        if (publish_failing) ForwardLog("publishing again");
+        publish_failing = false;
+        backoff_ms = 0;
+        more = spool.unacked_bytes() > 0;
+      } else {
+        if (!publish_failing) ForwardLog("cannot publish: %s", error.c_str());
+        publish_failing = true;
+        backoff_ms = backoff_ms == 0 ? 100 : std::min(backoff_ms * 2, kMaxBackoffMs);
+        next_publish_ms = NowMs() + backoff_ms;
+      }
+    }
+    if (took || more) continue;
+    int64_t wait = options.interval_ms;
+    if (spool.unacked_bytes() > 0 && publisher->connected()) {
+      wait = std::max<int64_t>(1, std::min(wait, next_publish_ms - NowMs()));
+    }
+    if (WaitForStop(stop_set, wait)) break;
+  }
+  ForwardLog("stopping: %llu lines left in the spool",
+             static_cast<unsigned long long>(spool.next_seq() - spool.acked_seq()));
+  publisher.reset();
+  return kExitOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  std::string error;
+  if (!ParseCommandLine(argc, argv, &options, &error)) {
+    fprintf(stderr, "yulotify-forward: %s\n(see yulotify-forward --help)\n",
+            error.c_str());
+    return kExitUsage;
+  }
+  if (options.help) {
+    fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  // Blocked before the library starts its threads, so that they inherit
+  // the mask and the main thread takes the signals with sigtimedwait.
+  sigset_t stop_set;
+  sigemptyset(&stop_set);
+  sigaddset(&stop_set, SIGTERM);
+  sigaddset(&stop_set, SIGINT);
+  sigprocmask(SIG_BLOCK, &stop_set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  const int status = Run(options, stop_set);
+  nats_Close();
+  return status;
+}

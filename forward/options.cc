@@ -1,0 +1,246 @@
+#include "forward/options.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <map>
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace FORWARD {
+
+namespace {
+
+std::vector<std::string> SplitServers(const std::string& text) {
+  std::vector<std::string> out;
+  size_t pos = 0;
+  while (pos <= text.size()) {
+    size_t comma = text.find(',', pos);
+    if (comma == std::string::npos) comma = text.size();
+    if (comma > pos) out.emplace_back(text, pos, comma - pos);
+    pos = comma + 1;
+  }
+  return out;
+}
+
+std::string Trim(const std::string& s) {
+  const size_t b = s.find_first_not_of(" \t\r");
+  if (b == std::string::npos) return "";
+  const size_t e = s.find_last_not_of(" \t\r");
+  return s.substr(b, e - b + 1);
+}
+
+bool ParseInterval(const std::string& text, int* ms) {
+  if (text.empty() || text.size() > 9 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  const long v = std::strtol(text.c_str(), nullptr, 10);
+  if (v < 1 || v > kMaxIntervalMs) return false;
+  *ms = static_cast<int>(v);
+  return true;
+}
+
+// Sets one option by its long name (without "--"). `error` says why not.
+bool SetOption(const std::string& key, const std::string& value,
+               Options* o, std::string* error) {
+  if (key == "server") {
+    o->servers = SplitServers(value);
+    if (o->servers.empty()) {
+      *error = "server wants one URL or more, separated by commas";
+      return false;
+    }
+  } else if (key == "subject") {
+    if (value.empty() || value.find_first_of(" \t*>") != std::string::npos) {
+      *error = "subject must be a plain subject (no blanks, no wildcards)";
+      return false;
+    }
+    o->subject = value;
+  } else if (key == "stream") {
+    if (value.empty() || value.find_first_of(" \t.*>/\\") != std::string::npos) {
+      *error = "stream must be a name without blanks, '.', '*', '>' or slashes";
+      return false;
+    }
+    o->stream = value;
+  } else if (key == "spool") {
+    if (value.empty() || value[0] != '/') {
+      *error = "spool must be an absolute directory";
+      return false;
+    }
+    o->spool_dir = value;
+  } else if (key == "spool-max") {
+    if (!ParseSize(value, &o->spool_max_bytes)) {
+      *error = "spool-max wants a size in bytes (suffix K, M or G allowed)";
+      return false;
+    }
+  } else if (key == "interval") {
+    if (!ParseInterval(value, &o->interval_ms)) {
+      *error = "interval wants milliseconds, 1 to " +
+               std::to_string(kMaxIntervalMs);
+      return false;
+    }
+  } else if (key == "queue") {
+    if (value.empty() || value[0] != '/') {
+      *error = "the queue file must be an absolute path";
+      return false;
+    }
+    o->queue_file = value;
+  } else {
+    *error = "unknown option " + key;
+    return false;
+  }
+  return true;
+}
+
+bool ReadFile(const std::string& path, std::string* out, std::string* error) {
+  int fd;
+  do {
+    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    *error = "cannot open " + path;
+    return false;
+  }
+  char buf[4096];
+  for (;;) {
+    const ssize_t n = read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      close(fd);
+      *error = "cannot read " + path;
+      return false;
+    }
+    if (n == 0) break;
+    out->append(buf, static_cast<size_t>(n));
+    if (out->size() > 65536) {
+      close(fd);
+      *error = path + " is too large for a configuration file";
+      return false;
+    }
+  }
+  close(fd);
+  return true;
+}
+
+}  // namespace
+
+bool ParseSize(const std::string& text, uint64_t* bytes) {
+  if (text.empty()) return false;
+  size_t digits = text.find_first_not_of("0123456789");
+  if (digits == 0 || digits == std::string::npos) digits = text.size();
+  if (digits > 15) return false;
+  uint64_t v = std::strtoull(text.substr(0, digits).c_str(), nullptr, 10);
+  const std::string unit = text.substr(digits);
+  if (unit == "K" || unit == "k") v <<= 10;
+  else if (unit == "M") v <<= 20;
+  else if (unit == "G") v <<= 30;
+  else if (!unit.empty()) return false;
+  if (v == 0) return false;
+  *bytes = v;
+  return true;
+}
+
+bool ApplyConfigText(const std::string& text, const std::string& origin,
+                     Options* options, std::string* error) {
+  size_t pos = 0;
+  int number = 0;
+  while (pos < text.size()) {
+    size_t nl = text.find('\n', pos);
+    if (nl == std::string::npos) nl = text.size();
+    const std::string line = Trim(text.substr(pos, nl - pos));
+    pos = nl + 1;
+    ++number;
+    if (line.empty() || line[0] == '#') continue;
+    const size_t eq = line.find('=');
+    std::string why;
+    if (eq == std::string::npos) {
+      why = "expected key=value";
+    } else if (SetOption(Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)),
+                         options, &why)) {
+      continue;
+    }
+    *error = origin + ":" + std::to_string(number) + ": " + why;
+    return false;
+  }
+  return true;
+}
+
+bool ParseCommandLine(int argc, const char* const* argv, Options* options,
+                      std::string* error) {
+  // The file first, so that the command line can override it.
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      options->help = true;
+      return true;
+    }
+    if (arg == "--config" || arg.rfind("--config=", 0) == 0) {
+      std::string path;
+      if (arg == "--config") {
+        if (i + 1 >= argc) {
+          *error = "--config needs a value";
+          return false;
+        }
+        path = argv[i + 1];
+      } else {
+        path = arg.substr(9);
+      }
+      std::string text;
+      if (!ReadFile(path, &text, error)) return false;
+      if (!ApplyConfigText(text, path, options, error)) return false;
+    }
+  }
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
+      positional.push_back(arg);
+      continue;
+    }
+    std::string key = arg.substr(2);
+    std::string value;
+    const size_t eq = key.find('=');
+    if (eq != std::string::npos) {
+      value = key.substr(eq + 1);
+      key.resize(eq);
+    } else {
+      if (i + 1 >= argc) {
+        *error = arg + " needs a value";
+        return false;
+      }
+      value = argv[++i];
+    }
+    if (key == "config") continue;  // applied above
+    if (!SetOption(key, value, options, error)) {
+      if (error->rfind("unknown option", 0) == 0) *error = "unknown option --" + key;
+      return false;
+    }
+  }
+  if (positional.size() > 1) {
+    *error = "expects one QUEUE_FILE";
+    return false;
+  }
+  if (positional.size() == 1 &&
+      !SetOption("queue", positional[0], options, error)) {
+    return false;
+  }
+  if (options->servers.empty()) {
+    *error = "--server is required";
+    return false;
+  }
+  if (options->subject.empty()) {
+    *error = "--subject is required";
+    return false;
+  }
+  if (options->queue_file.empty()) {
+    *error = "QUEUE_FILE is required";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace FORWARD
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,56 @@
+// Command line and configuration file of yulotify-forward.
+//
+// Every option can be given on the command line or, with --config FILE, as
+// "key=value" lines of a file (the unit's /etc/yulotifyd/forward/NAME.conf).
+// The command line wins over the file. Blank lines and lines starting with
+// '#' are ignored.
+//
+// Thread-safety: plain functions on caller-owned values; no shared state.
+#ifndef YULOTIFYD_FORWARD_OPTIONS_H_
+#define YULOTIFYD_FORWARD_OPTIONS_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace FORWARD {
+
+constexpr const char kDefaultSpoolDir[] = "/var/lib/yulotifyd/forward";
+constexpr uint64_t kDefaultSpoolMaxBytes = uint64_t{1} << 30;  // 1 GiB
+constexpr int kDefaultIntervalMs = 1000;
+constexpr int kMaxIntervalMs = 3600 * 1000;
+
+struct Options {
+  std::vector<std::string> servers;  // nats://host:port ...
+  std::string subject;
+  std::string stream;  // empty: publish to whatever stream holds `subject`
+  std::string spool_dir = kDefaultSpoolDir;
+  uint64_t spool_max_bytes = kDefaultSpoolMaxBytes;
+  int interval_ms = kDefaultIntervalMs;
+  std::string queue_file;
+  bool help = false;
+};
+
+// Parses argv (argv[0] is the program). Returns false with a one-line
+// `error` on a usage error. With --help, returns true and sets `help`
+// without checking the rest.
+bool ParseCommandLine(int argc, const char* const* argv, Options* options,
+                      std::string* error);
+
+// Applies the "key=value" lines of `text` (keys: server, subject, stream,
+// spool, spool-max, interval, queue) to `options`. `origin` names the file
+// in error messages.
+bool ApplyConfigText(const std::string& text, const std::string& origin,
+                     Options* options, std::string* error);
+
+// "1048576", "64K", "100M", "1G" (binary units). False when not a positive
+// size.
+bool ParseSize(const std::string& text, uint64_t* bytes);
+
+}  // namespace FORWARD
+}  // namespace YULOTIFYD
+}  // namespace YULO
+
+#endif  // YULOTIFYD_FORWARD_OPTIONS_H_

@@ -1,0 +1,224 @@
+#include "forward/spool.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace FORWARD {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+class SpoolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/spool_test.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = std::string(tmpl) + "/spool";
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(fs::path(dir_).parent_path(), ec);
+  }
+
+  static std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+
+  // Every line from the first unacknowledged one.
+  static std::vector<SpooledLine> All(Spool* s) {
+    std::vector<SpooledLine> all, batch;
+    std::string error;
+    s->Rewind();
+    for (;;) {
+      EXPECT_TRUE(s->ReadNext(2, 1 << 20, &batch, &error)) << error;
+      if (batch.empty()) break;
+      all.insert(all.end(), batch.begin(), batch.end());
+    }
+    s->Rewind();
+    return all;
+  }
+
+  std::string dir_;
+  const std::string queue_ = "/srv/queues/idx.queue";
+};
+
+TEST_F(SpoolTest, NameIsReadableAndUniquePerPath) {
+  const std::string a = Spool::NameFor("/srv/queues/idx.queue");
+  EXPECT_EQ(a.rfind("srv_queues_idx.queue-", 0), 0u) << a;
+  EXPECT_NE(a, Spool::NameFor("/srv/queues_idx.queue"));
+}
+
+TEST_F(SpoolTest, LinesGetSequenceNumbersInOrder) {
+  Spool s;
+  std::string error;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  ASSERT_TRUE(s.Append({"a", "b", "c"}, &error));
+  ASSERT_TRUE(s.Append({"d"}, &error));
+  const auto all = All(&s);
+  ASSERT_EQ(all.size(), 4u);
+  for (size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(all[i].seq, i);
+    EXPECT_EQ(all[i].text, std::string(1, static_cast<char>('a' + i)));
+  }
+  EXPECT_EQ(s.next_seq(), 4u);
+  EXPECT_EQ(s.size_bytes(), 8u);
+}
+
+TEST_F(SpoolTest, AcknowledgedPositionSurvivesARestart) {
+  std::string error;
+  uint64_t epoch;
+  {
+    Spool s;
+    ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+    epoch = s.epoch();
+    ASSERT_TRUE(s.Append({"a", "b", "c", "d"}, &error));
+    std::vector<SpooledLine> batch;
+    ASSERT_TRUE(s.ReadNext(3, 1 << 20, &batch, &error));
+    ASSERT_EQ(batch.size(), 3u);
+    ASSERT_TRUE(s.Acknowledge(1, &error)) << error;  // a and b
+    // Dropped without a clean stop: the state file is all there is.
+  }
+  Spool s;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  EXPECT_EQ(s.epoch(), epoch);
+  const auto all = All(&s);
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].seq, 2u);
+  EXPECT_EQ(all[0].text, "c");
+  EXPECT_EQ(all[1].seq, 3u);
+  EXPECT_EQ(s.next_seq(), 4u);
+}
+
+TEST_F(SpoolTest, UnfinishedAppendIsDroppedOnOpen) {
+  std::string error;
+  std::string path;
+  {
+    Spool s;
+    ASSERT_TRUE(s.Open(dir_, queue_, &error));
+    ASSERT_TRUE(s.Append({"a"}, &error));
+    path = s.spool_path();
+  }
+  std::ofstream(path, std::ios::app) << "half a li";
+  Spool s;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  EXPECT_EQ(Read(path), "a\n");
+  ASSERT_TRUE(s.Append({"b"}, &error));
+  const auto all = All(&s);
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[1].seq, 1u);
+  EXPECT_EQ(all[1].text, "b");
+}
+
+TEST_F(SpoolTest, CompactsWhenEverythingIsAcknowledgedAndNumbersGoOn) {
+  Spool s;
+  std::string error;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error));
+  ASSERT_TRUE(s.Append({"a", "b"}, &error));
+  std::vector<SpooledLine> batch;
+  ASSERT_TRUE(s.ReadNext(10, 1 << 20, &batch, &error));
+  ASSERT_TRUE(s.Acknowledge(1, &error)) << error;
+  EXPECT_EQ(s.size_bytes(), 0u);
+  EXPECT_EQ(Read(s.spool_path()), "");
+  ASSERT_TRUE(s.Append({"c"}, &error));
+  auto all = All(&s);
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].seq, 2u);
+
+}
+
+TEST_F(SpoolTest, NumbersGoOnAfterCompactionAndRestart) {
+  std::string error;
+  {
+    Spool s;
+    ASSERT_TRUE(s.Open(dir_, queue_, &error));
+    ASSERT_TRUE(s.Append({"a", "b"}, &error));
+    std::vector<SpooledLine> batch;
+    ASSERT_TRUE(s.ReadNext(10, 1 << 20, &batch, &error));
+    ASSERT_TRUE(s.Acknowledge(1, &error)) << error;
+    ASSERT_TRUE(s.Append({"c"}, &error));
+  }
+  Spool s;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  const auto all = All(&s);
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].seq, 2u);
+  EXPECT_EQ(all[0].text, "c");
+}
+
+TEST_F(SpoolTest, InterruptedCompactionIsFinishedOnOpen) {
+  std::string error;
+  std::string path;
+  {
+    Spool s;
+    ASSERT_TRUE(s.Open(dir_, queue_, &error));
+    ASSERT_TRUE(s.Append({"a", "b", "c"}, &error));
+    std::vector<SpooledLine> batch;
+    ASSERT_TRUE(s.ReadNext(2, 1 << 20, &batch, &error));
+    ASSERT_TRUE(s.Acknowledge(1, &error));  // offset 4, seq 2
+    path = s.spool_path();
+  }
+  // As if "c" had been acknowledged, the file cut, and the state not yet
+  // written: it still says offset 4, past the end.
+  fs::resize_file(path, 0);
+  Spool s;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  EXPECT_TRUE(All(&s).empty());
+  ASSERT_TRUE(s.Append({"d"}, &error));
+  const auto all = All(&s);
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].text, "d");
+}
+
+TEST_F(SpoolTest, SecondOpenOfTheSameSpoolIsRefused) {
+  Spool a, b;
+  std::string error;
+  ASSERT_TRUE(a.Open(dir_, queue_, &error));
+  EXPECT_FALSE(b.Open(dir_, queue_, &error));
+  EXPECT_NE(error.find("in use"), std::string::npos) << error;
+}
+
+TEST_F(SpoolTest, DamagedStateIsRefusedRatherThanReusingIds) {
+  std::string error;
+  {
+    Spool s;
+    ASSERT_TRUE(s.Open(dir_, queue_, &error));
+  }
+  const std::string state = dir_ + "/" + Spool::NameFor(queue_) + ".state";
+  std::ofstream(state, std::ios::trunc) << "{garbage";
+  Spool s;
+  EXPECT_FALSE(s.Open(dir_, queue_, &error));
+  EXPECT_NE(error.find("damaged"), std::string::npos) << error;
+}
+
+TEST_F(SpoolTest, SizeTracksTheBound) {
+  Spool s;
+  std::string error;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error));
+  ASSERT_TRUE(s.Append({std::string(99, 'x')}, &error));
+  EXPECT_EQ(s.size_bytes(), 100u);
+  EXPECT_EQ(s.unacked_bytes(), 100u);
+  std::vector<SpooledLine> batch;
+  ASSERT_TRUE(s.ReadNext(1, 10, &batch, &error));  // longer than max_bytes
+  ASSERT_EQ(batch.size(), 1u);
+  EXPECT_EQ(batch[0].text.size(), 99u);
+  ASSERT_TRUE(s.Acknowledge(0, &error));
+  EXPECT_EQ(s.unacked_bytes(), 0u);
+}
+
+}  // namespace
+}  // namespace FORWARD
+}  // namespace YULOTIFYD
+}  // namespace YULO
