@@ -39,6 +39,7 @@
 #include "output/testing/log_capture.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
+#include "yulotifyd/queue_path.h"
 
 namespace YULO {
 namespace YULOTIFYD {

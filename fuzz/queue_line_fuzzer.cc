@@ -40,6 +40,7 @@
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_consumer.h"
+#include "yulotifyd/queue_path.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "log_format.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 

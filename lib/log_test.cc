@@ -6,6 +6,8 @@
 #include <cstdarg>
 #include <string>
 
+#include "log_format.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace {

@@ -15,6 +15,7 @@
 #include "output/testing/fake_event_source.h"
 #include "output/testing/log_capture.h"
 #include "yulotifyd/log.h"
+#include "yulotifyd/queue_path.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -9,9 +9,10 @@
 // as the escape "\udcXX" (U+DC00 plus the byte, which is always 0x80 or
 // more). This is the "surrogateescape" convention: a Python consumer gets the
 // original bytes back with os.fsencode(json.loads(line)["path"]), a C++
-// consumer parsing with JsonCpp with DecodeQueuePath. Strings that are valid
-// UTF-8 come out exactly as JsonCpp writes them. docs/queue-files.md
-// describes the format for consumers.
+// consumer parsing with JsonCpp with libyulotifyd's DecodeQueuePath
+// (yulotifyd/queue_path.h). Strings that are valid UTF-8 come out exactly as
+// JsonCpp writes them. docs/queue-files.md describes the format for
+// consumers.
 //
 // Thread-safety: every function is reentrant and keeps no state. Nothing
 // here logs.
@@ -58,12 +59,6 @@ void AppendQueueLine(std::string& out, uint32_t code, std::string_view path,
 // with QuoteQueueString, keys and member order unchanged. Strings nested
 // deeper than the top level are left to JsonCpp (queue lines have none).
 std::string QueueLineText(const Json::Value& object);
-
-// The inverse of the escape for consumers that parse lines with JsonCpp:
-// JsonCpp decodes "\udcXX" into the three bytes ED B2..B3 xx; this maps each
-// such triple back to the single byte 0x80..0xFF and leaves everything else
-// as it is. DecodeQueuePath(parsed "path") is the file's original name.
-std::string DecodeQueuePath(const std::string& parsed);
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

@@ -13,6 +13,7 @@
 #include "notify/notify_event.h"
 #include "output/testing/fake_event_source.h"
 #include "yulotifyd/json_util.h"
+#include "yulotifyd/queue_path.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -225,14 +226,6 @@ TEST(QueueLineTest, AnyBytesRoundTripThroughJsonCpp) {
     ASSERT_EQ(DecodeQueuePath(parsed["path"].asString()), path) << line;
     ASSERT_EQ(parsed["event"].asUInt(), 64u);
   }
-}
-
-TEST(QueueLineTest, DecodeLeavesOrdinaryTextAlone) {
-  EXPECT_EQ(DecodeQueuePath("/vol1/\xc3\xa9/\xf0\x9f\x98\x80"),
-            "/vol1/\xc3\xa9/\xf0\x9f\x98\x80");
-  EXPECT_EQ(DecodeQueuePath("\xed\xb3\xbf\xed\xb2\x80"), "\xff\x80");
-  // U+DC00..U+DC7F are not escapes of ours: kept.
-  EXPECT_EQ(DecodeQueuePath("\xed\xb0\x80"), "\xed\xb0\x80");
 }
 
 // The documented consumer recipe in Python: json.loads then os.fsencode.

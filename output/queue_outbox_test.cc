@@ -18,6 +18,7 @@
 #include "output/testing/log_capture.h"
 #include "output/testing/scripted_file_ops.h"
 #include "yulotifyd/log.h"
+#include "yulotifyd/queue_path.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -28,11 +28,13 @@
 #include <cstdint>
 #include <string>
 
+#include "yulotifyd/export.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
 // The socket path compiled into this library (the daemon's default).
-const char* DefaultControlSocketPath();
+YULOTIFYD_EXPORT const char* DefaultControlSocketPath();
 
 // The outcome of one exchange with the daemon.
 struct ControlResult {
@@ -61,7 +63,7 @@ struct ControlResult {
   bool answered() const { return status == Status::kAnswered; }
 };
 
-class ControlClient {
+class YULOTIFYD_EXPORT ControlClient {
  public:
   // A command body never gets near this; the daemon refuses longer ones
   // unread, so the client refuses them before sending.
@@ -108,7 +110,8 @@ class ControlClient {
  private:
   // One exchange; with `payload`, an answer 0 is followed by an object
   // (8-byte length and text) read into it.
-  ControlResult Exchange(const std::string& text, std::string* payload) const;
+  YULOTIFYD_NO_EXPORT ControlResult Exchange(const std::string& text,
+                                             std::string* payload) const;
 
   std::string socket_path_;
   int timeout_ms_;

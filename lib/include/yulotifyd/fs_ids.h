@@ -22,10 +22,12 @@
 
 #include <sys/types.h>
 
+#include "yulotifyd/export.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
-class ScopedFsIds {
+class YULOTIFYD_EXPORT ScopedFsIds {
  public:
   // Switches the calling thread to file-system ids `uid` and `gid` (group
   // first). ok() tells whether both took effect; when not, the previous ids

@@ -17,34 +17,26 @@
 #define YULOTIFYD_LOG_H_
 
 #include <atomic>
-#include <cstdarg>
 #include <cstdint>
-#include <string>
+
+#include "yulotifyd/export.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 
 // The current verbosity; 3 (error) until someone changes it.
-extern std::atomic<int32_t> LOG_LEVEL;
+YULOTIFYD_EXPORT extern std::atomic<int32_t> LOG_LEVEL;
 
 enum class LogGate { kAlways, kInfo, kDebug };
 
 // True when a message of this gate is to be written at the current level.
-bool LogGateOpen(LogGate gate);
+YULOTIFYD_EXPORT bool LogGateOpen(LogGate gate);
 
 // Writes one line at LOG_ERR: "<stem of file>:<line> " + the formatted text.
 // `file` may be a full path (__FILE__); only its base name is printed.
-void LogWrite(const char* file, int line, const char* fmt, ...)
+YULOTIFYD_EXPORT void LogWrite(const char* file, int line, const char* fmt,
+                               ...)
     __attribute__((format(printf, 3, 4)));
-
-// The text LogWrite hands to syslog, without writing it. `saved_errno` is
-// what "%m" expands to.
-std::string FormatLogLine(const char* file, int line, int saved_errno,
-                          const char* fmt, va_list args)
-    __attribute__((format(printf, 4, 0)));
-
-// "dir/volume_manager.cc" -> "volume_manager".
-std::string SourceStem(const char* file);
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

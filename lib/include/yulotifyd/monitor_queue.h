@@ -32,6 +32,8 @@
 #include <string>
 #include <vector>
 
+#include "yulotifyd/export.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
@@ -60,7 +62,7 @@ enum : uint32_t {
   QUEUE_EVENT_ALL = 1023,  // every code a monitor can ask for
 };
 
-class MonitorQueue {
+class YULOTIFYD_EXPORT MonitorQueue {
  public:
   // One monitor of a queue.
   struct MonitorQueueConfig {

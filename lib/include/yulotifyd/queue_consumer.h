@@ -36,10 +36,12 @@
 #include <string>
 #include <vector>
 
+#include "yulotifyd/export.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
-class QueueConsumer {
+class YULOTIFYD_EXPORT QueueConsumer {
  public:
   static constexpr int kDefaultLockTimeoutMs = 5000;
 

@@ -31,10 +31,12 @@
 
 #include <atomic>
 
+#include "yulotifyd/export.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
-class Thread {
+class YULOTIFYD_EXPORT Thread {
  public:
   typedef void (*Action)(Thread* thread, char* arg);
 
@@ -96,7 +98,8 @@ class Thread {
   std::atomic<bool> stop_flag;
 
  private:
-  static void* Trampoline(void* self);
+  // The pthread start routine; runs Run() on the new thread.
+  YULOTIFYD_NO_EXPORT static void* Trampoline(void* self);
 
   pthread_t thread_;
   bool started_;
