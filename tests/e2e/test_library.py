@@ -13,15 +13,21 @@ import pytest
 
 BUILD_TIMEOUT = 300
 
-# Uses one piece of every kind the library exports: a free function
-# (DecodeQueuePath on a path as JsonCpp parses it), MonitorQueue, a class
-# derived from Thread (its vtable and typeinfo), the JSON helpers, the
-# logging macros and LOG_LEVEL, and ResolveSharePath, which runs in
-# libyuloplatform, a dependency the consumer does not link itself.
+# Includes every installed header (they must compile with -Wall -Wextra
+# -Werror) and uses one piece of every kind the library exports: a free
+# function (DecodeQueuePath on a path as JsonCpp parses it), MonitorQueue, a
+# class derived from Thread (its vtable and typeinfo), ControlClient, the
+# JSON helpers, the logging macros and LOG_LEVEL, and ResolveSharePath,
+# which runs in libyuloplatform, a dependency the consumer does not link
+# itself.
 CONSUMER_SOURCE = r"""
+#include <yulotifyd/control_client.h>
+#include <yulotifyd/export.h>
+#include <yulotifyd/fs_ids.h>
 #include <yulotifyd/json_util.h>
 #include <yulotifyd/log.h>
 #include <yulotifyd/monitor_queue.h>
+#include <yulotifyd/queue_consumer.h>
 #include <yulotifyd/queue_path.h>
 #include <yulotifyd/thread.h>
 
@@ -81,6 +87,12 @@ int main() {
   }
   Thread::DestroyThreadLock();
 
+  // Nobody listens on a socket in a directory that does not exist.
+  const ControlResult result =
+      ControlClient("/nonexistent-yulotifyd-dir/sock").SetLogLevel("debug");
+  std::printf("control %d\n",
+              result.status == ControlResult::Status::kUnreachable);
+
   Json::Value object(Json::objectValue);
   object["a"] = 1;
   std::printf("json %s\n", toString(object).c_str());
@@ -96,6 +108,7 @@ EXPECTED_OUTPUT = (
     "monitor 1 0 0\n"
     "share 0\n"
     "thread 1 0\n"
+    "control 1\n"
     'json {"a":1}\n'
     "level 3\n"
 )
