@@ -14,7 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/json_util.h"
 

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <utility>
 
-#include "errno_text.h"
+#include "base/errno_text.h"
 #include "yulo_build_config.h"
 #include "yulo_platform.h"
 #include "yulotifyd/json_util.h"

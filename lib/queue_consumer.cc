@@ -10,7 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -12,13 +12,13 @@
 #include <utility>
 #include <vector>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/fanotify_backend.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
 #include "notify/testing/kernel_environment.h"
 #include "notify/testing/scratch_mounts.h"
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

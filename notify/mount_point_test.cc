@@ -37,40 +37,6 @@ class MountPointTest : public ::testing::Test {
   int32_t saved_level_ = 3;
 };
 
-TEST(ParentDirTest, Cases) {
-  EXPECT_EQ("/vol1", ParentDir("/vol1/share"));
-  EXPECT_EQ("/", ParentDir("/vol1"));
-  EXPECT_EQ("/", ParentDir("/"));
-  EXPECT_EQ("/", ParentDir(""));
-  EXPECT_EQ("/", ParentDir("abc"));
-  EXPECT_EQ("a", ParentDir("a/b"));
-  // Trailing slashes are not removed first.
-  EXPECT_EQ("/vol1/share", ParentDir("/vol1/share/"));
-  EXPECT_EQ("/vol1/share/", ParentDir("/vol1/share//"));
-}
-
-TEST(DecodeMountFieldTest, PlainFieldIsCopied) {
-  EXPECT_EQ("/vol1/share", DecodeMountField("/vol1/share"));
-  EXPECT_EQ("", DecodeMountField(""));
-}
-
-TEST(DecodeMountFieldTest, OctalEscapes) {
-  EXPECT_EQ("/mnt/my vol", DecodeMountField("/mnt/my\\040vol"));
-  EXPECT_EQ("/a\tb\nc\\d", DecodeMountField("/a\\011b\\012c\\134d"));
-  EXPECT_EQ(" 1", DecodeMountField("\\0401"));
-  // Kept to its low 8 bits.
-  EXPECT_EQ(std::string("/\xff", 2), DecodeMountField("/\\777"));
-  EXPECT_EQ(std::string("/\0x", 3), DecodeMountField("/\\000x"));
-}
-
-TEST(DecodeMountFieldTest, BadEscapeCutsTheField) {
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\x"));
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\04"));
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\048rest"));
-  EXPECT_EQ("/mnt/a b", DecodeMountField("/mnt/a\\040b\\"));
-  EXPECT_EQ("", DecodeMountField("\\"));
-}
-
 TEST_F(MountPointTest, RootFileSystemClimbsToRoot) {
   EXPECT_EQ("/", GetMountPoint("/etc/x", env_));
   EXPECT_TRUE(TakeSyslogTexts().empty());
@@ -198,37 +164,6 @@ TEST_F(MountPointTest, UnstatableAncestorGivesEmpty) {
 TEST_F(MountPointTest, RealFileSystem) {
   // The root directory is always a mount point of the real system.
   EXPECT_EQ("/", GetMountPoint("/"));
-}
-
-TEST(NormalisePathTest, OneSpellingPerPath) {
-  EXPECT_EQ("/vol1", NormalisePath("/vol1"));
-  EXPECT_EQ("/vol1", NormalisePath("/vol1/"));
-  EXPECT_EQ("/vol1", NormalisePath("//vol1//"));
-  EXPECT_EQ("/vol1", NormalisePath("/./vol1/."));
-  EXPECT_EQ("/srv/vol1", NormalisePath("/srv/./vol1/./"));
-  EXPECT_EQ("/", NormalisePath("/"));
-  EXPECT_EQ("/", NormalisePath("//"));
-  EXPECT_EQ("/", NormalisePath("/./"));
-  EXPECT_EQ("", NormalisePath(""));
-  // ".." depends on symbolic links: left as written.
-  EXPECT_EQ("/a/../b", NormalisePath("/a/../b/"));
-  // A "." inside a name is no component of its own.
-  EXPECT_EQ("/a./.b/c.d", NormalisePath("/a./.b/c.d"));
-  EXPECT_EQ("a/b", NormalisePath("a//./b/"));
-  EXPECT_EQ(".", NormalisePath("./"));
-}
-
-TEST(DirPrefixTest, ExactlyOneTrailingSlash) {
-  EXPECT_EQ("/vol1/", DirPrefix("/vol1"));
-  EXPECT_EQ("/vol1/", DirPrefix("/vol1/"));
-  EXPECT_EQ("/", DirPrefix("/"));
-  EXPECT_EQ("/", DirPrefix(""));
-}
-
-TEST(JoinPathTest, OneSlashBetween) {
-  EXPECT_EQ("/vol1/Public", JoinPath("/vol1", "Public"));
-  EXPECT_EQ("/vol1/Public", JoinPath("/vol1/", "Public"));
-  EXPECT_EQ("/Public", JoinPath("/", "Public"));
 }
 
 TEST(GetMountIdentityTest, SameMountSameIdentity) {

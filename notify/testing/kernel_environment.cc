@@ -6,9 +6,9 @@
 
 #include <sstream>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/testing/scratch_mounts.h"
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -1,0 +1,84 @@
+#include "base/file_io.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+
+namespace {
+
+constexpr size_t kChunk = 64 * 1024;
+
+}  // namespace
+
+int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
+  out->clear();
+  UniqueFd fd(RetryOnEintr([&] {
+    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  }));
+  if (!fd.Valid()) return errno;
+  int err = 0;
+  size_t used = 0;
+  for (;;) {
+    // Read straight into the string: grow it a chunk ahead of what it holds
+    // and cut it back to what was read.
+    if (out->size() - used < kChunk) out->resize(used + kChunk);
+    const ssize_t n = RetryOnEintr(
+        [&] { return ::read(fd.Get(), &(*out)[used], out->size() - used); });
+    if (n < 0) {
+      err = errno;
+      break;
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+    if (used > max_bytes) {
+      err = EFBIG;
+      break;
+    }
+  }
+  out->resize(err == 0 ? used : 0);
+  return err;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n =
+        RetryOnEintr([&] { return ::write(fd, data + done, size - done); });
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool WriteAllAt(int fd, const char* data, size_t size, off_t offset) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = RetryOnEintr([&] {
+      return ::pwrite(fd, data + done, size - done,
+                      offset + static_cast<off_t>(done));
+    });
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool FsyncRetrying(int fd) {
+  return RetryOnEintr([&] { return ::fsync(fd); }) == 0;
+}
+
+}  // namespace YULOTIFYD
+}  // namespace YULO
