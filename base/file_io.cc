@@ -44,6 +44,15 @@ int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
   return err;
 }
 
+bool WriteWholeFile(const std::string& path, const std::string& data,
+                    mode_t mode) {
+  UniqueFd fd(RetryOnEintr([&] {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
+                  mode);
+  }));
+  return fd.Valid() && WriteAll(fd.Get(), data.data(), data.size());
+}
+
 bool WriteAll(int fd, const char* data, size_t size) {
   size_t done = 0;
   while (done < size) {

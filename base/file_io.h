@@ -24,6 +24,11 @@ constexpr size_t kNoReadLimit = SIZE_MAX;
 // failure.
 int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out);
 
+// Replaces the content of `path` (created with `mode` if missing) with
+// `data`. False with errno set on failure.
+bool WriteWholeFile(const std::string& path, const std::string& data,
+                    mode_t mode);
+
 // Writes all `size` bytes at the descriptor's position. False with errno
 // set when write fails; a write that takes nothing counts as EIO.
 bool WriteAll(int fd, const char* data, size_t size);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -73,6 +74,22 @@ TEST(WriteAllTest, WritesEverythingAndAppends) {
   std::string out;
   ASSERT_EQ(0, ReadWholeFile(path, kNoReadLimit, &out));
   EXPECT_EQ("head" + big, out);
+}
+
+TEST(WriteWholeFileTest, CreatesAndReplaces) {
+  TempDir dir;
+  const std::string path = dir.File("f");
+  ASSERT_TRUE(WriteWholeFile(path, "a longer first text", 0600));
+  ASSERT_TRUE(WriteWholeFile(path, "short", 0644));
+  std::string out;
+  ASSERT_EQ(0, ReadWholeFile(path, kNoReadLimit, &out));
+  EXPECT_EQ("short", out);
+  struct stat st;
+  ASSERT_EQ(0, ::stat(path.c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 0777);  // the mode of a new file only
+  errno = 0;
+  EXPECT_FALSE(WriteWholeFile(dir.File("missing/f"), "x", 0600));
+  EXPECT_EQ(ENOENT, errno);
 }
 
 TEST(WriteAllTest, FailureSetsErrno) {

@@ -35,7 +35,7 @@
 #include "fuzz/common/fuzz_support.h"
 #include "notify/mount_point.h"
 #include "notify/testing/fake_backend.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "platform_internal.h"
 
 namespace yulo_platform {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "notify/testing/fake_backend.h"
-#include "notify/testing/syslog_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -12,14 +12,14 @@ namespace YULOTIFYD {
 namespace {
 
 using testing::FakeMountEnv;
-using testing::TakeSyslogTexts;
+using testing::TakeLogLines;
 
 class MountPointTest : public ::testing::Test {
  protected:
   void SetUp() override {
     saved_level_ = LOG_LEVEL.load();
     LOG_LEVEL = 3;
-    TakeSyslogTexts();
+    TakeLogLines();
     env_.AddDir("/", 1);
     env_.AddDir("/etc", 1);
     env_.AddDir("/etc/x", 1);
@@ -39,7 +39,7 @@ class MountPointTest : public ::testing::Test {
 
 TEST_F(MountPointTest, RootFileSystemClimbsToRoot) {
   EXPECT_EQ("/", GetMountPoint("/etc/x", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, RootItself) { EXPECT_EQ("/", GetMountPoint("/", env_)); }
@@ -48,7 +48,7 @@ TEST_F(MountPointTest, RootMissingFromTheTableStillGivesRoot) {
   env_.SetMountTable("/dev/sdb1 /vol1 ext4 rw 0 0\n");
   LOG_LEVEL = 7;
   EXPECT_EQ("/", GetMountPoint("/etc/x", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ("yulotify:569 yulotify(569): cannot find mount point /etc/x",
             lines[0]);
@@ -92,7 +92,7 @@ TEST_F(MountPointTest, FieldCutAtABadEscapeMatches) {
       "/dev/sdd1 /mnt/a\\x ext4 rw 0 0\n");
   LOG_LEVEL = 7;
   EXPECT_EQ("/mnt/a", GetMountPoint("/mnt/a/d", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, TabsSeparateFieldsToo) {
@@ -114,7 +114,7 @@ TEST_F(MountPointTest, NotInTheTableReturnsTheFirstAncestorElsewhere) {
   env_.AddDir("/data/x", 5);
   LOG_LEVEL = 7;
   EXPECT_EQ("/", GetMountPoint("/data/x", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ("yulotify:569 yulotify(569): cannot find mount point /data/x",
             lines[0]);
@@ -132,7 +132,7 @@ TEST_F(MountPointTest, MissingLineIsOnlyLoggedAtDebug) {
   env_.AddDir("/data", 5);
   LOG_LEVEL = 6;
   EXPECT_EQ("/", GetMountPoint("/data", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, UnreadableTableMatchesNothing) {
@@ -142,7 +142,7 @@ TEST_F(MountPointTest, UnreadableTableMatchesNothing) {
 
 TEST_F(MountPointTest, MissingPathGivesEmptyAndLogsAlways) {
   EXPECT_EQ("", GetMountPoint("/nope", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(
       "yulotify:532 yulotify(532): stat('/nope'): No such file or directory "
@@ -153,7 +153,7 @@ TEST_F(MountPointTest, MissingPathGivesEmptyAndLogsAlways) {
 TEST_F(MountPointTest, UnstatableAncestorGivesEmpty) {
   env_.AddDir("/ghost/child", 2);  // its parent cannot be stat'ed
   EXPECT_EQ("", GetMountPoint("/ghost/child", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(
       "yulotify:542 yulotify(542): stat('/ghost'): No such file or directory "

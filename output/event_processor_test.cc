@@ -13,7 +13,7 @@
 
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {

@@ -15,7 +15,7 @@
 
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "output/testing/scripted_file_ops.h"
 #include "yulotifyd/log.h"
 

@@ -1,6 +1,5 @@
 #include "base/testing/temp_dir.h"
 
-#include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -12,7 +11,6 @@
 
 #include "base/errno_text.h"
 #include "base/file_io.h"
-#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -56,10 +54,7 @@ std::string TempDir::File(const std::string& name) const {
 std::string TempDir::Write(const std::string& name,
                            const std::string& contents) const {
   const std::string path = File(name);
-  UniqueFd fd(RetryOnEintr([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  }));
-  if (!fd.Valid() || !WriteAll(fd.Get(), contents.data(), contents.size())) {
+  if (!WriteWholeFile(path, contents, 0644)) {
     ADD_FAILURE() << "cannot write " << path << ": " << ErrnoText(errno);
   }
   return path;

@@ -79,11 +79,6 @@ class SysctlOverride {
   bool ok_ = false;
 };
 
-// Reads a small text file whole ("" on failure).
-std::string ReadTextFile(const std::string& path);
-// Replaces the contents of an existing file; false on failure.
-bool WriteTextFile(const std::string& path, const std::string& text);
-
 }  // namespace testing
 }  // namespace YULOTIFYD
 }  // namespace YULO
