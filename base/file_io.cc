@@ -17,10 +17,15 @@ constexpr size_t kChunk = 64 * 1024;
 
 int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
   out->clear();
-  UniqueFd fd(RetryOnEintr([&] {
+  const UniqueFd fd(RetryOnEintr([&] {
     return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   }));
   if (!fd.Valid()) return errno;
+  return ReadToEnd(fd.Get(), max_bytes, out);
+}
+
+int ReadToEnd(int fd, size_t max_bytes, std::string* out) {
+  out->clear();
   int err = 0;
   size_t used = 0;
   for (;;) {
@@ -28,7 +33,7 @@ int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
     // and cut it back to what was read.
     if (out->size() - used < kChunk) out->resize(used + kChunk);
     const ssize_t n = RetryOnEintr(
-        [&] { return ::read(fd.Get(), &(*out)[used], out->size() - used); });
+        [&] { return ::read(fd, &(*out)[used], out->size() - used); });
     if (n < 0) {
       err = errno;
       break;

@@ -29,6 +29,10 @@ int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out);
 bool WriteWholeFile(const std::string& path, const std::string& data,
                     mode_t mode);
 
+// The same from an open descriptor, from its position to the end of the
+// file. The descriptor stays open.
+int ReadToEnd(int fd, size_t max_bytes, std::string* out);
+
 // Writes all `size` bytes at the descriptor's position. False with errno
 // set when write fails; a write that takes nothing counts as EIO.
 bool WriteAll(int fd, const char* data, size_t size);

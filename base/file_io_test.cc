@@ -63,6 +63,19 @@ TEST(ReadWholeFileTest, ReadsProcFilesThatReportNoSize) {
   EXPECT_NE(std::string::npos, out.find(" / "));
 }
 
+TEST(ReadToEndTest, ReadsFromThePositionAndLeavesItOpen) {
+  TempDir dir;
+  UniqueFd fd(::open(dir.Write("f", "0123456789").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(fd.Valid());
+  ASSERT_EQ(4, ::lseek(fd.Get(), 4, SEEK_SET));
+  std::string out;
+  ASSERT_EQ(0, ReadToEnd(fd.Get(), kNoReadLimit, &out));
+  EXPECT_EQ("456789", out);
+  ASSERT_EQ(0, ::lseek(fd.Get(), 0, SEEK_SET));
+  EXPECT_EQ(EFBIG, ReadToEnd(fd.Get(), 9, &out));
+  EXPECT_EQ("", out);
+}
+
 TEST(WriteAllTest, WritesEverythingAndAppends) {
   TempDir dir;
   const std::string path = dir.Write("f", "");

@@ -12,6 +12,8 @@
 
 #include "base/clock.h"
 #include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -24,7 +26,6 @@ constexpr long kLockRetryNs = 1000 * 1000;
 // How often the path may turn out to name another file once locked before
 // the consumer gives up (someone keeps replacing it).
 constexpr int kReopenAttempts = 5;
-constexpr size_t kReadChunk = 1 << 16;
 
 // Unlocks (if locked) and closes on every way out.
 class LockedFile {
@@ -34,19 +35,17 @@ class LockedFile {
   LockedFile(const LockedFile&) = delete;
   LockedFile& operator=(const LockedFile&) = delete;
 
-  int fd() const { return fd_; }
+  int fd() const { return fd_.Get(); }
   void set_locked() { locked_ = true; }
 
   void Release() {
-    if (fd_ < 0) return;
-    if (locked_) flock(fd_, LOCK_UN);
-    close(fd_);
-    fd_ = -1;
+    if (locked_) flock(fd_.Get(), LOCK_UN);
+    fd_.Reset();
     locked_ = false;
   }
 
  private:
-  int fd_;
+  UniqueFd fd_;
   bool locked_ = false;
 };
 
@@ -56,40 +55,6 @@ QueueConsumer::Result Fail(int error, std::string message) {
   result.error = error;
   result.message = std::move(message);
   return result;
-}
-
-// Reads the whole file from its start.
-bool ReadAll(int fd, std::string* out, int* error) {
-  out->clear();
-  char buf[kReadChunk];
-  off_t offset = 0;
-  for (;;) {
-    const ssize_t n = pread(fd, buf, sizeof(buf), offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      *error = errno;
-      return false;
-    }
-    if (n == 0) return true;
-    out->append(buf, static_cast<size_t>(n));
-    offset += n;
-  }
-}
-
-bool WriteAllAt(int fd, const char* data, size_t size, off_t offset,
-                int* error) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = pwrite(fd, data + done, size - done,
-                             offset + static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      *error = n < 0 ? errno : EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 void SplitLines(const std::string& text, size_t end,
@@ -114,10 +79,10 @@ int OpenQueue(const std::string& path, int flags, struct stat* st,
   // O_NONBLOCK: a FIFO in the file's place must not hang us before the
   // regular-file check. It changes nothing for a regular file.
   flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  int fd;
+  UniqueFd fd;
   for (;;) {
-    fd = open(path.c_str(), flags);
-    if (fd >= 0) break;
+    fd.Reset(open(path.c_str(), flags));
+    if (fd.Valid()) break;
     if (errno == EINTR) continue;
     // O_NOATIME is allowed to the file's owner (and CAP_FOWNER) only;
     // anybody else reads it the ordinary way.
@@ -129,18 +94,16 @@ int OpenQueue(const std::string& path, int flags, struct stat* st,
     *failure = Fail(err, "cannot open " + path + ": " + ErrnoText(err));
     return -1;
   }
-  if (fstat(fd, st) != 0) {
+  if (fstat(fd.Get(), st) != 0) {
     const int err = errno;
-    close(fd);
     *failure = Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
     return -1;
   }
   if (!S_ISREG(st->st_mode)) {
-    close(fd);
     *failure = Fail(EINVAL, path + " is not a regular file");
     return -1;
   }
-  return fd;
+  return fd.Release();
 }
 
 // Takes `op` (LOCK_EX or LOCK_SH) on the file with non-blocking attempts
@@ -208,9 +171,10 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
     }
     if (!StillNamed(path, st)) continue;  // `file` unlocks and closes
 
+    // The file was just opened: its whole content, from the start.
     std::string text;
-    int err = 0;
-    if (!ReadAll(file.fd(), &text, &err)) {
+    int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
+    if (err != 0) {
       return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
     }
     if (text.empty()) {
@@ -245,9 +209,10 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
     result.ok = true;
     if (complete < text.size()) {
       if (WriteAllAt(file.fd(), text.data() + complete,
-                     text.size() - complete, 0, &err)) {
+                     text.size() - complete, 0)) {
         result.kept_partial_line = true;
       } else {
+        err = errno;
         result.error = err;
         result.message = "the unfinished last line of " + path +
                          " could not be put back: " + ErrnoText(err);
@@ -279,9 +244,10 @@ QueueConsumer::Result QueueConsumer::Peek() const {
     }
     if (!StillNamed(path, st)) continue;  // show what the path names now
 
+    // The file was just opened: its whole content, from the start.
     std::string text;
-    int err = 0;
-    if (!ReadAll(file.fd(), &text, &err)) {
+    const int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
+    if (err != 0) {
       return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
     }
     file.Release();
