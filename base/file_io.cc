@@ -13,6 +13,23 @@ namespace {
 
 constexpr size_t kChunk = 64 * 1024;
 
+// Calls `write_from(done)` until `size` bytes are written; it writes what
+// is left after the first `done` bytes and returns what write(2) returns.
+template <typename WriteFrom>
+bool WriteInPieces(size_t size, WriteFrom write_from) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = RetryOnEintr([&] { return write_from(done); });
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;  // nothing taken: a failure nobody reports otherwise
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
 }  // namespace
 
 int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
@@ -59,35 +76,16 @@ bool WriteWholeFile(const std::string& path, const std::string& data,
 }
 
 bool WriteAll(int fd, const char* data, size_t size) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n =
-        RetryOnEintr([&] { return ::write(fd, data + done, size - done); });
-    if (n < 0) return false;
-    if (n == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  return WriteInPieces(size, [&](size_t done) {
+    return ::write(fd, data + done, size - done);
+  });
 }
 
 bool WriteAllAt(int fd, const char* data, size_t size, off_t offset) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = RetryOnEintr([&] {
-      return ::pwrite(fd, data + done, size - done,
-                      offset + static_cast<off_t>(done));
-    });
-    if (n < 0) return false;
-    if (n == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  return WriteInPieces(size, [&](size_t done) {
+    return ::pwrite(fd, data + done, size - done,
+                    offset + static_cast<off_t>(done));
+  });
 }
 
 bool FsyncRetrying(int fd) {

@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "yulotifyd/json_util.h"
 
 namespace YULO {
@@ -36,15 +37,8 @@ namespace fs = std::filesystem;
 class QueueConsumerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/queue_consumer_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = scratch_.path();
     path_ = dir_ + "/events.queue";
-  }
-
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
 
   static void Write(const std::string& path, const std::string& text) {
@@ -113,6 +107,7 @@ class QueueConsumerTest : public ::testing::Test {
     return ok;
   }
 
+  testing::TempDir scratch_{"queue-consumer"};
   std::string dir_;
   std::string path_;
 };
