@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
 #include "lib/testing/log_capture.h"
@@ -27,7 +28,7 @@ using testing::MakeOverflow;
 using testing::MakeQueue;
 using testing::ParseLine;
 using testing::ReadLines;
-using testing::ScratchDir;
+using testing::TempDir;
 using testing::TakeLogLines;
 using testing::WriteFileText;
 using testing::ReadFileText;
@@ -71,7 +72,7 @@ class EventProcessorTest : public ::testing::Test {
   }
 
   FakeEventSource source_;
-  ScratchDir dir_;
+  TempDir dir_;
   std::string media_;
   std::string docs_;
 };

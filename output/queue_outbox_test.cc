@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
 #include "lib/testing/log_capture.h"
@@ -29,7 +30,7 @@ using testing::OpenDescriptorCount;
 using testing::ParseLine;
 using testing::ReadFileText;
 using testing::ReadLines;
-using testing::ScratchDir;
+using testing::TempDir;
 using testing::ScriptedFileOps;
 using testing::TakeLogLines;
 using testing::WriteFileText;
@@ -78,7 +79,7 @@ class QueueFileTest : public ::testing::Test {
     ASSERT_EQ(truncate(file_.c_str(), size), 0);
   }
 
-  ScratchDir dir_;
+  TempDir dir_;
   std::string file_;
   std::vector<MonitorQueue> queues_;
   ScriptedFileOps ops_;
