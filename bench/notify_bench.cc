@@ -33,12 +33,12 @@
 #include <string>
 #include <vector>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/fanotify_translator.h"
 #include "notify/raw_record.h"
 #include "notify/testing/fake_backend.h"
 #include "notify/testing/scratch_mounts.h"
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 #include "notify/yulotify.h"
 
 namespace YULO {

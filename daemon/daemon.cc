@@ -13,7 +13,8 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "lib/errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 

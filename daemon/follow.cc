@@ -12,7 +12,8 @@
 #include <cstring>
 
 #include "daemon/daemon.h"
-#include "lib/errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
 #include "notify/mount_point.h"
 #include "yulotifyd/log.h"
 

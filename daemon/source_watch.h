@@ -32,7 +32,7 @@
 #include <string>
 #include <vector>
 
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -1,17 +1,20 @@
 #include "forward/options.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <map>
+
+#include "base/file_io.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
 
 namespace {
+
+// A configuration file holds a few options; anything larger is a mistake.
+constexpr size_t kMaxConfigBytes = 64 * 1024;
 
 std::vector<std::string> SplitServers(const std::string& text) {
   std::vector<std::string> out;
@@ -95,33 +98,16 @@ bool SetOption(const std::string& key, const std::string& value,
 }
 
 bool ReadFile(const std::string& path, std::string* out, std::string* error) {
-  int fd;
-  do {
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) {
-    *error = "cannot open " + path;
-    return false;
+  const int err = ReadWholeFile(path, kMaxConfigBytes, out);
+  if (err == EFBIG) {
+    *error = path + " is too large for a configuration file";
+  } else if (err != 0) {
+    // Opening fails for a missing or forbidden file; reading fails for a
+    // directory (or a failing disk).
+    *error = (err == EISDIR || err == EIO ? "cannot read " : "cannot open ") +
+             path;
   }
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      *error = "cannot read " + path;
-      return false;
-    }
-    if (n == 0) break;
-    out->append(buf, static_cast<size_t>(n));
-    if (out->size() > 65536) {
-      close(fd);
-      *error = path + " is too large for a configuration file";
-      return false;
-    }
-  }
-  close(fd);
-  return true;
+  return err == 0;
 }
 
 }  // namespace

@@ -13,6 +13,9 @@
 
 #include <algorithm>
 
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 #include "yulotifyd/json_util.h"
 
 namespace YULO {
@@ -22,7 +25,7 @@ namespace FORWARD {
 namespace {
 
 std::string Errno(const std::string& what, int err) {
-  return what + ": " + strerror(err);
+  return what + ": " + ErrnoText(err);
 }
 
 bool MakeDirs(const std::string& dir, std::string* error) {
@@ -37,35 +40,11 @@ bool MakeDirs(const std::string& dir, std::string* error) {
   return true;
 }
 
-bool WriteAll(int fd, const char* data, size_t size, off_t offset) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = pwrite(fd, data + done, size - done,
-                             offset + static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      if (n == 0) errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool FsyncRetry(int fd) {
-  int rc;
-  do {
-    rc = fsync(fd);
-  } while (rc != 0 && errno == EINTR);
-  return rc == 0;
-}
-
 bool FsyncDir(const std::string& dir) {
-  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = FsyncRetry(fd);
-  close(fd);
-  return ok;
+  const UniqueFd fd(RetryOnEintr([&] {
+    return open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  }));
+  return fd.Valid() && FsyncRetrying(fd.Get());
 }
 
 uint64_t NowNanos() {
@@ -93,10 +72,6 @@ bool ReadAt(int fd, uint64_t offset, size_t size, std::string* out) {
 
 }  // namespace
 
-Spool::~Spool() {
-  if (fd_ >= 0) close(fd_);  // releases the flock too
-}
-
 std::string Spool::NameFor(const std::string& queue_path) {
   uint64_t hash = 1469598103934665603ull;  // FNV-1a
   for (unsigned char c : queue_path) {
@@ -121,20 +96,21 @@ bool Spool::Open(const std::string& dir, const std::string& queue_path,
   const std::string name = NameFor(queue_path);
   spool_path_ = dir + "/" + name + ".spool";
   state_path_ = dir + "/" + name + ".state";
-  do {
-    fd_ = open(spool_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY,
-               0600);
-  } while (fd_ < 0 && errno == EINTR);
-  if (fd_ < 0) {
+  // The lock goes with the descriptor: closing it releases the spool.
+  fd_.Reset(RetryOnEintr([&] {
+    return open(spool_path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY,
+                0600);
+  }));
+  if (!fd_.Valid()) {
     *error = Errno("cannot open " + spool_path_, errno);
     return false;
   }
-  if (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+  if (flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
     *error = spool_path_ + " is in use by another forwarder";
     return false;
   }
   struct stat st;
-  if (fstat(fd_, &st) != 0) {
+  if (fstat(fd_.Get(), &st) != 0) {
     *error = Errno("cannot stat " + spool_path_, errno);
     return false;
   }
@@ -167,7 +143,7 @@ bool Spool::Open(const std::string& dir, const std::string& queue_path,
   uint64_t complete_end = acked_offset_;
   std::string chunk;
   while (offset < size_) {
-    if (!ReadAt(fd_, offset, 1 << 20, &chunk)) {
+    if (!ReadAt(fd_.Get(), offset, 1 << 20, &chunk)) {
       *error = Errno("cannot read " + spool_path_, errno);
       return false;
     }
@@ -181,7 +157,7 @@ bool Spool::Open(const std::string& dir, const std::string& queue_path,
     offset += chunk.size();
   }
   if (complete_end < size_) {
-    if (ftruncate(fd_, static_cast<off_t>(complete_end)) != 0) {
+    if (ftruncate(fd_.Get(), static_cast<off_t>(complete_end)) != 0) {
       *error = Errno("cannot truncate " + spool_path_, errno);
       return false;
     }
@@ -198,11 +174,12 @@ bool Spool::Append(const std::vector<std::string>& lines, std::string* error) {
     text += line;
     text += '\n';
   }
-  if (!WriteAll(fd_, text.data(), text.size(), static_cast<off_t>(size_)) ||
-      !FsyncRetry(fd_)) {
+  if (!WriteAllAt(fd_.Get(), text.data(), text.size(),
+                  static_cast<off_t>(size_)) ||
+      !FsyncRetrying(fd_.Get())) {
     const int err = errno;
     // Take back whatever got written: the lines stay in the queue file.
-    if (ftruncate(fd_, static_cast<off_t>(size_)) != 0) {
+    if (ftruncate(fd_.Get(), static_cast<off_t>(size_)) != 0) {
       // Open() drops an unfinished line; a finished one would be sent
       // twice under two ids, which the stream cannot tell apart.
     }
@@ -227,7 +204,7 @@ bool Spool::ReadNext(size_t max_lines, size_t max_bytes,
   while (out->size() < max_lines && read_offset_ < size_) {
     const size_t want = static_cast<size_t>(
         std::min<uint64_t>(size_ - read_offset_, std::max<size_t>(max_bytes, 4096)));
-    if (!ReadAt(fd_, read_offset_, want, &chunk)) {
+    if (!ReadAt(fd_.Get(), read_offset_, want, &chunk)) {
       *error = Errno("cannot read " + spool_path_, errno);
       return false;
     }
@@ -276,7 +253,7 @@ bool Spool::Acknowledge(uint64_t seq, std::string* error) {
     // (see the header for why this order is safe).
     // A failed cut leaves the file as it was; the next full
     // acknowledgement tries again.
-    if (ftruncate(fd_, 0) == 0) {
+    if (ftruncate(fd_.Get(), 0) == 0) {
       size_ = 0;
       acked_offset_ = 0;
       read_offset_ = 0;
@@ -292,18 +269,17 @@ bool Spool::SaveState(std::string* error) {
   state["acked_seq"] = Json::UInt64(acked_seq_);
   const std::string text = toString(state) + "\n";
   const std::string tmp = state_path_ + ".tmp";
-  int fd;
-  do {
-    fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
-              0600);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) {
+  const UniqueFd fd(RetryOnEintr([&] {
+    return open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
+                0600);
+  }));
+  if (!fd.Valid()) {
     *error = Errno("cannot create " + tmp, errno);
     return false;
   }
-  const bool written = WriteAll(fd, text.data(), text.size(), 0) && FsyncRetry(fd);
+  const bool written = WriteAllAt(fd.Get(), text.data(), text.size(), 0) &&
+                       FsyncRetrying(fd.Get());
   const int err = errno;
-  close(fd);
   if (!written) {
     unlink(tmp.c_str());
     *error = Errno("cannot write " + tmp, err);

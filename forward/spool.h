@@ -29,6 +29,8 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
@@ -41,7 +43,6 @@ struct SpooledLine {
 class Spool {
  public:
   Spool() = default;
-  ~Spool();
   Spool(const Spool&) = delete;
   Spool& operator=(const Spool&) = delete;
 
@@ -84,7 +85,7 @@ class Spool {
  private:
   bool SaveState(std::string* error);
 
-  int fd_ = -1;
+  UniqueFd fd_;
   std::string dir_;
   std::string spool_path_;
   std::string state_path_;

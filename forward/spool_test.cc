@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
@@ -20,15 +22,7 @@ using Lines = std::vector<std::string>;
 
 class SpoolTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/spool_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = std::string(tmpl) + "/spool";
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(fs::path(dir_).parent_path(), ec);
-  }
+  void SetUp() override { dir_ = scratch_.path() + "/spool"; }
 
   static std::string Read(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -51,6 +45,7 @@ class SpoolTest : public ::testing::Test {
     return all;
   }
 
+  testing::TempDir scratch_{"spool"};
   std::string dir_;
   const std::string queue_ = "/srv/queues/idx.queue";
 };

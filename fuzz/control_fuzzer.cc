@@ -30,7 +30,7 @@
 
 #include "daemon/daemon.h"
 #include "fuzz/common/fuzz_support.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"

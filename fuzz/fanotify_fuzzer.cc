@@ -27,7 +27,7 @@
 #include "notify/fanotify_translator.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {

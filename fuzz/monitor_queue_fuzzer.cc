@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "fuzz/common/fuzz_support.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/monitor_queue.h"
 

@@ -36,7 +36,7 @@
 #include "output/queue_line.h"
 #include "output/queue_outbox.h"
 #include "output/testing/fake_event_source.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_consumer.h"

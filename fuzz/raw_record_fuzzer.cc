@@ -32,7 +32,7 @@
 #include "notify/raw_record.h"
 #include "notify/testing/fake_backend.h"
 #include "notify/yulotify.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {

@@ -33,9 +33,10 @@
 #include <vector>
 
 #include "fuzz/common/fuzz_support.h"
+#include "base/mount_field.h"
 #include "notify/mount_point.h"
 #include "notify/testing/fake_backend.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "platform_internal.h"
 
 namespace yulo_platform {
@@ -60,8 +61,10 @@ std::string KernelEscape(std::string_view raw) {
 }
 
 void CheckDecoders(const std::string& field) {
-  const std::string platform = DecodeMountField(field);
-  const std::string kernel_layer = notify::DecodeMountField(field);
+  const std::string platform =
+      notify::DecodeMountField(field, notify::BadEscape::kKeep);
+  const std::string kernel_layer =
+      notify::DecodeMountField(field, notify::BadEscape::kCut);
   FUZZ_CHECK(platform.size() <= field.size() &&
                  kernel_layer.size() <= field.size(),
              "decoding lengthened a field");
@@ -70,9 +73,11 @@ void CheckDecoders(const std::string& field) {
                "a field without escapes changed");
   }
   const std::string escaped = KernelEscape(field);
-  FUZZ_CHECK(DecodeMountField(escaped) == field,
+  FUZZ_CHECK(notify::DecodeMountField(escaped, notify::BadEscape::kKeep) ==
+                 field,
              "platform decoding of " + escaped);
-  FUZZ_CHECK(notify::DecodeMountField(escaped) == field,
+  FUZZ_CHECK(notify::DecodeMountField(escaped, notify::BadEscape::kCut) ==
+                 field,
              "notify decoding of " + escaped);
 }
 
@@ -203,7 +208,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string wanted = NormalisePath(line);
     const VolumeEntry* deepest = nullptr;
     for (const VolumeEntry& entry : entries) {
-      if (!PathIsUnder(wanted, entry.mount_point)) continue;
+      if (!PathAtOrBelow(entry.mount_point, wanted)) continue;
       if (deepest == nullptr ||
           entry.mount_point.size() > deepest->mount_point.size()) {
         deepest = &entry;

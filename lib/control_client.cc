@@ -14,7 +14,9 @@
 #include <utility>
 #include <vector>
 
-#include "errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
+#include "base/unique_fd.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/json_util.h"
 
@@ -28,21 +30,6 @@ using Status = ControlResult::Status;
 // Room for one group entry; a group too big for it is named by the
 // compiled-in name instead.
 constexpr size_t kGroupBufferSize = 64 * 1024;
-
-// Owns a descriptor for the length of one call.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The time left of one call; every blocking socket call is limited to it
 // through SO_SNDTIMEO / SO_RCVTIMEO.
@@ -226,8 +213,8 @@ ControlResult ControlClient::Exchange(const std::string& text,
       offsetof(struct sockaddr_un, sun_path) + path.size());
 
   const Deadline deadline(timeout_ms_);
-  Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (fd.get() < 0) {
+  const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd.Valid()) {
     const int err = errno;
     return Failure(Status::kUnreachable, err,
                    "cannot create a socket: " + ErrnoText(err));
@@ -235,12 +222,12 @@ ControlResult ControlClient::Exchange(const std::string& text,
 
   // A full listen backlog makes connect wait, within SO_SNDTIMEO.
   for (;;) {
-    if (!deadline.Arm(fd.get(), SO_SNDTIMEO)) {
+    if (!deadline.Arm(fd.Get(), SO_SNDTIMEO)) {
       const int err = errno;
       return Failure(Status::kTimedOut, err,
                      "cannot connect to " + path + " in time");
     }
-    if (connect(fd.get(), reinterpret_cast<struct sockaddr*>(&addr),
+    if (connect(fd.Get(), reinterpret_cast<struct sockaddr*>(&addr),
                 addr_len) == 0) {
       break;
     }
@@ -266,12 +253,12 @@ ControlResult ControlClient::Exchange(const std::string& text,
   ControlResult result;
   size_t sent = 0;
   while (sent < request.size()) {
-    if (!deadline.Arm(fd.get(), SO_SNDTIMEO)) {
+    if (!deadline.Arm(fd.Get(), SO_SNDTIMEO)) {
       const int err = errno;
       return Failure(Status::kTimedOut, err,
                      "cannot send the command to " + path + " in time");
     }
-    const ssize_t n = send(fd.get(), request.data() + sent,
+    const ssize_t n = send(fd.Get(), request.data() + sent,
                            request.size() - sent, MSG_NOSIGNAL);
     if (n > 0) {
       sent += static_cast<size_t>(n);
@@ -285,17 +272,17 @@ ControlResult ControlClient::Exchange(const std::string& text,
     }
     // The daemon may have refused the request and answered before closing;
     // that answer is worth more than the broken send.
-    ReadReply(fd.get(), deadline, path, &result);
+    ReadReply(fd.Get(), deadline, path, &result);
     if (result.answered()) return CheckRefusal(path, result);
     return Failure(Status::kSendFailed, err,
                    "cannot send the command to " + path + ": " +
                        ErrnoText(err));
   }
-  ReadReply(fd.get(), deadline, path, &result);
+  ReadReply(fd.Get(), deadline, path, &result);
   if (payload != nullptr && result.ok()) {
     // A reply with an object behind it: 8-byte length, then the text.
     uint64_t size = 0;
-    if (!ReadExact(fd.get(), deadline, path, reinterpret_cast<char*>(&size),
+    if (!ReadExact(fd.Get(), deadline, path, reinterpret_cast<char*>(&size),
                    sizeof(size), &result)) {
       return result;
     }
@@ -305,7 +292,7 @@ ControlResult ControlClient::Exchange(const std::string& text,
                          " bytes, more than a client takes");
     }
     payload->assign(static_cast<size_t>(size), '\0');
-    if (!ReadExact(fd.get(), deadline, path, &(*payload)[0], payload->size(),
+    if (!ReadExact(fd.Get(), deadline, path, &(*payload)[0], payload->size(),
                    &result)) {
       return result;
     }

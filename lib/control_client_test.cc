@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/json_util.h"
 
@@ -55,18 +56,9 @@ class FakeDaemon {
   // Called with the accepted connection; returns after answering (or not).
   using Handler = std::function<void(int conn)>;
 
-  FakeDaemon() {
-    char tmpl[] = "/tmp/control_client_test.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) abort();
-    dir_ = tmpl;
-    path_ = dir_ + "/ctl.sock";
-  }
+  FakeDaemon() : dir_(scratch_.path()), path_(dir_ + "/ctl.sock") {}
 
-  ~FakeDaemon() {
-    Stop();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
+  ~FakeDaemon() { Stop(); }
 
   const std::string& path() const { return path_; }
 
@@ -140,6 +132,7 @@ class FakeDaemon {
     }
   }
 
+  testing::TempDir scratch_{"control-client"};
   std::string dir_;
   std::string path_;
   int listen_fd_ = -1;

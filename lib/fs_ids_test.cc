@@ -7,10 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <future>
 #include <string>
 #include <thread>
+
+#include "base/testing/temp_dir.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -23,15 +24,8 @@ class ScopedFsIdsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to switch ids";
-    char tmpl[] = "/tmp/fs_ids_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = scratch_.path();
     ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
-  }
-  void TearDown() override {
-    if (dir_.empty()) return;
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
   }
 
   // Whether the calling thread may create `name` in `dir`; if so, the
@@ -44,6 +38,7 @@ class ScopedFsIdsTest : public ::testing::Test {
     return ok;
   }
 
+  testing::TempDir scratch_{"fs-ids"};
   std::string dir_;
 };
 

@@ -9,6 +9,8 @@
 #include <memory>
 #include <sstream>
 
+#include "base/file_io.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
@@ -21,42 +23,6 @@ const Json::StreamWriterBuilder& SingleLineWriter() {
     return b;
   }();
   return builder;
-}
-
-bool ReadWholeFile(const std::string& path, std::string* out) {
-  int fd;
-  do {
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return false;
-  out->clear();
-  char buf[8192];
-  bool ok = true;
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      ok = false;
-      break;
-    }
-    if (n == 0) break;
-    out->append(buf, static_cast<size_t>(n));
-  }
-  const int saved = errno;
-  close(fd);
-  errno = saved;
-  return ok;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
@@ -90,8 +56,10 @@ bool fromString(const std::string& text, Json::Value& out) {
 
 bool fromFile(const std::string& path, Json::Value& out) {
   std::string text;
-  if (!ReadWholeFile(path, &text)) {
+  const int err = ReadWholeFile(path, kNoReadLimit, &text);
+  if (err != 0) {
     out = Json::Value();
+    errno = err;
     return false;
   }
   return fromString(text, out);
@@ -102,8 +70,11 @@ bool toFile(const Json::Value& value, const std::string& path, unsigned mode) {
   std::string tmp = path + ".XXXXXX";
   int fd = mkostemp(&tmp[0], O_CLOEXEC);
   if (fd < 0) return false;
-  bool ok = fchmod(fd, static_cast<mode_t>(mode)) == 0 && WriteAll(fd, text) &&
-            fsync(fd) == 0;
+  bool ok = fchmod(fd, static_cast<mode_t>(mode)) == 0 &&
+            WriteAll(fd, text.data(), text.size()) && FsyncRetrying(fd);
+  // Kept by hand rather than in a UniqueFd: a failing close can be the
+  // first report of a lost write, and then the file must not replace the
+  // old one.
   if (close(fd) != 0) ok = false;
   if (ok && rename(tmp.c_str(), path.c_str()) == 0) return true;
   const int saved = errno;

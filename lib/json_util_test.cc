@@ -9,22 +9,13 @@
 #include <sstream>
 #include <string>
 
+#include "base/testing/temp_dir.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/yulo-json-XXXXXX";
-    path_ = mkdtemp(tmpl);
-  }
-  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using testing::TempDir;
 
 TEST(JsonUtilTest, FromStringParsesObject) {
   Json::Value v;

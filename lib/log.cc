@@ -14,6 +14,14 @@ namespace YULOTIFYD {
 
 std::atomic<int32_t> LOG_LEVEL{3};
 
+namespace {
+
+std::atomic<LogSink> g_sink{nullptr};
+
+}  // namespace
+
+LogSink SetLogSink(LogSink sink) { return g_sink.exchange(sink); }
+
 bool LogGateOpen(LogGate gate) {
   const int32_t level = LOG_LEVEL.load(std::memory_order_relaxed);
   switch (gate) {
@@ -70,7 +78,12 @@ void LogWrite(const char* file, int line, const char* fmt, ...) {
   va_end(args);
   // No openlog: the identity is the program's name, the facility the
   // default one, and every line uses LOG_ERR whatever its meaning.
-  syslog(LOG_ERR, "%s", text.c_str());
+  const LogSink sink = g_sink.load(std::memory_order_acquire);
+  if (sink != nullptr) {
+    sink(LOG_ERR, text.c_str());
+  } else {
+    syslog(LOG_ERR, "%s", text.c_str());
+  }
   errno = saved_errno;
 }
 

@@ -3,8 +3,12 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <syslog.h>
+
 #include <cstdarg>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "log_format.h"
 
@@ -59,6 +63,30 @@ TEST(LogTest, LogWriteKeepsErrno) {
   errno = EACCES;
   LogWrite(__FILE__, __LINE__, "test line from log_test, reason=%m");
   EXPECT_EQ(errno, EACCES);
+}
+
+std::vector<std::pair<int, std::string>>& SunkLines() {
+  static std::vector<std::pair<int, std::string>> lines;
+  return lines;
+}
+
+void Sink(int priority, const char* line) {
+  SunkLines().emplace_back(priority, line);
+}
+
+TEST(LogSinkTest, LinesGoToTheSinkUntilItIsRemoved) {
+  SunkLines().clear();
+  const LogSink before = SetLogSink(&Sink);
+  EXPECT_EQ(nullptr, before);  // syslog until now
+  errno = ENOENT;
+  LogWrite("dir/volume_manager.cc", 42, "to the sink %d, reason=%m", 7);
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(&Sink, SetLogSink(before));
+  LogWrite(__FILE__, __LINE__, "test line from log_test, to syslog");
+  ASSERT_EQ(1u, SunkLines().size());
+  EXPECT_EQ(LOG_ERR, SunkLines()[0].first);
+  EXPECT_EQ("volume_manager:42 to the sink 7, reason=No such file or directory",
+            SunkLines()[0].second);
 }
 
 TEST_F(LogLevelTest, GatesFollowTheLevel) {

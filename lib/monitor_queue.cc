@@ -16,7 +16,10 @@
 #include <string_view>
 #include <utility>
 
-#include "errno_text.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 #include "yulo_build_config.h"
 #include "yulo_platform.h"
 #include "yulotifyd/json_util.h"
@@ -109,35 +112,12 @@ bool NormalizeAbsolutePath(std::string_view in, std::string* out) {
   return true;
 }
 
-// `path` without trailing "/", except that "/" stays "/".
-std::string_view StripTrailingSlashes(std::string_view path) {
-  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-  return path;
-}
-
 // Whether `path` is `dir` itself or lies below it. Below means anywhere
 // underneath when `recursive`, else only an entry directly inside `dir`.
-// `dir` is a normalised absolute path; an empty `dir` matches nothing.
-bool PathAtOrBelow(std::string_view dir, std::string_view path,
-                   bool recursive) {
-  if (dir.empty()) return false;
-  path = StripTrailingSlashes(path);
-  if (path.empty()) return false;
-  if (path == dir) return true;
+// An empty `dir` matches nothing.
+bool PathWithin(std::string_view dir, std::string_view path, bool recursive) {
   std::string_view rest;
-  if (dir == "/") {
-    if (path[0] != '/') return false;
-    rest = path.substr(1);
-  } else {
-    // The character after the prefix has to be a "/": "/vol1/media2" is not
-    // below "/vol1/media".
-    if (path.size() <= dir.size() + 1 ||
-        path.compare(0, dir.size(), dir) != 0 || path[dir.size()] != '/') {
-      return false;
-    }
-    rest = path.substr(dir.size() + 1);
-  }
-  if (rest.empty()) return false;
+  if (!PathRelativeTo(dir, path, &rest)) return false;
   return recursive || rest.find('/') == std::string_view::npos;
 }
 
@@ -215,17 +195,16 @@ bool ReadConfFile(const std::string& file, ConfFile* conf,
                   std::string* reason) {
   // O_NONBLOCK so that a FIFO put where a file belongs cannot hang us; it is
   // refused by the regular-file check right after.
-  int fd;
-  do {
-    fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) {
+  const UniqueFd fd(RetryOnEintr([&] {
+    return open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  }));
+  if (!fd.Valid()) {
     *reason = "cannot open: " + ErrnoText(errno);
     return false;
   }
   bool ok = true;
   struct stat st;
-  if (fstat(fd, &st) != 0) {
+  if (fstat(fd.Get(), &st) != 0) {
     *reason = "cannot stat: " + ErrnoText(errno);
     ok = false;
   } else if (!S_ISREG(st.st_mode)) {
@@ -244,27 +223,18 @@ bool ReadConfFile(const std::string& file, ConfFile* conf,
       ConfOwner(file, st, &conf->owner_uid, &conf->owner_gid);
     }
   }
-  std::string* text = &conf->text;
-  text->clear();
-  char buf[8192];
-  while (ok) {
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      *reason = "cannot read: " + ErrnoText(errno);
+  conf->text.clear();
+  if (ok) {
+    // The file may have grown since fstat.
+    const int err = ReadToEnd(fd.Get(), kMaxConfFileSize, &conf->text);
+    if (err == EFBIG) {
+      *reason = "larger than 1 MiB";
       ok = false;
-    } else if (n == 0) {
-      break;
-    } else {
-      text->append(buf, static_cast<size_t>(n));
-      // The file may have grown since fstat.
-      if (text->size() > kMaxConfFileSize) {
-        *reason = "larger than 1 MiB";
-        ok = false;
-      }
+    } else if (err != 0) {
+      *reason = "cannot read: " + ErrnoText(err);
+      ok = false;
     }
   }
-  close(fd);
   return ok;
 }
 
@@ -736,11 +706,9 @@ bool MonitorQueue::IsDirMonitoring(const std::vector<MonitorQueue>& queues,
 }
 
 bool MonitorQueue::IsDirMonitoring(const std::string& path) const {
-  const std::string_view dir = StripTrailingSlashes(path);
-  if (dir.empty()) return false;
   for (const MonitorQueueConfig& config : configs_) {
     if (config.directory.empty()) continue;  // matches nothing
-    if (PathAtOrBelow(dir, config.share_path, true)) return true;
+    if (PathAtOrBelow(path, config.share_path)) return true;
   }
   return false;
 }
@@ -749,7 +717,7 @@ bool MonitorQueue::IsMonitoring(const std::string& path,
                                 const uint32_t& mask) {
   for (const MonitorQueueConfig& config : configs_) {
     if ((config.events & mask) == 0) continue;
-    if (PathAtOrBelow(config.directory, path, config.recursive)) return true;
+    if (PathWithin(config.directory, path, config.recursive)) return true;
   }
   return false;
 }
@@ -757,8 +725,8 @@ bool MonitorQueue::IsMonitoring(const std::string& path,
 bool MonitorQueue::MayMonitorBelow(const std::string& dir) const {
   for (const MonitorQueueConfig& config : configs_) {
     if (config.directory.empty()) continue;  // matches nothing
-    if (PathAtOrBelow(dir, config.directory, true) ||
-        PathAtOrBelow(config.directory, dir, true)) {
+    if (PathAtOrBelow(dir, config.directory) ||
+        PathAtOrBelow(config.directory, dir)) {
       return true;
     }
   }
@@ -766,14 +734,11 @@ bool MonitorQueue::MayMonitorBelow(const std::string& dir) const {
 }
 
 uint32_t MonitorQueue::GetUnionMask(const std::string& mount_point) const {
-  const std::string_view mount = StripTrailingSlashes(mount_point);
-  if (mount.empty()) return 0;
   uint32_t bits = 0;
   for (const MonitorQueueConfig& config : configs_) {
     if (config.directory.empty()) continue;
     // Strictly below the mount point; the mount point itself is not a share.
-    if (config.share_path == mount) continue;
-    if (!PathAtOrBelow(mount, config.share_path, true)) continue;
+    if (!PathBelow(mount_point, config.share_path)) continue;
     bits |= KernelBitsFor(config.events);
   }
   return bits;

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "yulo_build_config.h"
 
 namespace YULO {
@@ -46,14 +47,12 @@ class MonitorQueueTest : public ::testing::Test {
     // Files and directories made here must not be writable by others,
     // whatever umask the tests were started with: such files are refused.
     old_umask_ = umask(022);
-    char tmpl[] = "/tmp/monitor_queue_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
+    scratch_ = std::make_unique<testing::TempDir>("monitor-queue");
+    root_ = scratch_->path();
   }
 
   void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root_, ec);
+    scratch_.reset();
     umask(old_umask_);
   }
 
@@ -107,6 +106,7 @@ class MonitorQueueTest : public ::testing::Test {
   }
 
   mode_t old_umask_ = 022;
+  std::unique_ptr<testing::TempDir> scratch_;
   std::string root_;
   MonitorQueue::ShareResolver resolve_ = MapResolver({
       {"Multimedia", "/vol1/Multimedia"},

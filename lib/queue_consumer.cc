@@ -10,7 +10,10 @@
 #include <cstring>
 #include <utility>
 
-#include "errno_text.h"
+#include "base/clock.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -23,7 +26,6 @@ constexpr long kLockRetryNs = 1000 * 1000;
 // How often the path may turn out to name another file once locked before
 // the consumer gives up (someone keeps replacing it).
 constexpr int kReopenAttempts = 5;
-constexpr size_t kReadChunk = 1 << 16;
 
 // Unlocks (if locked) and closes on every way out.
 class LockedFile {
@@ -33,19 +35,17 @@ class LockedFile {
   LockedFile(const LockedFile&) = delete;
   LockedFile& operator=(const LockedFile&) = delete;
 
-  int fd() const { return fd_; }
+  int fd() const { return fd_.Get(); }
   void set_locked() { locked_ = true; }
 
   void Release() {
-    if (fd_ < 0) return;
-    if (locked_) flock(fd_, LOCK_UN);
-    close(fd_);
-    fd_ = -1;
+    if (locked_) flock(fd_.Get(), LOCK_UN);
+    fd_.Reset();
     locked_ = false;
   }
 
  private:
-  int fd_;
+  UniqueFd fd_;
   bool locked_ = false;
 };
 
@@ -57,40 +57,6 @@ QueueConsumer::Result Fail(int error, std::string message) {
   return result;
 }
 
-// Reads the whole file from its start.
-bool ReadAll(int fd, std::string* out, int* error) {
-  out->clear();
-  char buf[kReadChunk];
-  off_t offset = 0;
-  for (;;) {
-    const ssize_t n = pread(fd, buf, sizeof(buf), offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      *error = errno;
-      return false;
-    }
-    if (n == 0) return true;
-    out->append(buf, static_cast<size_t>(n));
-    offset += n;
-  }
-}
-
-bool WriteAllAt(int fd, const char* data, size_t size, off_t offset,
-                int* error) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = pwrite(fd, data + done, size - done,
-                             offset + static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      *error = n < 0 ? errno : EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 void SplitLines(const std::string& text, size_t end,
                 std::vector<std::string>* lines) {
   size_t pos = 0;
@@ -99,6 +65,80 @@ void SplitLines(const std::string& text, size_t end,
     if (nl > pos) lines->emplace_back(text, pos, nl - pos);
     pos = nl + 1;
   }
+}
+
+int64_t LockDeadline(int lock_timeout_ms) {
+  return MonotonicMillis() + (lock_timeout_ms > 0 ? lock_timeout_ms : 0);
+}
+
+// Opens the queue file with `flags` and checks that it is a regular file.
+// Returns the descriptor and fills `st`, or returns -1 with `*failure` set
+// (error ENOENT when the file does not exist).
+int OpenQueue(const std::string& path, int flags, struct stat* st,
+              QueueConsumer::Result* failure) {
+  // O_NONBLOCK: a FIFO in the file's place must not hang us before the
+  // regular-file check. It changes nothing for a regular file.
+  flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  UniqueFd fd;
+  for (;;) {
+    fd.Reset(open(path.c_str(), flags));
+    if (fd.Valid()) break;
+    if (errno == EINTR) continue;
+    // O_NOATIME is allowed to the file's owner (and CAP_FOWNER) only;
+    // anybody else reads it the ordinary way.
+    if (errno == EPERM && (flags & O_NOATIME) != 0) {
+      flags &= ~O_NOATIME;
+      continue;
+    }
+    const int err = errno;
+    *failure = Fail(err, "cannot open " + path + ": " + ErrnoText(err));
+    return -1;
+  }
+  if (fstat(fd.Get(), st) != 0) {
+    const int err = errno;
+    *failure = Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
+    return -1;
+  }
+  if (!S_ISREG(st->st_mode)) {
+    *failure = Fail(EINVAL, path + " is not a regular file");
+    return -1;
+  }
+  return fd.Release();
+}
+
+// Takes `op` (LOCK_EX or LOCK_SH) on the file with non-blocking attempts
+// until `deadline`, so that a process that keeps the file locked makes us
+// fail rather than hang.
+bool LockUntil(LockedFile* file, int op, int64_t deadline, int timeout_ms,
+               const std::string& path, QueueConsumer::Result* failure) {
+  for (;;) {
+    if (flock(file->fd(), op | LOCK_NB) == 0) {
+      file->set_locked();
+      return true;
+    }
+    const int err = errno;
+    if (err != EWOULDBLOCK && err != EINTR) {
+      *failure = Fail(err, "cannot lock " + path + ": " + ErrnoText(err));
+      return false;
+    }
+    if (MonotonicMillis() >= deadline) {
+      *failure = Fail(EWOULDBLOCK, path + " stayed locked by another " +
+                                       "process for " +
+                                       std::to_string(timeout_ms) + " ms");
+      return false;
+    }
+    struct timespec pause = {0, kLockRetryNs};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+// Whether `path` still names the file `st` describes. While we waited for
+// the lock the file may have been removed or replaced; what the daemon
+// writes next goes to whatever the path names now.
+bool StillNamed(const std::string& path, const struct stat& st) {
+  struct stat now;
+  return stat(path.c_str(), &now) == 0 && now.st_dev == st.st_dev &&
+         now.st_ino == st.st_ino;
 }
 
 }  // namespace
@@ -112,67 +152,29 @@ QueueConsumer::Result QueueConsumer::Consume() const {
 
 QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
   const std::string& path = queue_path_;
-  const int64_t lock_deadline = MonotonicMillis() + (lock_timeout_ms_ > 0
-                                               ? lock_timeout_ms_
-                                               : 0);
+  const int64_t lock_deadline = LockDeadline(lock_timeout_ms_);
   for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
-    // O_NONBLOCK: a FIFO in the file's place must not hang us before the
-    // regular-file check. It changes nothing for a regular file.
-    int raw;
-    do {
-      raw = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    } while (raw < 0 && errno == EINTR);
-    if (raw < 0) {
-      const int err = errno;
-      if (err == ENOENT) {
+    Result failure;
+    struct stat st;
+    LockedFile file(OpenQueue(path, O_RDWR, &st, &failure));
+    if (file.fd() < 0) {
+      if (failure.error == ENOENT) {
         Result empty;
         empty.ok = true;
         return empty;
       }
-      return Fail(err, "cannot open " + path + ": " + ErrnoText(err));
+      return failure;
     }
-    LockedFile file(raw);
+    if (!LockUntil(&file, LOCK_EX, lock_deadline, lock_timeout_ms_, path,
+                   &failure)) {
+      return failure;
+    }
+    if (!StillNamed(path, st)) continue;  // `file` unlocks and closes
 
-    struct stat st;
-    if (fstat(file.fd(), &st) != 0) {
-      const int err = errno;
-      return Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
-    }
-    if (!S_ISREG(st.st_mode)) {
-      return Fail(EINVAL, path + " is not a regular file");
-    }
-
-    // Non-blocking attempts until the deadline, so that a process that
-    // keeps the file locked makes us fail rather than hang.
-    for (;;) {
-      if (flock(file.fd(), LOCK_EX | LOCK_NB) == 0) {
-        file.set_locked();
-        break;
-      }
-      const int err = errno;
-      if (err != EWOULDBLOCK && err != EINTR) {
-        return Fail(err, "cannot lock " + path + ": " + ErrnoText(err));
-      }
-      if (MonotonicMillis() >= lock_deadline) {
-        return Fail(EWOULDBLOCK, path + " stayed locked by another process " +
-                                     "for " + std::to_string(lock_timeout_ms_) +
-                                     " ms");
-      }
-      struct timespec pause = {0, kLockRetryNs};
-      nanosleep(&pause, nullptr);
-    }
-
-    // While we waited the file may have been removed or replaced; what the
-    // daemon writes next goes to whatever the path names now.
-    struct stat now;
-    if (stat(path.c_str(), &now) != 0 || now.st_dev != st.st_dev ||
-        now.st_ino != st.st_ino) {
-      continue;  // `file` unlocks and closes
-    }
-
+    // The file was just opened: its whole content, from the start.
     std::string text;
-    int err = 0;
-    if (!ReadAll(file.fd(), &text, &err)) {
+    int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
+    if (err != 0) {
       return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
     }
     if (text.empty()) {
@@ -207,9 +209,10 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
     result.ok = true;
     if (complete < text.size()) {
       if (WriteAllAt(file.fd(), text.data() + complete,
-                     text.size() - complete, 0, &err)) {
+                     text.size() - complete, 0)) {
         result.kept_partial_line = true;
       } else {
+        err = errno;
         result.error = err;
         result.message = "the unfinished last line of " + path +
                          " could not be put back: " + ErrnoText(err);
@@ -218,6 +221,43 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
     file.Release();  // unlock before the caller sees anything
 
     result.lines = std::move(lines);
+    return result;
+  }
+  return Fail(EAGAIN, path + " keeps being replaced; try again");
+}
+
+QueueConsumer::Result QueueConsumer::Peek() const {
+  const std::string& path = queue_path_;
+  const int64_t lock_deadline = LockDeadline(lock_timeout_ms_);
+  for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
+    Result failure;
+    struct stat st;
+    // Read-only: nothing here can change the file or its mtime.
+    LockedFile file(OpenQueue(path, O_RDONLY | O_NOATIME, &st, &failure));
+    if (file.fd() < 0) return failure;
+    // A shared lock: it keeps the daemon's writers and the consumers (who
+    // all take it exclusively) out for the length of the read, so no line
+    // is seen half written, while other readers may look at the same time.
+    if (!LockUntil(&file, LOCK_SH, lock_deadline, lock_timeout_ms_, path,
+                   &failure)) {
+      return failure;
+    }
+    if (!StillNamed(path, st)) continue;  // show what the path names now
+
+    // The file was just opened: its whole content, from the start.
+    std::string text;
+    const int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
+    if (err != 0) {
+      return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
+    }
+    file.Release();
+
+    const size_t last_nl = text.rfind('\n');
+    const size_t complete = last_nl == std::string::npos ? 0 : last_nl + 1;
+    Result result;
+    result.ok = true;
+    result.kept_partial_line = complete < text.size();
+    SplitLines(text, complete, &result.lines);
     return result;
   }
   return Fail(EAGAIN, path + " keeps being replaced; try again");

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -24,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "yulotifyd/json_util.h"
 
 namespace YULO {
@@ -35,15 +37,8 @@ namespace fs = std::filesystem;
 class QueueConsumerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/queue_consumer_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = scratch_.path();
     path_ = dir_ + "/events.queue";
-  }
-
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
 
   static void Write(const std::string& path, const std::string& text) {
@@ -65,6 +60,44 @@ class QueueConsumerTest : public ::testing::Test {
     return ss.str();
   }
 
+  // Opens the file and takes the exclusive lock, as a writer or another
+  // consumer would; the caller closes the descriptor. -1 on failure.
+  static int HoldLock(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd >= 0 && flock(fd, LOCK_EX) != 0) {
+      close(fd);
+      return -1;
+    }
+    return fd;
+  }
+
+  // A writer holding the lock on `fd`: a moment later it writes `text` at
+  // `offset`, unlocks and closes, while the test waits for the lock.
+  static std::thread FinishWriteLater(int fd, std::string text,
+                                      off_t offset) {
+    return std::thread([fd, text, offset] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      EXPECT_EQ(pwrite(fd, text.data(), text.size(), offset),
+                static_cast<ssize_t>(text.size()));
+      flock(fd, LOCK_UN);
+      close(fd);
+    });
+  }
+
+  // Runs `check` in a child process as user and group 65534 (the caller is
+  // root); returns its exit status, or -1 when it could not run or died.
+  static int AsNobody(const std::function<int()>& check) {
+    const pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+      if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
+      _exit(check());
+    }
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+  }
+
   // Whether another open file description could take the lock right now.
   static bool Lockable(const std::string& path) {
     const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -74,6 +107,7 @@ class QueueConsumerTest : public ::testing::Test {
     return ok;
   }
 
+  testing::TempDir scratch_{"queue-consumer"};
   std::string dir_;
   std::string path_;
 };
@@ -206,14 +240,7 @@ TEST_F(QueueConsumerTest, WaitsForABriefLockHolder) {
   const int holder = open(path_.c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_GE(holder, 0);
   ASSERT_EQ(flock(holder, LOCK_EX), 0);
-  std::thread releaser([holder] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    // What a writer does while it holds the lock.
-    const char line[] = "b\n";
-    ASSERT_EQ(pwrite(holder, line, 2, 2), 2);
-    flock(holder, LOCK_UN);
-    close(holder);
-  });
+  std::thread releaser = FinishWriteLater(holder, "b\n", 2);
   const QueueConsumer::Result r = QueueConsumer(path_, 5000).Consume();
   releaser.join();
   ASSERT_TRUE(r.ok) << r.message;
@@ -245,17 +272,11 @@ TEST_F(QueueConsumerTest, FileOfAnotherUserIsAnError) {
   }
   // As root: try it as nobody, in a child.
   ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-    const QueueConsumer::Result r = QueueConsumer(path_).Consume();
-    _exit(!r.ok && r.error == EACCES && !r.message.empty() ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(AsNobody([this] {
+              const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+              return !r.ok && r.error == EACCES && !r.message.empty() ? 0 : 1;
+            }),
+            0);
   EXPECT_EQ(Read(path_), "a\n");
 }
 
@@ -281,6 +302,150 @@ TEST_F(QueueConsumerTest, FileReplacedWhileWaitingIsConsumedFresh) {
   EXPECT_EQ(pread(holder, buf, sizeof(buf), 0), 4);
   EXPECT_STREQ(buf, "old\n");
   close(holder);
+}
+
+// ---------------------------------------------------------------------------
+// Peek: the lines, left in the file.
+
+// Sets the file's atime and mtime to fixed past values and returns its
+// stat afterwards.
+struct stat SetOldTimes(const std::string& path) {
+  const struct timespec times[2] = {{1000000000, 111}, {1100000000, 222}};
+  EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  struct stat st;
+  EXPECT_EQ(stat(path.c_str(), &st), 0);
+  return st;
+}
+
+TEST_F(QueueConsumerTest, PeekShowsCompleteLinesAndChangesNothing) {
+  const std::string text = "a\n\nb\n{\"event\":6";
+  Write(path_, text);
+  const struct stat before = SetOldTimes(path_);
+  const QueueConsumer::Result r = QueueConsumer(path_).Peek();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"a", "b"}));
+  EXPECT_TRUE(r.kept_partial_line);
+  EXPECT_EQ(r.error, 0);
+  EXPECT_TRUE(Lockable(path_)) << "the lock must be released";
+  struct stat after;
+  ASSERT_EQ(stat(path_.c_str(), &after), 0);
+  EXPECT_EQ(Read(path_), text);
+  EXPECT_EQ(after.st_size, before.st_size);
+  EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec);
+  EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+  EXPECT_EQ(after.st_ctim.tv_sec, before.st_ctim.tv_sec);
+  EXPECT_EQ(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+  // The owner reads with O_NOATIME; without it an atime older than the
+  // mtime would be moved forward.
+  EXPECT_EQ(after.st_atim.tv_sec, before.st_atim.tv_sec);
+  EXPECT_EQ(after.st_atim.tv_nsec, before.st_atim.tv_nsec);
+
+  // A consumer still gets every line after a peek.
+  const QueueConsumer::Result taken = QueueConsumer(path_).Consume();
+  ASSERT_TRUE(taken.ok) << taken.message;
+  EXPECT_EQ(taken.lines, (Lines{"a", "b"}));
+  EXPECT_EQ(Read(path_), "{\"event\":6");
+}
+
+TEST_F(QueueConsumerTest, PeekAtAnEmptyFileOrOnlyAFragment) {
+  Write(path_, "");
+  QueueConsumer::Result r = QueueConsumer(path_).Peek();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_FALSE(r.kept_partial_line);
+
+  Write(path_, "no line feed yet");
+  r = QueueConsumer(path_).Peek();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  EXPECT_TRUE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "no line feed yet");
+}
+
+TEST_F(QueueConsumerTest, PeekAtAMissingFileIsAnError) {
+  const QueueConsumer::Result r = QueueConsumer(path_).Peek();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, ENOENT);
+  EXPECT_EQ(r.message,
+            "cannot open " + path_ + ": No such file or directory");
+  EXPECT_FALSE(fs::exists(path_)) << "a peek must not create the file";
+}
+
+TEST_F(QueueConsumerTest, PeekAtSomethingElseIsAnError) {
+  const QueueConsumer::Result dir = QueueConsumer(dir_).Peek();
+  EXPECT_FALSE(dir.ok);
+  EXPECT_EQ(dir.message, dir_ + " is not a regular file");
+
+  const std::string fifo = dir_ + "/fifo.queue";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const QueueConsumer::Result f = QueueConsumer(fifo).Peek();
+  EXPECT_FALSE(f.ok);
+  EXPECT_EQ(f.message, fifo + " is not a regular file");
+}
+
+TEST_F(QueueConsumerTest, PeekWaitsForAWriterAndSeesItsWholeLine) {
+  Write(path_, "a\n");
+  const int holder = HoldLock(path_);
+  ASSERT_GE(holder, 0);
+  // Half a line is in the file while the writer holds the lock; a peek
+  // must not show it.
+  ASSERT_EQ(pwrite(holder, "{\"b\":", 5, 2), 5);
+  std::thread releaser = FinishWriteLater(holder, "1}\n", 7);
+  const QueueConsumer::Result r = QueueConsumer(path_, 5000).Peek();
+  releaser.join();
+  ASSERT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"a", "{\"b\":1}"}));
+  EXPECT_FALSE(r.kept_partial_line);
+  EXPECT_EQ(Read(path_), "a\n{\"b\":1}\n");
+}
+
+TEST_F(QueueConsumerTest, PeekFailsWhileAConsumerKeepsTheLock) {
+  Write(path_, "a\n");
+  const int holder = HoldLock(path_);
+  ASSERT_GE(holder, 0);
+  const QueueConsumer::Result r = QueueConsumer(path_, 200).Peek();
+  close(holder);
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EWOULDBLOCK);
+  EXPECT_EQ(r.message,
+            path_ + " stayed locked by another process for 200 ms");
+  EXPECT_TRUE(r.lines.empty());
+}
+
+TEST_F(QueueConsumerTest, PeekSharesTheLockWithOtherReaders) {
+  Write(path_, "a\n");
+  const int reader = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  ASSERT_EQ(flock(reader, LOCK_SH), 0);
+  const QueueConsumer::Result r = QueueConsumer(path_, 200).Peek();
+  close(reader);
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.lines, (Lines{"a"}));
+}
+
+TEST_F(QueueConsumerTest, PeekNeedsOnlyReadPermission) {
+  Write(path_, "a\n");
+  if (geteuid() != 0) {
+    ASSERT_EQ(chmod(path_.c_str(), 0444), 0);
+    const QueueConsumer::Result r = QueueConsumer(path_).Peek();
+    EXPECT_TRUE(r.ok) << r.message;
+    EXPECT_EQ(r.lines, (Lines{"a"}));
+    EXPECT_EQ(QueueConsumer(path_).Consume().error, EACCES);
+    return;
+  }
+  // As root: as nobody, in a child, on root's file of mode 0644. nobody may
+  // not use O_NOATIME on it either, so this also covers the open without it.
+  ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
+  ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+  EXPECT_EQ(AsNobody([this] {
+              const QueueConsumer::Result peek = QueueConsumer(path_).Peek();
+              if (!peek.ok || peek.lines != Lines{"a"}) return 3;
+              const QueueConsumer::Result consume =
+                  QueueConsumer(path_).Consume();
+              return !consume.ok && consume.error == EACCES ? 0 : 4;
+            }),
+            0);
+  EXPECT_EQ(Read(path_), "a\n");
 }
 
 // ---------------------------------------------------------------------------

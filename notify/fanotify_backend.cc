@@ -10,6 +10,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+
+#include "base/path.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -361,23 +364,14 @@ int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
   if (st.st_nlink == 0) return ENOENT;
 
   // Re-spell the path under the mount point string the caller watches.
-  const std::string& root = watch->second.root;
-  size_t rest;
-  if (real == root) {
-    rest = real.size();
-  } else if (root == "/" && !real.empty() && real[0] == '/') {
-    rest = 1;
-  } else if (real.size() > root.size() &&
-             real.compare(0, root.size(), root) == 0 &&
-             real[root.size()] == '/') {
-    rest = root.size() + 1;
-  } else {
+  std::string_view rest;
+  if (!PathRelativeTo(watch->second.root, real, &rest)) {
     return EXDEV;  // not reachable through the watched mount point
   }
   path->assign(watch->first);
-  if (rest < real.size()) {
+  if (!rest.empty()) {
     if (path->empty() || path->back() != '/') path->push_back('/');
-    path->append(real, rest, std::string::npos);
+    path->append(rest.data(), rest.size());
   }
   return 0;
 }

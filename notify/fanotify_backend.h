@@ -50,9 +50,9 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "notify/fanotify_translator.h"
 #include "notify/notify_backend.h"
-#include "notify/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

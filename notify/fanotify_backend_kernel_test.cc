@@ -12,20 +12,19 @@
 #include <utility>
 #include <vector>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/fanotify_backend.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
 #include "notify/testing/kernel_environment.h"
 #include "notify/testing/scratch_mounts.h"
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 namespace {
 
 using testing::ScratchMounts;
-using testing::WriteFile;
 
 constexpr uint32_t kMask = 0x3ce;
 
@@ -108,7 +107,7 @@ class FanotifyBackendKernelTest : public ::testing::Test {
 TEST_F(FanotifyBackendKernelTest, RecordsCarryFullPaths) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   EXPECT_TRUE(backend_.rename_events()) << "kernel without FAN_RENAME";
-  ASSERT_TRUE(WriteFile(m1_ + "/a", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/a", "", 0644));
   const auto records = ReadAll();
   // One merged kernel event, one record per kind of change.
   ASSERT_EQ(2u, records.size());
@@ -158,7 +157,7 @@ TEST_F(FanotifyBackendKernelTest, WrittenFileGivesCreateModifyCloseWrite) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   RawGroup raw;
   ASSERT_TRUE(raw.Open(m1_, FanotifyMarkMask(kMask, true))) << ErrnoText(errno);
-  ASSERT_TRUE(WriteFile(m1_ + "/f", "some bytes"));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/f", "some bytes", 0644));
   // The kernel merged the three changes into one event...
   const auto masks = raw.Masks();
   ASSERT_EQ(1u, masks.size());
@@ -203,7 +202,7 @@ TEST_F(FanotifyBackendKernelTest, SmallReadsNeverSplitARecord) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   const std::string long_name(200, 'n');
   for (int i = 0; i < 50; ++i) {
-    ASSERT_TRUE(WriteFile(m1_ + "/" + long_name + std::to_string(i), ""));
+    ASSERT_TRUE(WriteWholeFile(m1_ + "/" + long_name + std::to_string(i), "", 0644));
   }
   ASSERT_EQ(0, ::rename((m1_ + "/" + long_name + "0").c_str(),
                         (m1_ + "/renamed").c_str()));
@@ -230,8 +229,8 @@ TEST_F(FanotifyBackendKernelTest, SmallReadsNeverSplitARecord) {
 
 TEST_F(FanotifyBackendKernelTest, LeftoverRecordsKeepTheDescriptorReadable) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
-  ASSERT_TRUE(WriteFile(m1_ + "/a", ""));
-  ASSERT_TRUE(WriteFile(m1_ + "/b", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/a", "", 0644));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/b", "", 0644));
   // Room for the two records of one file (create, close-write).
   std::vector<uint8_t> buf(2 * (kRawRecordHeaderSize + m1_.size() + 3));
   ASSERT_EQ(static_cast<ssize_t>(buf.size()),
@@ -256,7 +255,7 @@ TEST_F(FanotifyBackendKernelTest, LeftoverRecordsKeepTheDescriptorReadable) {
 
 TEST_F(FanotifyBackendKernelTest, BufferTooSmallForOneRecord) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
-  ASSERT_TRUE(WriteFile(m1_ + "/a", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/a", "", 0644));
   uint8_t tiny[8];
   errno = 0;
   EXPECT_EQ(-1, backend_.Read(fd_, tiny, sizeof(tiny)));
@@ -321,7 +320,7 @@ TEST_F(FanotifyBackendKernelTest, FileSystemMountedTwiceIsWatchedOnce) {
 
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   ASSERT_EQ(0, backend_.AddWatch(fd_, bind, kMask));
-  ASSERT_TRUE(WriteFile(bind + "/x", ""));
+  ASSERT_TRUE(WriteWholeFile(bind + "/x", "", 0644));
   auto records = ReadAll();
   // Each change reported once, named under the mount point watched first.
   std::vector<std::pair<uint32_t, std::string>> expected = {
@@ -329,13 +328,13 @@ TEST_F(FanotifyBackendKernelTest, FileSystemMountedTwiceIsWatchedOnce) {
   EXPECT_EQ(expected, Changes(records));
 
   ASSERT_EQ(0, backend_.RemoveWatch(fd_, m1_, kMask));
-  ASSERT_TRUE(WriteFile(m1_ + "/y", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/y", "", 0644));
   records = ReadAll();
   expected = {{YULO_CREATE, bind + "/y"}, {YULO_CLOSE_WRITE, bind + "/y"}};
   EXPECT_EQ(expected, Changes(records));
 
   ASSERT_EQ(0, backend_.RemoveWatch(fd_, bind, kMask));
-  ASSERT_TRUE(WriteFile(m1_ + "/z", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/z", "", 0644));
   bool readable = true;
   EXPECT_EQ(0, backend_.WaitReadable(fd_, {0, 0}, &readable));
 }
@@ -345,7 +344,7 @@ TEST_F(FanotifyBackendKernelTest, PathsAreSpeltAsTheCallerWatchesThem) {
   ASSERT_EQ(0, ::symlink(m1_.c_str(), link.c_str()));
   ASSERT_EQ(0, backend_.AddWatch(fd_, link, kMask));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "", 0644));
   const auto records = ReadAll();
   ::unlink(link.c_str());
   const std::vector<std::pair<uint32_t, std::string>> expected = {
@@ -363,7 +362,7 @@ TEST_F(FanotifyBackendKernelTest, ResolvingPathsRaisesNoEventsOfItsOwn) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, everything));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d/e").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/d/e/f", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/e/f", "", 0644));
   const auto records = ReadAll();
   const std::vector<std::pair<uint32_t, std::string>> expected = {
       {YULO_CREATE | YULO_ISDIR, m1_ + "/d"},
@@ -384,7 +383,7 @@ TEST_F(FanotifyBackendKernelTest, ResolvingPathsRaisesNoEventsOfItsOwn) {
 TEST_F(FanotifyBackendKernelTest, WatchedFileSystemCanBeUnmounted) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "", 0644));
   // Reading resolves the directories, which opens the mount point for a
   // moment.
   ASSERT_EQ(3u, ReadAll().size());
@@ -392,13 +391,13 @@ TEST_F(FanotifyBackendKernelTest, WatchedFileSystemCanBeUnmounted) {
 
   const std::string again = scratch_.MountTmpfs("m1", "size=64m");
   ASSERT_EQ(m1_, again) << scratch_.error();
-  ASSERT_TRUE(WriteFile(m1_ + "/g", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/g", "", 0644));
   EXPECT_TRUE(ReadAll().empty());
   // Its mark went with it: removing the watch has nothing left to do.
   EXPECT_EQ(0, backend_.RemoveWatch(fd_, m1_, kMask));
   // The new file system can be watched in its place.
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
-  ASSERT_TRUE(WriteFile(m1_ + "/h", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/h", "", 0644));
   const std::vector<std::pair<uint32_t, std::string>> expected = {
       {YULO_CREATE, m1_ + "/h"}, {YULO_CLOSE_WRITE, m1_ + "/h"}};
   EXPECT_EQ(expected, Changes(ReadAll()));
@@ -411,7 +410,7 @@ TEST_F(FanotifyBackendKernelTest, WatchedFileSystemCanBeUnmounted) {
 TEST_F(FanotifyBackendKernelTest, EventsOfAnUnmountedFileSystemAreDropped) {
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "", 0644));
   ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));  // on the parent now
   EXPECT_TRUE(ReadAll().empty());
@@ -426,7 +425,7 @@ TEST_F(FanotifyBackendKernelTest, ReadingLeavesTheWorkingDirectoryAlone) {
   ASSERT_NE(nullptr, ::getcwd(before, sizeof(before)));
   ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
   ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/d/f", ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "", 0644));
   ASSERT_EQ(3u, ReadAll().size());
   char after[PATH_MAX];
   ASSERT_NE(nullptr, ::getcwd(after, sizeof(after)));

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
 #include "yulotifyd/log.h"

@@ -10,14 +10,14 @@
 
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
-#include "notify/testing/syslog_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 namespace {
 
-using testing::TakeSyslogTexts;
+using testing::TakeLogLines;
 
 constexpr uint64_t kFsid = 0x1122334455667788ull;
 
@@ -115,7 +115,7 @@ class FanotifyTranslatorTest : public ::testing::Test {
   void SetUp() override {
     saved_level_ = LOG_LEVEL.load();
     LOG_LEVEL = 3;
-    TakeSyslogTexts();
+    TakeLogLines();
     translator_.SetEventMask(0x3ce | YULO_ACCESS | YULO_OPEN);
     resolver_.Set("H-root", "/vol1");
     resolver_.Set("H-media", "/vol1/media");
@@ -476,7 +476,7 @@ TEST_F(FanotifyTranslatorTest, UnresolvableDirectoryDropsTheEvent) {
   EXPECT_EQ("/vol1/media/kept", records[0].name);
   EXPECT_EQ(2u, translator_.dropped_events());
   EXPECT_EQ(3, resolver_.calls);  // failures are not cached
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(2u, lines.size());
   EXPECT_NE(std::string::npos,
             lines[0].find("skip event (lost): Stale file handle (116)"));
@@ -485,7 +485,7 @@ TEST_F(FanotifyTranslatorTest, UnresolvableDirectoryDropsTheEvent) {
 
 TEST_F(FanotifyTranslatorTest, UnresolvableIsSilentBelowLevel7) {
   Run(Event(FAN_CREATE, {Dir("H-gone", "lost")}));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(FanotifyTranslatorTest, OtherFileSystemIsAnotherKey) {

@@ -5,11 +5,9 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <vector>
-
-#include "lib/errno_text.h"
-#include "notify/unique_fd.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/mount_field.h"
 #include "notify/yulotify_log.h"
 #include "yulotifyd/log.h"
 
@@ -25,18 +23,7 @@ class SystemEnv : public MountEnv {
   }
 
   bool ReadMountTable(std::string* text) const override {
-    UniqueFd fd(RetryOnEintr(
-        [] { return ::open("/proc/mounts", O_RDONLY | O_CLOEXEC); }));
-    if (!fd.Valid()) return false;
-    text->clear();
-    char chunk[16384];
-    for (;;) {
-      const ssize_t n =
-          RetryOnEintr([&] { return ::read(fd.Get(), chunk, sizeof(chunk)); });
-      if (n < 0) return false;
-      if (n == 0) return true;
-      text->append(chunk, static_cast<size_t>(n));
-    }
+    return ReadWholeFile("/proc/mounts", kNoReadLimit, text) == 0;
   }
 };
 
@@ -46,28 +33,9 @@ class SystemEnv : public MountEnv {
 constexpr unsigned int STATX_MNT_ID_UNIQUE = 0x4000U;
 #endif
 
-bool IsOctalDigit(char c) { return c >= '0' && c <= '7'; }
-
 void LogStatFailure(int line, const std::string& path, int err) {
   LogWrite(kYulotifyLogSource, line, "yulotify(%d): stat('%s'): %s (%d)\n",
            line, path.c_str(), ErrnoText(err).c_str(), err);
-}
-
-// The second blank- or tab-separated word of `line` (the mount point of a
-// mount-table line); false when the line has fewer than two words.
-bool SecondWord(std::string_view line, std::string_view* word) {
-  size_t pos = 0;
-  for (int i = 0; i < 2; ++i) {
-    pos = line.find_first_not_of(" \t", pos);
-    if (pos == std::string_view::npos) return false;
-    const size_t end = std::min(line.find_first_of(" \t", pos), line.size());
-    if (i == 1) {
-      *word = line.substr(pos, end - pos);
-      return true;
-    }
-    pos = end;
-  }
-  return false;
 }
 
 }  // namespace
@@ -75,42 +43,6 @@ bool SecondWord(std::string_view line, std::string_view* word) {
 const MountEnv& SystemMountEnv() {
   static const SystemEnv env;
   return env;
-}
-
-std::string ParentDir(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos || slash == 0) return "/";
-  return path.substr(0, slash);
-}
-
-std::string NormalisePath(std::string_view path) {
-  if (path.empty()) return std::string();
-  const bool absolute = path[0] == '/';
-  std::vector<std::string_view> parts;
-  size_t pos = 0;
-  while (pos < path.size()) {
-    const size_t end = std::min(path.find('/', pos), path.size());
-    const std::string_view part = path.substr(pos, end - pos);
-    if (!part.empty() && part != ".") parts.push_back(part);
-    pos = end + 1;
-  }
-  std::string out;
-  out.reserve(path.size());
-  for (const std::string_view part : parts) {
-    if (absolute || !out.empty()) out.push_back('/');
-    out.append(part.data(), part.size());
-  }
-  if (out.empty()) out = absolute ? "/" : ".";
-  return out;
-}
-
-std::string DirPrefix(const std::string& dir) {
-  if (!dir.empty() && dir.back() == '/') return dir;
-  return dir + "/";
-}
-
-std::string JoinPath(const std::string& dir, const std::string& name) {
-  return DirPrefix(dir) + name;
 }
 
 bool GetMountIdentity(const std::string& path, MountIdentity* out) {
@@ -127,26 +59,6 @@ bool GetMountIdentity(const std::string& path, MountIdentity* out) {
   identity.dev = makedev(stx.stx_dev_major, stx.stx_dev_minor);
   *out = identity;
   return true;
-}
-
-std::string DecodeMountField(std::string_view field) {
-  std::string out;
-  out.reserve(field.size());
-  for (size_t i = 0; i < field.size();) {
-    if (field[i] != '\\') {
-      out.push_back(field[i++]);
-      continue;
-    }
-    if (i + 3 >= field.size() || !IsOctalDigit(field[i + 1]) ||
-        !IsOctalDigit(field[i + 2]) || !IsOctalDigit(field[i + 3])) {
-      break;  // not an escape: the field ends here
-    }
-    const int value = (field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
-                      (field[i + 3] - '0');
-    out.push_back(static_cast<char>(value & 0xff));
-    i += 4;
-  }
-  return out;
 }
 
 std::string GetMountPoint(const std::string& path, const MountEnv& env) {
@@ -177,9 +89,9 @@ std::string GetMountPoint(const std::string& path, const MountEnv& env) {
     while (start < text.size()) {
       size_t end = text.find('\n', start);
       if (end == std::string_view::npos) end = text.size();
-      std::string_view field;
-      if (SecondWord(text.substr(start, end - start), &field) &&
-          DecodeMountField(field) == last) {
+      const std::string_view field =
+          MountTableField(text.substr(start, end - start), 1);
+      if (!field.empty() && DecodeMountField(field, BadEscape::kCut) == last) {
         return last;
       }
       start = end + 1;

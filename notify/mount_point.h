@@ -1,5 +1,5 @@
-// Mount-point resolution: on which mount point does a path lie? Plus the
-// small path helpers that everything dealing with mount points shares.
+// Mount-point resolution: on which mount point does a path lie? (The path
+// helpers it uses, ParentDir and the rest, are the base layer's: base/path.h.)
 //
 // GetMountPoint climbs the path's parent directories while they stay on the
 // path's device, then confirms the highest one against the mount table
@@ -20,6 +20,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/path.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
@@ -37,28 +39,6 @@ class MountEnv {
 
 // The real file system and "/proc/mounts". Lives for the whole program.
 const MountEnv& SystemMountEnv();
-
-// The part of `path` before its last "/"; "/" when that "/" is the first
-// character, when there is none, or when `path` is empty. Trailing slashes
-// are not removed first: ParentDir("/vol1/share/") is "/vol1/share".
-std::string ParentDir(const std::string& path);
-
-// Decodes a mount-table field: "\ooo" (three octal digits) is one byte; a
-// "\" not followed by three octal digits cuts the field there.
-std::string DecodeMountField(std::string_view field);
-
-// `path` spelt one way only, so that two spellings of one mount point
-// compare equal: repeated "/" collapsed, "." components dropped, no trailing
-// "/" ("/" itself stays "/"). ".." is kept as written: resolving it without
-// the file system would be wrong across symbolic links. "" stays "".
-std::string NormalisePath(std::string_view path);
-
-// `dir` followed by exactly one "/": the prefix every path strictly below
-// `dir` begins with ("/vol1" -> "/vol1/", "/" -> "/").
-std::string DirPrefix(const std::string& dir);
-
-// `name` inside `dir`, with one "/" between them ("/" + "a" -> "/a").
-std::string JoinPath(const std::string& dir, const std::string& name);
 
 // Which mount is mounted at a path. Two identities are equal only for the
 // same mount: a file system unmounted and mounted again at the same place

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "notify/testing/fake_backend.h"
-#include "notify/testing/syslog_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -12,14 +12,14 @@ namespace YULOTIFYD {
 namespace {
 
 using testing::FakeMountEnv;
-using testing::TakeSyslogTexts;
+using testing::TakeLogLines;
 
 class MountPointTest : public ::testing::Test {
  protected:
   void SetUp() override {
     saved_level_ = LOG_LEVEL.load();
     LOG_LEVEL = 3;
-    TakeSyslogTexts();
+    TakeLogLines();
     env_.AddDir("/", 1);
     env_.AddDir("/etc", 1);
     env_.AddDir("/etc/x", 1);
@@ -37,43 +37,9 @@ class MountPointTest : public ::testing::Test {
   int32_t saved_level_ = 3;
 };
 
-TEST(ParentDirTest, Cases) {
-  EXPECT_EQ("/vol1", ParentDir("/vol1/share"));
-  EXPECT_EQ("/", ParentDir("/vol1"));
-  EXPECT_EQ("/", ParentDir("/"));
-  EXPECT_EQ("/", ParentDir(""));
-  EXPECT_EQ("/", ParentDir("abc"));
-  EXPECT_EQ("a", ParentDir("a/b"));
-  // Trailing slashes are not removed first.
-  EXPECT_EQ("/vol1/share", ParentDir("/vol1/share/"));
-  EXPECT_EQ("/vol1/share/", ParentDir("/vol1/share//"));
-}
-
-TEST(DecodeMountFieldTest, PlainFieldIsCopied) {
-  EXPECT_EQ("/vol1/share", DecodeMountField("/vol1/share"));
-  EXPECT_EQ("", DecodeMountField(""));
-}
-
-TEST(DecodeMountFieldTest, OctalEscapes) {
-  EXPECT_EQ("/mnt/my vol", DecodeMountField("/mnt/my\\040vol"));
-  EXPECT_EQ("/a\tb\nc\\d", DecodeMountField("/a\\011b\\012c\\134d"));
-  EXPECT_EQ(" 1", DecodeMountField("\\0401"));
-  // Kept to its low 8 bits.
-  EXPECT_EQ(std::string("/\xff", 2), DecodeMountField("/\\777"));
-  EXPECT_EQ(std::string("/\0x", 3), DecodeMountField("/\\000x"));
-}
-
-TEST(DecodeMountFieldTest, BadEscapeCutsTheField) {
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\x"));
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\04"));
-  EXPECT_EQ("/mnt/a", DecodeMountField("/mnt/a\\048rest"));
-  EXPECT_EQ("/mnt/a b", DecodeMountField("/mnt/a\\040b\\"));
-  EXPECT_EQ("", DecodeMountField("\\"));
-}
-
 TEST_F(MountPointTest, RootFileSystemClimbsToRoot) {
   EXPECT_EQ("/", GetMountPoint("/etc/x", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, RootItself) { EXPECT_EQ("/", GetMountPoint("/", env_)); }
@@ -82,7 +48,7 @@ TEST_F(MountPointTest, RootMissingFromTheTableStillGivesRoot) {
   env_.SetMountTable("/dev/sdb1 /vol1 ext4 rw 0 0\n");
   LOG_LEVEL = 7;
   EXPECT_EQ("/", GetMountPoint("/etc/x", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ("yulotify:569 yulotify(569): cannot find mount point /etc/x",
             lines[0]);
@@ -126,7 +92,7 @@ TEST_F(MountPointTest, FieldCutAtABadEscapeMatches) {
       "/dev/sdd1 /mnt/a\\x ext4 rw 0 0\n");
   LOG_LEVEL = 7;
   EXPECT_EQ("/mnt/a", GetMountPoint("/mnt/a/d", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, TabsSeparateFieldsToo) {
@@ -148,7 +114,7 @@ TEST_F(MountPointTest, NotInTheTableReturnsTheFirstAncestorElsewhere) {
   env_.AddDir("/data/x", 5);
   LOG_LEVEL = 7;
   EXPECT_EQ("/", GetMountPoint("/data/x", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ("yulotify:569 yulotify(569): cannot find mount point /data/x",
             lines[0]);
@@ -166,7 +132,7 @@ TEST_F(MountPointTest, MissingLineIsOnlyLoggedAtDebug) {
   env_.AddDir("/data", 5);
   LOG_LEVEL = 6;
   EXPECT_EQ("/", GetMountPoint("/data", env_));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(MountPointTest, UnreadableTableMatchesNothing) {
@@ -176,7 +142,7 @@ TEST_F(MountPointTest, UnreadableTableMatchesNothing) {
 
 TEST_F(MountPointTest, MissingPathGivesEmptyAndLogsAlways) {
   EXPECT_EQ("", GetMountPoint("/nope", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(
       "yulotify:532 yulotify(532): stat('/nope'): No such file or directory "
@@ -187,7 +153,7 @@ TEST_F(MountPointTest, MissingPathGivesEmptyAndLogsAlways) {
 TEST_F(MountPointTest, UnstatableAncestorGivesEmpty) {
   env_.AddDir("/ghost/child", 2);  // its parent cannot be stat'ed
   EXPECT_EQ("", GetMountPoint("/ghost/child", env_));
-  const auto lines = TakeSyslogTexts();
+  const auto lines = TakeLogLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(
       "yulotify:542 yulotify(542): stat('/ghost'): No such file or directory "
@@ -198,37 +164,6 @@ TEST_F(MountPointTest, UnstatableAncestorGivesEmpty) {
 TEST_F(MountPointTest, RealFileSystem) {
   // The root directory is always a mount point of the real system.
   EXPECT_EQ("/", GetMountPoint("/"));
-}
-
-TEST(NormalisePathTest, OneSpellingPerPath) {
-  EXPECT_EQ("/vol1", NormalisePath("/vol1"));
-  EXPECT_EQ("/vol1", NormalisePath("/vol1/"));
-  EXPECT_EQ("/vol1", NormalisePath("//vol1//"));
-  EXPECT_EQ("/vol1", NormalisePath("/./vol1/."));
-  EXPECT_EQ("/srv/vol1", NormalisePath("/srv/./vol1/./"));
-  EXPECT_EQ("/", NormalisePath("/"));
-  EXPECT_EQ("/", NormalisePath("//"));
-  EXPECT_EQ("/", NormalisePath("/./"));
-  EXPECT_EQ("", NormalisePath(""));
-  // ".." depends on symbolic links: left as written.
-  EXPECT_EQ("/a/../b", NormalisePath("/a/../b/"));
-  // A "." inside a name is no component of its own.
-  EXPECT_EQ("/a./.b/c.d", NormalisePath("/a./.b/c.d"));
-  EXPECT_EQ("a/b", NormalisePath("a//./b/"));
-  EXPECT_EQ(".", NormalisePath("./"));
-}
-
-TEST(DirPrefixTest, ExactlyOneTrailingSlash) {
-  EXPECT_EQ("/vol1/", DirPrefix("/vol1"));
-  EXPECT_EQ("/vol1/", DirPrefix("/vol1/"));
-  EXPECT_EQ("/", DirPrefix("/"));
-  EXPECT_EQ("/", DirPrefix(""));
-}
-
-TEST(JoinPathTest, OneSlashBetween) {
-  EXPECT_EQ("/vol1/Public", JoinPath("/vol1", "Public"));
-  EXPECT_EQ("/vol1/Public", JoinPath("/vol1/", "Public"));
-  EXPECT_EQ("/Public", JoinPath("/", "Public"));
 }
 
 TEST(GetMountIdentityTest, SameMountSameIdentity) {

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "notify/testing/fake_backend.h"
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -14,8 +14,8 @@
 #ifndef YULOTIFYD_NOTIFY_SYSCALL_BACKEND_H_
 #define YULOTIFYD_NOTIFY_SYSCALL_BACKEND_H_
 
+#include "base/unique_fd.h"
 #include "notify/notify_backend.h"
-#include "notify/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/yulotify_log.h"
 #include "yulotifyd/log.h"
 

@@ -24,13 +24,19 @@ namespace YULO {
 namespace YULOTIFYD {
 namespace {
 
+// The whole content of `path` ("" when it cannot be read).
+std::string FileText(const std::string& path) {
+  std::string text;
+  ReadWholeFile(path, kNoReadLimit, &text);
+  return text;
+}
+
 using testing::Changes;
 using testing::Describe;
 using testing::Drain;
 using testing::MaskOf;
 using testing::ScratchMounts;
 using testing::SysctlOverride;
-using testing::WriteFile;
 using Expected = std::vector<testing::Change>;
 
 // What the event receiver asks for.
@@ -83,7 +89,7 @@ TEST_F(KernelNotifyTest, StockKernelFallsBackToFanotify) {
 }
 
 TEST_F(KernelNotifyTest, CreateFile) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   const auto events = Drain(*notify_);
   // Created and closed: one event per kind of change, creation first.
   EXPECT_EQ((Expected{{YULO_CREATE, "/a"}, {YULO_CLOSE_WRITE, "/a"}}),
@@ -100,7 +106,7 @@ TEST_F(KernelNotifyTest, CreateFile) {
 TEST_F(KernelNotifyTest, NewFileWrittenGivesCreateModifyCloseWrite) {
   // The kernel merges the three changes (nothing was read in between); they
   // come out as three events in the order they happened.
-  ASSERT_TRUE(WriteFile(S("/new"), "data"));
+  ASSERT_TRUE(WriteWholeFile(S("/new"), "data", 0644));
   const auto events = Drain(*notify_);
   EXPECT_EQ((Expected{{YULO_CREATE, "/new"},
                       {YULO_MODIFY, "/new"},
@@ -110,9 +116,9 @@ TEST_F(KernelNotifyTest, NewFileWrittenGivesCreateModifyCloseWrite) {
 }
 
 TEST_F(KernelNotifyTest, WriteAndClose) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   Drain(*notify_);
-  ASSERT_TRUE(WriteFile(S("/a"), "some bytes"));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "some bytes", 0644));
   const auto events = Drain(*notify_);
   // Truncation and write are both modifications, merged into one.
   EXPECT_EQ((Expected{{YULO_MODIFY, "/a"}, {YULO_CLOSE_WRITE, "/a"}}),
@@ -122,7 +128,7 @@ TEST_F(KernelNotifyTest, WriteAndClose) {
 }
 
 TEST_F(KernelNotifyTest, AttributeChange) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   Drain(*notify_);
   ASSERT_EQ(0, ::chmod(S("/a").c_str(), 0600));
   const auto events = Drain(*notify_);
@@ -132,7 +138,7 @@ TEST_F(KernelNotifyTest, AttributeChange) {
 }
 
 TEST_F(KernelNotifyTest, Delete) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   Drain(*notify_);
   ASSERT_EQ(0, ::unlink(S("/a").c_str()));
   const auto events = Drain(*notify_);
@@ -164,7 +170,7 @@ TEST_F(KernelNotifyTest, AttributeOfTheWatchedDirectoryItself) {
 }
 
 TEST_F(KernelNotifyTest, RenameFileGivesTwoRecordsWithOneCookie) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   Drain(*notify_);
   ASSERT_EQ(0, ::rename(S("/a").c_str(), S("/b").c_str()));
   const auto events = Drain(*notify_);
@@ -201,13 +207,13 @@ TEST_F(KernelNotifyTest, RenameDirectoryAcrossDirectories) {
 
 TEST_F(KernelNotifyTest, EventInADirectoryAfterItWasRenamed) {
   ASSERT_EQ(0, ::mkdir(S("/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(S("/d/x"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/d/x"), "", 0644));
   auto events = Drain(*notify_);
   EXPECT_NE(0u, MaskOf(events, S("/d/x")) & YULO_CREATE) << Describe(events);
 
   ASSERT_EQ(0, ::rename(S("/d").c_str(), S("/e").c_str()));
   Drain(*notify_);
-  ASSERT_TRUE(WriteFile(S("/e/y"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/e/y"), "", 0644));
   events = Drain(*notify_);
   ASSERT_FALSE(events.empty());
   for (const auto& event : events) EXPECT_EQ("/e/y", event.path);
@@ -216,10 +222,10 @@ TEST_F(KernelNotifyTest, EventInADirectoryAfterItWasRenamed) {
 TEST_F(KernelNotifyTest, EventBelowADirectoryWhoseParentWasRenamed) {
   ASSERT_EQ(0, ::mkdir(S("/p").c_str(), 0755));
   ASSERT_EQ(0, ::mkdir(S("/p/q").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(S("/p/q/x"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/p/q/x"), "", 0644));
   Drain(*notify_);
   ASSERT_EQ(0, ::rename(S("/p").c_str(), S("/r").c_str()));
-  ASSERT_TRUE(WriteFile(S("/r/q/z"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/r/q/z"), "", 0644));
   const auto events = Drain(*notify_);
   EXPECT_EQ((Expected{{YULO_MOVE_FROM | YULO_ISDIR, "/p"},
                       {YULO_MOVE_TO | YULO_ISDIR, "/r"},
@@ -233,9 +239,9 @@ TEST_F(KernelNotifyTest, EventReadAfterItsDirectoryMovedGetsTheNewPath) {
   ASSERT_EQ(0, ::mkdir(S("/d").c_str(), 0755));
   Drain(*notify_);
   // All three happen before anything is read.
-  ASSERT_TRUE(WriteFile(S("/d/x"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/d/x"), "", 0644));
   ASSERT_EQ(0, ::rename(S("/d").c_str(), S("/e").c_str()));
-  ASSERT_TRUE(WriteFile(S("/e/y"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/e/y"), "", 0644));
   const auto events = Drain(*notify_);
   // The directory is only looked up when the first event is read: by then
   // it is /e. No event names a path that was stale when it happened.
@@ -253,7 +259,7 @@ TEST_F(KernelNotifyTest, DeletedDirectoryNeverGivesAWrongPath) {
   ASSERT_EQ(0, ::mkdir(S("/d").c_str(), 0755));
   Drain(*notify_);
   const uint64_t dropped = Fanotify(*notify_)->translator().dropped_events();
-  ASSERT_TRUE(WriteFile(S("/d/x"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/d/x"), "", 0644));
   ASSERT_EQ(0, ::unlink(S("/d/x").c_str()));
   ASSERT_EQ(0, ::rmdir(S("/d").c_str()));
   const auto events = Drain(*notify_);
@@ -272,7 +278,7 @@ TEST_F(KernelNotifyTest, ManyLevelsDeep) {
     ASSERT_EQ(0, ::mkdir(S(rel).c_str(), 0755)) << rel;
   }
   Drain(*notify_);
-  ASSERT_TRUE(WriteFile(S(rel + "/leaf.txt"), "x"));
+  ASSERT_TRUE(WriteWholeFile(S(rel + "/leaf.txt"), "x", 0644));
   const auto events = Drain(*notify_);
   EXPECT_EQ((Expected{{YULO_CREATE, rel + "/leaf.txt"},
                       {YULO_MODIFY, rel + "/leaf.txt"},
@@ -283,7 +289,7 @@ TEST_F(KernelNotifyTest, ManyLevelsDeep) {
 
 TEST_F(KernelNotifyTest, NamesWithBlanksAndNonAsciiBytes) {
   const std::string name = "/a b \xc3\xa9t\xc3\xa9 \xe4\xb8\xad\xff\x01\n.txt";
-  ASSERT_TRUE(WriteFile(S(name), ""));
+  ASSERT_TRUE(WriteWholeFile(S(name), "", 0644));
   const auto events = Drain(*notify_);
   ASSERT_FALSE(events.empty());
   EXPECT_EQ(name, events[0].path);
@@ -292,8 +298,8 @@ TEST_F(KernelNotifyTest, NamesWithBlanksAndNonAsciiBytes) {
 
 TEST_F(KernelNotifyTest, ChangesOutsideTheShareAreSkipped) {
   ASSERT_EQ(0, ::mkdir((m1_ + "/other").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1_ + "/other/x", ""));
-  ASSERT_TRUE(WriteFile(S("/y"), ""));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/other/x", "", 0644));
+  ASSERT_TRUE(WriteWholeFile(S("/y"), "", 0644));
   const auto events = Drain(*notify_);
   EXPECT_EQ((Expected{{YULO_CREATE, "/y"}, {YULO_CLOSE_WRITE, "/y"}}),
             Changes(events))
@@ -306,8 +312,8 @@ TEST_F(KernelNotifyTest, TwoSharesOnOneMount) {
   Drain(*notify_);
   ASSERT_EQ(1, notify_->AddWatch(share2));
   EXPECT_EQ(2u, notify_->mount_points().at(m1_));
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
-  ASSERT_TRUE(WriteFile(share2 + "/b", ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
+  ASSERT_TRUE(WriteWholeFile(share2 + "/b", "", 0644));
   const auto events = Drain(*notify_);
   ASSERT_EQ((Expected{{YULO_CREATE, "/a"},
                       {YULO_CLOSE_WRITE, "/a"},
@@ -324,7 +330,7 @@ TEST_F(KernelNotifyTest, TwoSharesOnOneMount) {
 
   // Removing one share keeps the kernel watch for the other.
   notify_->RemoveWatch(0);
-  ASSERT_TRUE(WriteFile(share2 + "/c", ""));
+  ASSERT_TRUE(WriteWholeFile(share2 + "/c", "", 0644));
   const auto later = Drain(*notify_);
   EXPECT_EQ((Expected{{YULO_CREATE, "/c"}, {YULO_CLOSE_WRITE, "/c"}}),
             Changes(later))
@@ -336,8 +342,8 @@ TEST_F(KernelNotifyTest, TwoMountsAndRemovingTheLastWatchOfOne) {
   ASSERT_FALSE(m2.empty()) << scratch_.error();
   ASSERT_EQ(1, notify_->AddWatch(m2));
   EXPECT_EQ(2u, notify_->mount_points().size());
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
-  ASSERT_TRUE(WriteFile(m2 + "/b", ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
+  ASSERT_TRUE(WriteWholeFile(m2 + "/b", "", 0644));
   auto events = Drain(*notify_);
   ASSERT_EQ((Expected{{YULO_CREATE, "/a"},
                       {YULO_CLOSE_WRITE, "/a"},
@@ -351,8 +357,8 @@ TEST_F(KernelNotifyTest, TwoMountsAndRemovingTheLastWatchOfOne) {
 
   notify_->RemoveWatch(0);  // m1's kernel watch goes
   EXPECT_EQ(0u, notify_->mount_points().count(m1_));
-  ASSERT_TRUE(WriteFile(S("/gone"), ""));
-  ASSERT_TRUE(WriteFile(m2 + "/c", ""));
+  ASSERT_TRUE(WriteWholeFile(S("/gone"), "", 0644));
+  ASSERT_TRUE(WriteWholeFile(m2 + "/c", "", 0644));
   events = Drain(*notify_);
   // Had m1 still been marked, its events would have been queued first.
   ASSERT_EQ((Expected{{YULO_CREATE, "/c"}, {YULO_CLOSE_WRITE, "/c"}}),
@@ -362,14 +368,14 @@ TEST_F(KernelNotifyTest, TwoMountsAndRemovingTheLastWatchOfOne) {
 }
 
 TEST_F(KernelNotifyTest, RemoveAllWatchesAndAddAgain) {
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   notify_->RemoveAllWatches();
   EXPECT_TRUE(notify_->mount_points().empty());
   Drain(*notify_);  // whatever was queued before the removal
-  ASSERT_TRUE(WriteFile(S("/b"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/b"), "", 0644));
   EXPECT_FALSE(notify_->HasEvent());
   ASSERT_EQ(1, notify_->AddWatch(share_));
-  ASSERT_TRUE(WriteFile(S("/c"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/c"), "", 0644));
   const auto events = Drain(*notify_);
   ASSERT_FALSE(events.empty());
   EXPECT_EQ("/c", events[0].path);
@@ -378,7 +384,7 @@ TEST_F(KernelNotifyTest, RemoveAllWatchesAndAddAgain) {
 
 TEST_F(KernelNotifyTest, HasEventAndPlainSelect) {
   EXPECT_FALSE(notify_->HasEvent());
-  ASSERT_TRUE(WriteFile(S("/a"), ""));
+  ASSERT_TRUE(WriteWholeFile(S("/a"), "", 0644));
   EXPECT_TRUE(notify_->HasEvent());
   // The descriptor works with select unchanged.
   fd_set set;
@@ -412,7 +418,7 @@ TEST_F(KernelNotifyTest, BurstInOneDirectoryIsResolvedOnce) {
   Drain(*notify_);
   const uint64_t calls = Fanotify(*notify_)->translator().resolver_calls();
   for (int i = 0; i < 500; ++i) {
-    ASSERT_TRUE(WriteFile(S("/burst/f" + std::to_string(i)), ""));
+    ASSERT_TRUE(WriteWholeFile(S("/burst/f" + std::to_string(i)), "", 0644));
   }
   const auto events = Drain(*notify_);
   ASSERT_EQ(1000u, events.size());
@@ -433,7 +439,7 @@ TEST(KernelOverflowTest, OverflowGivesExactlyOneOverflowRecord) {
   ASSERT_FALSE(m1.empty()) << scratch.error();
 
   const std::string knob = "/proc/sys/fs/fanotify/max_queued_events";
-  const std::string before = testing::ReadTextFile(knob);
+  const std::string before = FileText(knob);
   std::unique_ptr<YULotify> notify;
   {
     // The limit is taken when the instance is made; put it back at once.
@@ -441,7 +447,7 @@ TEST(KernelOverflowTest, OverflowGivesExactlyOneOverflowRecord) {
     ASSERT_TRUE(limit.ok()) << limit.error();
     notify = std::make_unique<YULotify>(kMask);
   }
-  EXPECT_EQ(before, testing::ReadTextFile(knob));
+  EXPECT_EQ(before, FileText(knob));
   ASSERT_GE(notify->descriptor(), 0);
   notify->SetReadTimeout(0, 200000);
   ASSERT_EQ(0, notify->AddWatch(m1));
@@ -481,7 +487,7 @@ TEST(KernelOlderKernelTest, MovesAsUnpairedHalves) {
   ASSERT_EQ(0, notify.AddWatch(m1));
 
   ASSERT_EQ(0, ::mkdir((m1 + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1 + "/d/a", ""));
+  ASSERT_TRUE(WriteWholeFile(m1 + "/d/a", "", 0644));
   Drain(notify);
   ASSERT_EQ(0, ::rename((m1 + "/d/a").c_str(), (m1 + "/d/b").c_str()));
   auto events = Drain(notify);
@@ -496,7 +502,7 @@ TEST(KernelOlderKernelTest, MovesAsUnpairedHalves) {
 
   // Directory moves still keep the paths right.
   ASSERT_EQ(0, ::rename((m1 + "/d").c_str(), (m1 + "/e").c_str()));
-  ASSERT_TRUE(WriteFile(m1 + "/e/c", ""));
+  ASSERT_TRUE(WriteWholeFile(m1 + "/e/c", "", 0644));
   events = Drain(notify);
   ASSERT_EQ((Expected{{YULO_MOVE_FROM | YULO_ISDIR, "/d"},
                       {YULO_MOVE_TO | YULO_ISDIR, "/e"},
@@ -518,13 +524,13 @@ TEST(KernelMaskTest, NoMoveBitsNoMoveRecordsButRightPaths) {
   ASSERT_EQ(0, notify.AddWatch(m1));
 
   ASSERT_EQ(0, ::mkdir((m1 + "/d").c_str(), 0755));
-  ASSERT_TRUE(WriteFile(m1 + "/d/a", "x"));
+  ASSERT_TRUE(WriteWholeFile(m1 + "/d/a", "x", 0644));
   auto events = Drain(notify);
   ASSERT_EQ(2u, events.size()) << Describe(events);
   ASSERT_EQ(0, ::rename((m1 + "/d/a").c_str(), (m1 + "/d/b").c_str()));
   ASSERT_EQ(0, ::rename((m1 + "/d").c_str(), (m1 + "/e").c_str()));
   ASSERT_EQ(0, ::chmod((m1 + "/e/b").c_str(), 0600));
-  ASSERT_TRUE(WriteFile(m1 + "/e/c", ""));
+  ASSERT_TRUE(WriteWholeFile(m1 + "/e/c", "", 0644));
   events = Drain(notify);
   ASSERT_EQ(1u, events.size()) << Describe(events);
   EXPECT_EQ(static_cast<uint32_t>(YULO_CREATE), events[0].mask);

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "notify/testing/fake_backend.h"
-#include "notify/testing/syslog_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -18,8 +18,8 @@ using testing::FakeBackend;
 using testing::FakeKernel;
 using testing::FakeMountEnv;
 using testing::RawRecordBytes;
-using testing::TakeSyslogLines;
-using testing::TakeSyslogTexts;
+using testing::TakeCapturedLines;
+using testing::TakeLogLines;
 
 constexpr uint32_t kMask = 0x3ce;
 
@@ -44,7 +44,7 @@ class YULotifyTest : public ::testing::Test {
         "/dev/sdb1 /vol1 ext4 rw 0 0\n"
         "/dev/sdc1 /vol2 ext4 rw 0 0\n"
         "/dev/sdd1 /v ext4 rw 0 0\n");
-    TakeSyslogTexts();
+    TakeLogLines();
   }
   void TearDown() override { LOG_LEVEL = saved_level_; }
 
@@ -77,7 +77,7 @@ TEST_F(YULotifyTest, ConstructionSetsEverythingUp) {
   EXPECT_TRUE(notify->mount_points().empty());
   EXPECT_EQ((std::vector<std::string>{"init"}), kernel_->calls);
   EXPECT_STREQ("fake", notify->backend()->Name());
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(YULotifyTest, DestructionClosesThroughTheBackend) {
@@ -108,7 +108,7 @@ TEST_F(YULotifyTest, FailedInitLeavesAnInertObject) {
   kernel_->init_fd = -1;
   kernel_->init_errno = ENOSYS;
   auto notify = Make();
-  const auto lines = TakeSyslogLines();
+  const auto lines = TakeCapturedLines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(LOG_ERR, lines[0].priority);
   EXPECT_EQ(
@@ -125,7 +125,7 @@ TEST_F(YULotifyTest, FailedInitLeavesAnInertObject) {
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:589 yulotify(589): yulo_notify_add_watch: Bad file "
                 "descriptor (9)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   EXPECT_TRUE(notify->watched_paths().empty());
   EXPECT_TRUE(notify->mount_points().empty());
   EXPECT_EQ(0, notify->next_watch_id());
@@ -139,12 +139,12 @@ TEST_F(YULotifyTest, FailedInitLeavesAnInertObject) {
 TEST_F(YULotifyTest, InertReadEventFailsLikeSelectWould) {
   kernel_->init_fd = -1;
   auto notify = Make();
-  TakeSyslogTexts();
+  TakeLogLines();
   NotifyEvent event;
   EXPECT_FALSE(notify->ReadEvent(event));
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:154 yulotify(154): select: Bad file descriptor (9)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   EXPECT_EQ(-1, notify->FillBuffer());
 }
 
@@ -211,7 +211,7 @@ TEST_F(YULotifyTest, FailedKernelAddChangesNothing) {
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:589 yulotify(589): yulo_notify_add_watch: "
                 "Permission denied (13)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   EXPECT_EQ(1u, notify->watched_paths().size());
   EXPECT_EQ(1u, notify->mount_points().size());
   EXPECT_EQ(1, notify->next_watch_id());
@@ -276,11 +276,11 @@ TEST_F(YULotifyTest, FailedKernelRemoveIsIgnoredSilently) {
   notify->AddWatch("/vol1/media");
   kernel_->remove_errno = EINVAL;
   LOG_LEVEL = 7;
-  TakeSyslogTexts();
+  TakeLogLines();
   notify->RemoveWatch(0);
   EXPECT_TRUE(notify->mount_points().empty());
   EXPECT_TRUE(notify->watched_paths().empty());
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(YULotifyTest, RemoveWatchResolvesTheMountPointAgain) {
@@ -291,7 +291,7 @@ TEST_F(YULotifyTest, RemoveWatchResolvesTheMountPointAgain) {
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:532 yulotify(532): stat('/vol1/media'): No such "
                 "file or directory (2)\n"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   // The path is forgotten, but the count found at add time stays.
   EXPECT_TRUE(notify->watched_paths().empty());
   EXPECT_EQ(1u, notify->mount_points().at("/vol1"));
@@ -321,7 +321,7 @@ TEST_F(YULotifyTest, DebugLinesOfTheWatchCalls) {
                 "mount_point=/vol1",
                 "yulotify:606 yulotify(606): remove mount point /vol1 from "
                 "watch\n"}),
-            TakeSyslogTexts());
+            TakeLogLines());
 }
 
 TEST_F(YULotifyTest, DebugLinesAreSilentBelowLevel7) {
@@ -332,7 +332,7 @@ TEST_F(YULotifyTest, DebugLinesAreSilentBelowLevel7) {
   Queue(RawRecordBytes(YULO_CREATE, 0, "/elsewhere/x"));
   NotifyEvent event;
   EXPECT_FALSE(notify->ReadEvent(event));
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 // --- lookup -----------------------------------------------------------
@@ -549,7 +549,7 @@ TEST_F(YULotifyTest, RemovedWatchRecordIsConsumedAndSkipped) {
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:500 yulotify(500): watch is removed, skip event "
                 "(/vol1/media2/x)\n"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   // The following record comes on the next call, from the same read.
   ASSERT_TRUE(notify->ReadEvent(event));
   EXPECT_EQ(YULO_DELETE, event.mask);
@@ -615,7 +615,7 @@ TEST_F(YULotifyTest, SelectFailure) {
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:154 yulotify(154): select: Interrupted system call "
                 "(4)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
 }
 
 TEST_F(YULotifyTest, DescriptorNotReported) {
@@ -625,7 +625,7 @@ TEST_F(YULotifyTest, DescriptorNotReported) {
   EXPECT_FALSE(notify->ReadEvent(event));
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:163 yulotify(163): FD_ISSET: Success (0)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   EXPECT_EQ(0, kernel_->read_calls);
 }
 
@@ -638,7 +638,7 @@ TEST_F(YULotifyTest, ReadFailureLeavesTheBufferEmptyAndRetries) {
   EXPECT_FALSE(notify->ReadEvent(event));
   EXPECT_EQ((std::vector<std::string>{
                 "yulotify:170 yulotify(170): read: Input/output error (5)"}),
-            TakeSyslogTexts());
+            TakeLogLines());
   EXPECT_EQ(0u, notify->buffer_pending());
   ASSERT_TRUE(notify->ReadEvent(event));
   EXPECT_EQ("/a", event.path);
@@ -650,7 +650,7 @@ TEST_F(YULotifyTest, EndOfDataIsLikeATimeout) {
   NotifyEvent event;
   EXPECT_FALSE(notify->ReadEvent(event));
   EXPECT_EQ(1, kernel_->read_calls);
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(YULotifyTest, ReadWithTimeoutResults) {
@@ -689,7 +689,7 @@ TEST_F(YULotifyTest, HasEventPollsWithoutWaiting) {
   kernel_->waits.push_back({1, false, 0});
   EXPECT_FALSE(notify->HasEvent());
   EXPECT_EQ(0, kernel_->read_calls);
-  EXPECT_TRUE(TakeSyslogTexts().empty());
+  EXPECT_TRUE(TakeLogLines().empty());
 }
 
 TEST_F(YULotifyTest, FillBuffer) {

@@ -11,9 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_path.h"
 
@@ -28,7 +29,7 @@ using testing::MakeOverflow;
 using testing::MakeQueue;
 using testing::ParseLine;
 using testing::ReadLines;
-using testing::ScratchDir;
+using testing::TempDir;
 using testing::TakeLogLines;
 using testing::WriteFileText;
 using testing::ReadFileText;
@@ -72,7 +73,7 @@ class EventProcessorTest : public ::testing::Test {
   }
 
   FakeEventSource source_;
-  ScratchDir dir_;
+  TempDir dir_;
   std::string media_;
   std::string docs_;
 };

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "notify/notify_event.h"
 #include "output/testing/fake_event_source.h"
 #include "yulotifyd/json_util.h"
@@ -21,7 +22,7 @@ namespace {
 
 using testing::ParseLine;
 using testing::ReadFileText;
-using testing::ScratchDir;
+using testing::TempDir;
 using testing::WriteFileText;
 
 // --- Queue event codes -----------------------------------------------------
@@ -233,7 +234,7 @@ TEST(QueueLineTest, PythonConsumerRecoversTheBytes) {
   if (access("/usr/bin/python3", X_OK) != 0) {
     GTEST_SKIP() << "no /usr/bin/python3";
   }
-  ScratchDir dir;
+  TempDir dir;
   ASSERT_FALSE(dir.path().empty());
   const std::vector<std::string> paths = {
       "/vol1/a b", "/vol1/q\"uote", "/vol1/back\\slash",

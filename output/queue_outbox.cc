@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <set>
 #include <utility>
 
+#include "base/errno_text.h"
 #include "output/queue_line.h"
 #include "yulotifyd/fs_ids.h"
 #include "yulotifyd/json_util.h"
@@ -343,7 +343,7 @@ void QueueOutbox::ReplaceByRescans(const std::vector<MonitorQueue>& snapshot) {
 
 void QueueOutbox::NoteFailure(Failure failure, int err) {
   state_ = failure == Failure::kBusy ? State::kBusy : State::kFailing;
-  last_error_ = std::strerror(err);
+  last_error_ = ErrnoText(err);
   last_error_time_ = time(nullptr);
   if (failing_) return;
   failing_ = true;

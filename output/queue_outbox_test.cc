@@ -13,9 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "output/queue_line.h"
 #include "output/testing/fake_event_source.h"
-#include "output/testing/log_capture.h"
+#include "lib/testing/log_capture.h"
 #include "output/testing/scripted_file_ops.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_path.h"
@@ -30,7 +31,7 @@ using testing::OpenDescriptorCount;
 using testing::ParseLine;
 using testing::ReadFileText;
 using testing::ReadLines;
-using testing::ScratchDir;
+using testing::TempDir;
 using testing::ScriptedFileOps;
 using testing::TakeLogLines;
 using testing::WriteFileText;
@@ -79,7 +80,7 @@ class QueueFileTest : public ::testing::Test {
     ASSERT_EQ(truncate(file_.c_str(), size), 0);
   }
 
-  ScratchDir dir_;
+  TempDir dir_;
   std::string file_;
   std::vector<MonitorQueue> queues_;
   ScriptedFileOps ops_;

@@ -4,18 +4,11 @@
 // writes plain syslog lines in the same "<file>:<line> <message>" shape.
 #include <stdarg.h>
 #include <stdio.h>
-#include <string.h>
 #include <syslog.h>
 
 #include "platform_internal.h"
 
 namespace yulo_platform {
-
-const char* ErrorText(int err) {
-  // strerrordesc_np, unlike strerror, never writes to a shared buffer.
-  const char* text = strerrordesc_np(err);
-  return text != nullptr ? text : "unknown error";
-}
 
 void Complain(Complaints* out, const char* stem, int line, const char* fmt,
               ...) {

@@ -1,4 +1,4 @@
-// file_util.cc: reading whole files and lines, and YULOFileExist.
+// file_util.cc: reading files line by line, and YULOFileExist.
 //
 // Every descriptor is opened O_CLOEXEC: the daemon that loads us forks
 // helpers, and they must not inherit descriptors of files we happen to be
@@ -15,76 +15,18 @@ namespace {
 
 constexpr size_t kChunk = 64 * 1024;
 
-int OpenForReading(const std::string& path) {
-  int fd;
-  do {
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
-
-ssize_t ReadRetrying(int fd, char* buf, size_t len) {
-  ssize_t n;
-  do {
-    n = read(fd, buf, len);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
-// Closes a descriptor however the scope is left, bad_alloc included.
-class FdCloser {
- public:
-  explicit FdCloser(int fd) : fd_(fd) {}
-  ~FdCloser() { close(fd_); }
-  FdCloser(const FdCloser&) = delete;
-  FdCloser& operator=(const FdCloser&) = delete;
-
- private:
-  int fd_;
-};
-
 }  // namespace
-
-int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out) {
-  out->clear();
-  int fd = OpenForReading(path);
-  if (fd < 0) return errno;
-  FdCloser closer(fd);
-  int err = 0;
-  size_t used = 0;
-  for (;;) {
-    if (out->size() - used < kChunk) out->resize(used + kChunk);
-    ssize_t n = ReadRetrying(fd, &(*out)[used], out->size() - used);
-    if (n < 0) {
-      err = errno;
-      break;
-    }
-    if (n == 0) break;
-    used += static_cast<size_t>(n);
-    if (used > max_bytes) {
-      err = EFBIG;
-      break;
-    }
-  }
-  out->resize(used);
-  if (err != 0) out->clear();
-  return err;
-}
 
 LineReader::LineReader(size_t max_line) : max_line_(max_line) {}
 
-LineReader::~LineReader() {
-  if (fd_ >= 0) close(fd_);
-}
-
 int LineReader::Open(const std::string& path) {
-  if (fd_ >= 0) close(fd_);
   buf_.clear();
   pos_ = 0;
   eof_ = false;
   error_ = 0;
-  fd_ = OpenForReading(path);
-  if (fd_ < 0) {
+  fd_.Reset(RetryOnEintr(
+      [&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY); }));
+  if (!fd_.Valid()) {
     error_ = errno;
     return error_;
   }
@@ -94,8 +36,9 @@ int LineReader::Open(const std::string& path) {
 bool LineReader::Fill() {
   buf_.resize(kChunk);
   pos_ = 0;
-  ssize_t n =
-      fd_ < 0 ? (errno = EBADF, -1) : ReadRetrying(fd_, &buf_[0], kChunk);
+  ssize_t n = !fd_.Valid()
+                  ? (errno = EBADF, -1)
+                  : RetryOnEintr([&] { return read(fd_.Get(), &buf_[0], kChunk); });
   if (n < 0) {
     error_ = errno;
     buf_.clear();

@@ -1,16 +1,16 @@
-// file_util_test.cc: YULOFileExist, ReadWholeFile and LineReader.
+// file_util_test.cc: YULOFileExist and LineReader.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform_internal.h"
-#include "platform_test_util.h"
+#include "base/testing/temp_dir.h"
 
 namespace yulo_platform {
 namespace {
 
-using testing::TempDir;
+using ::YULO::YULOTIFYD::testing::TempDir;
 
 TEST(FileExistTest, RegularFileAndDirectoryExist) {
   TempDir dir;
@@ -35,41 +35,6 @@ TEST(FileExistTest, DanglingSymlinkExistsBecauseLstatIsUsed) {
   std::string link = dir.File("dangling");
   ASSERT_EQ(symlink(dir.File("nowhere").c_str(), link.c_str()), 0);
   EXPECT_EQ(YULOFileExist(link.c_str()), 1);
-}
-
-TEST(ReadWholeFileTest, ReadsEverything) {
-  TempDir dir;
-  // Larger than one read chunk, with a NUL inside.
-  std::string contents(200 * 1024, 'a');
-  contents[1000] = '\0';
-  contents.back() = 'z';
-  std::string path = dir.Write("big", contents);
-  std::string out;
-  ASSERT_EQ(ReadWholeFile(path, 1 << 20, &out), 0);
-  EXPECT_EQ(out, contents);
-}
-
-TEST(ReadWholeFileTest, EmptyFile) {
-  TempDir dir;
-  std::string out = "stale";
-  EXPECT_EQ(ReadWholeFile(dir.Write("empty", ""), 100, &out), 0);
-  EXPECT_EQ(out, "");
-}
-
-TEST(ReadWholeFileTest, MissingFileGivesErrno) {
-  TempDir dir;
-  std::string out;
-  EXPECT_EQ(ReadWholeFile(dir.File("missing"), 100, &out), ENOENT);
-}
-
-TEST(ReadWholeFileTest, RefusesFilesOverTheLimit) {
-  TempDir dir;
-  std::string out;
-  EXPECT_EQ(ReadWholeFile(dir.Write("f", std::string(101, 'x')), 100, &out),
-            EFBIG);
-  EXPECT_TRUE(out.empty());
-  EXPECT_EQ(ReadWholeFile(dir.Write("g", std::string(100, 'x')), 100, &out), 0);
-  EXPECT_EQ(out.size(), 100u);
 }
 
 std::vector<std::string> AllLines(LineReader* reader) {

@@ -3,57 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "platform_internal.h"
-#include "platform_test_util.h"
+#include "base/testing/temp_dir.h"
 
 namespace yulo_platform {
 namespace {
 
-using testing::TempDir;
-
-TEST(DecodeMountFieldTest, OctalEscapesBecomeBytes) {
-  EXPECT_EQ(DecodeMountField("/media/my\\040disk"), "/media/my disk");
-  EXPECT_EQ(DecodeMountField("/a\\011b"), "/a\tb");
-  EXPECT_EQ(DecodeMountField("/a\\012b"), "/a\nb");
-  EXPECT_EQ(DecodeMountField("/a\\134b"), "/a\\b");
-  EXPECT_EQ(DecodeMountField("/x\\0401"), "/x 1");  // only three digits
-  EXPECT_EQ(DecodeMountField("\\303\\251"), "\xC3\xA9");
-}
-
-TEST(DecodeMountFieldTest, OtherBackslashesStayAsTheyAre) {
-  EXPECT_EQ(DecodeMountField("/plain"), "/plain");
-  EXPECT_EQ(DecodeMountField("/a\\04"), "/a\\04");    // too short
-  EXPECT_EQ(DecodeMountField("/a\\x41"), "/a\\x41");  // not octal
-  EXPECT_EQ(DecodeMountField("/a\\400"), "/a\\400");  // over one byte
-  EXPECT_EQ(DecodeMountField("/a\\"), "/a\\");
-  EXPECT_EQ(DecodeMountField("/a\\08"), "/a\\08");
-}
-
-TEST(NormalisePathTest, TrailingAndRepeatedSlashes) {
-  EXPECT_EQ(NormalisePath("/vol1/"), "/vol1");
-  EXPECT_EQ(NormalisePath("/vol1///"), "/vol1");
-  EXPECT_EQ(NormalisePath("/a//b/c"), "/a/b/c");
-  EXPECT_EQ(NormalisePath("/vol1"), "/vol1");
-  EXPECT_EQ(NormalisePath("/"), "/");
-  EXPECT_EQ(NormalisePath("///"), "/");
-  EXPECT_EQ(NormalisePath(""), "");
-}
-
-TEST(PathIsUnderTest, StopsAtSlashBoundaries) {
-  EXPECT_TRUE(PathIsUnder("/vol1", "/vol1"));
-  EXPECT_TRUE(PathIsUnder("/vol1/a/b", "/vol1"));
-  EXPECT_FALSE(PathIsUnder("/vol10", "/vol1"));
-  EXPECT_FALSE(PathIsUnder("/vol10/x", "/vol1"));
-  EXPECT_FALSE(PathIsUnder("/vol", "/vol1"));
-  EXPECT_FALSE(PathIsUnder("/other", "/vol1"));
-}
-
-TEST(PathIsUnderTest, RootHoldsEveryAbsolutePath) {
-  EXPECT_TRUE(PathIsUnder("/", "/"));
-  EXPECT_TRUE(PathIsUnder("/vol1/x", "/"));
-  EXPECT_FALSE(PathIsUnder("relative", "/"));
-  EXPECT_FALSE(PathIsUnder("", "/"));
-  EXPECT_FALSE(PathIsUnder("/x", ""));
-}
+using ::YULO::YULOTIFYD::testing::TempDir;
 
 TEST(ReadMountPointsTest, SecondFieldDecodedAndNormalised) {
   TempDir dir;

@@ -14,6 +14,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 #include "yulo_platform.h"
 
 namespace yulo_platform {
@@ -29,8 +33,13 @@ using Complaints = std::vector<std::string>;
 void Complain(Complaints* out, const char* stem, int line, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
-// A thread-safe description of an errno value, for complaint messages.
-const char* ErrorText(int err);
+// The base layer's helpers this library uses.
+using ::YULO::YULOTIFYD::ErrnoText;
+using ::YULO::YULOTIFYD::NormalisePath;
+using ::YULO::YULOTIFYD::PathAtOrBelow;
+using ::YULO::YULOTIFYD::ReadWholeFile;
+using ::YULO::YULOTIFYD::RetryOnEintr;
+using ::YULO::YULOTIFYD::UniqueFd;
 
 // Each .cc using this defines kStem, its own base name without extension.
 #define YULO_COMPLAIN(out, ...) \
@@ -39,17 +48,12 @@ const char* ErrorText(int err);
 // ---------------------------------------------------------------------------
 // File reading (file_util.cc)
 
-// Reads all of `path` into *out. Refuses files larger than `max_bytes`
-// (EFBIG). Returns 0 or an errno value.
-int ReadWholeFile(const std::string& path, size_t max_bytes, std::string* out);
-
 // Hands out the lines of a file one at a time, without their "\n". Lines
 // longer than `max_line` bytes are cut to that length and flagged, so a
 // file without newlines cannot make us buffer all of it.
 class LineReader {
  public:
   explicit LineReader(size_t max_line = 1 << 20);
-  ~LineReader();
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
 
@@ -62,7 +66,7 @@ class LineReader {
  private:
   bool Fill();
 
-  int fd_ = -1;
+  UniqueFd fd_;
   int error_ = 0;
   bool eof_ = false;
   size_t max_line_;
@@ -72,19 +76,6 @@ class LineReader {
 
 // ---------------------------------------------------------------------------
 // Mount points (mount_table.cc)
-
-// Decodes the octal escapes the kernel uses in /proc/mounts fields: "\"
-// followed by three octal digits (at most \377) is that byte; any other
-// backslash is kept as it is.
-std::string DecodeMountField(std::string_view field);
-
-// Collapses repeated "/" and drops trailing "/", except that "/" stays "/".
-// Returns "" for "".
-std::string NormalisePath(std::string_view path);
-
-// True when `path` (normalised) is `mount_point` (normalised) or lies under
-// it, i.e. continues with "/" right after it.
-bool PathIsUnder(std::string_view path, std::string_view mount_point);
 
 // The normalised mount points (second field) listed in a mounts file such
 // as /proc/mounts. Returns 0 or an errno value.

@@ -241,7 +241,7 @@ int LoadShares(const std::string& smb_conf_path, std::vector<Share>* out,
   int err = p.reader.Open(smb_conf_path);
   if (err != 0) {
     YULO_COMPLAIN(complaints, "cannot open %s: %s", smb_conf_path.c_str(),
-                  ErrorText(err));
+                  ErrnoText(err).c_str());
     return err;
   }
   // Syntax errors (a line with no "=", say) make inih return the number of
@@ -256,7 +256,7 @@ int LoadShares(const std::string& smb_conf_path, std::vector<Share>* out,
   }
   if (p.reader.error() != 0) {
     YULO_COMPLAIN(complaints, "cannot read %s: %s", smb_conf_path.c_str(),
-                  ErrorText(p.reader.error()));
+                  ErrnoText(p.reader.error()).c_str());
     return p.reader.error();
   }
   for (ShareDraft& draft : p.drafts) {

@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "platform_internal.h"
-#include "platform_test_util.h"
+#include "base/testing/temp_dir.h"
 
 namespace yulo_platform {
 namespace {
 
-using testing::TempDir;
+using ::YULO::YULOTIFYD::testing::TempDir;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 class ShareConfTest : public ::testing::Test {

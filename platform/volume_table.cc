@@ -111,7 +111,7 @@ bool ParseTable(const std::string& table_path, std::vector<VolumeEntry>* out,
   int err = ReadWholeFile(table_path, kMaxTableBytes, &text);
   if (err != 0) {
     YULO_COMPLAIN(complaints, "cannot read volume table %s: %s",
-                  table_path.c_str(), ErrorText(err));
+                  table_path.c_str(), ErrnoText(err).c_str());
     return false;
   }
   Json::Value root;
@@ -247,7 +247,7 @@ int ParseVolumePath(const VolumeSources& src, const char* path, int* vol_id,
   // so the deepest mount point holding the path is the one it lives on.
   const VolumeEntry* best = nullptr;
   for (const VolumeEntry& entry : volumes) {
-    if (PathIsUnder(wanted, entry.mount_point) &&
+    if (PathAtOrBelow(entry.mount_point, wanted) &&
         (best == nullptr ||
          entry.mount_point.size() > best->mount_point.size())) {
       best = &entry;

@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "platform_internal.h"
-#include "platform_test_util.h"
+#include "base/testing/temp_dir.h"
 
 namespace yulo_platform {
 namespace {
 
-using testing::TempDir;
+using ::YULO::YULOTIFYD::testing::TempDir;
 using Volume = std::tuple<int, int, std::string>;  // id, kind, mount point
 
 // Escapes a mount point the way the kernel writes it in /proc/mounts.

@@ -1,8 +1,8 @@
 // yulotifyctl: command-line client of yulotifyd.
 //
 // Sends control commands over the daemon's socket, consumes queue files the
-// way every consumer should, and shows how the daemon would read the
-// monitor-queue configuration. Everything it does goes through
+// way every consumer should (or shows their lines without taking them), and
+// shows how the daemon would read the monitor-queue configuration. Everything it does goes through
 // libyulotifyd (ControlClient, QueueConsumer, MonitorQueue).
 //
 // Exit status: 0 the daemon answered 0 (or a local command succeeded),
@@ -83,6 +83,9 @@ const char kGeneralHelp[] =
     "Local commands:\n"
     "  consume QUEUE_FILE [--follow] [--interval MS]\n"
     "                               take and print the lines of a queue file\n"
+    "  peek QUEUE_FILE [--lock-timeout MS]\n"
+    "                               print the lines of a queue file, leaving "
+    "them there\n"
     "  queues [--conf-root DIR] [--json]\n"
     "                               list the monitor queues as the daemon "
     "would load them\n"
@@ -189,6 +192,21 @@ const char kConsumeHelp[] =
     "(default 1000)\n"
     "  --lock-timeout MS  give up when others hold the lock this long\n"
     "                     (default 5000); with --follow the round is retried\n";
+
+const char kPeekHelp[] =
+    "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS]\n"
+    "\n"
+    "Prints the complete lines of a queue file on stdout and leaves them in\n"
+    "the file: nothing is taken, the file is only read (its content and\n"
+    "modification time stay as they were). It reads under a shared flock,\n"
+    "so a line the daemon is writing is shown whole or not at all, and it\n"
+    "holds the lock for that one read only. An unfinished last line is not\n"
+    "shown (a note on stderr says it is there).\n"
+    "\n"
+    "A missing file is an error (exit 1), as is a file that cannot be read.\n"
+    "\n"
+    "  --lock-timeout MS  give up when others hold the lock this long\n"
+    "                     (default 5000)\n";
 
 const char kQueuesHelp[] =
     "usage: yulotifyctl queues [--conf-root DIR] [--json]\n"
@@ -508,6 +526,22 @@ bool PrintLines(const std::vector<std::string>& lines) {
   return true;
 }
 
+// The --lock-timeout of consume and peek. False, having reported, when it
+// is not a number of milliseconds.
+bool LockTimeout(const std::string& cmd, const Args& args, int* timeout_ms,
+                 int* status) {
+  long long ms = QueueConsumer::kDefaultLockTimeoutMs;
+  const auto it = args.options.find("--lock-timeout");
+  if (it != args.options.end() &&
+      !ParseNumber(it->second, 1, kMaxIntervalMs, &ms)) {
+    *status = UsageError(cmd, "--lock-timeout wants milliseconds (1 or "
+                              "more), not \"" + it->second + "\"");
+    return false;
+  }
+  *timeout_ms = static_cast<int>(ms);
+  return true;
+}
+
 int RunConsume(const Args& args) {
   const std::string cmd = "consume";
   if (args.positional.size() != 1) {
@@ -523,21 +557,15 @@ int RunConsume(const Args& args) {
     }
     if (!follow) return UsageError(cmd, "--interval goes with --follow");
   }
-  long long lock_timeout = QueueConsumer::kDefaultLockTimeoutMs;
-  if (args.options.count("--lock-timeout") != 0 &&
-      !ParseNumber(args.options.at("--lock-timeout"), 1, kMaxIntervalMs,
-                   &lock_timeout)) {
-    return UsageError(cmd, "--lock-timeout wants milliseconds (1 or more), "
-                           "not \"" + args.options.at("--lock-timeout") +
-                           "\"");
-  }
+  int lock_timeout = 0;
+  int status = kExitOk;
+  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
   // A closed stdout must not kill us between taking lines and reporting
   // that they could not be written.
   signal(SIGPIPE, SIG_IGN);
   if (follow) InstallStopHandlers();
 
-  const QueueConsumer consumer(args.positional[0],
-                               static_cast<int>(lock_timeout));
+  const QueueConsumer consumer(args.positional[0], lock_timeout);
   for (;;) {
     const QueueConsumer::Result result = consumer.Consume();
     if (!result.ok) {
@@ -559,6 +587,36 @@ int RunConsume(const Args& args) {
     SleepMs(static_cast<int>(interval));
     if (g_stop) return kExitOk;
   }
+}
+
+// ---------------------------------------------------------------------------
+// peek
+
+int RunPeek(const Args& args) {
+  const std::string cmd = "peek";
+  if (args.positional.size() != 1) {
+    return UsageError(cmd, "expects exactly one QUEUE_FILE");
+  }
+  int lock_timeout = 0;
+  int status = kExitOk;
+  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
+  signal(SIGPIPE, SIG_IGN);  // a closed stdout is reported, not fatal
+
+  const QueueConsumer queue(args.positional[0], lock_timeout);
+  const QueueConsumer::Result result = queue.Peek();
+  if (!result.ok) {
+    Error("cannot peek at " + queue.queue_path() + ": " + result.message);
+    return kExitFailed;
+  }
+  if (!PrintLines(result.lines)) {
+    Error("cannot write to stdout: " + std::string(strerror(errno)));
+    return kExitFailed;
+  }
+  if (result.kept_partial_line) {
+    Error("note: " + queue.queue_path() +
+          " ends in an unfinished line, not shown");
+  }
+  return kExitOk;
 }
 
 // ---------------------------------------------------------------------------
@@ -767,6 +825,8 @@ const std::vector<Command>& Commands() {
       {"consume", kConsumeHelp, {"--follow"},
        {"--interval", "--lock-timeout"}, false,
        [](const Globals&, const Args& a) { return RunConsume(a); }},
+      {"peek", kPeekHelp, {}, {"--lock-timeout"}, false,
+       [](const Globals&, const Args& a) { return RunPeek(a); }},
       {"queues", kQueuesHelp, {"--json"}, {"--conf-root"}, false,
        [](const Globals&, const Args& a) { return RunQueues(a); }},
   };

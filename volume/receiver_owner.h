@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "notify/mount_point.h"
+#include "base/path.h"
 #include "notify/notify_event.h"
 #include "notify/packed_events.h"
 #include "yulotifyd/monitor_queue.h"
@@ -35,9 +35,7 @@ class ReceiverOwner {
   // Whether `path` lies on the volume, i.e. is to be watched by its
   // receiver. By default: strictly below the mount point.
   virtual bool OwnsPath(const std::string& path) const {
-    const std::string prefix = DirPrefix(GetMountPoint());
-    return path.size() > prefix.size() &&
-           path.compare(0, prefix.size(), prefix) == 0;
+    return PathBelow(GetMountPoint(), path);
   }
 };
 

@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "base/testing/temp_dir.h"
 #include "yulotifyd/thread.h"
 
 namespace YULO {
@@ -23,20 +23,14 @@ namespace {
 class InjectTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/yulo-inject-XXXXXX";
-    root_ = mkdtemp(tmpl);
-    share_a_ = root_ + "/a";
-    share_b_ = root_ + "/b";
-    mkdir(share_a_.c_str(), 0755);
-    mkdir(share_b_.c_str(), 0755);
-    mkdir((share_a_ + "/dir").c_str(), 0755);
-    std::ofstream(share_a_ + "/file");
-    std::ofstream(share_b_ + "/file");
-    std::ofstream(root_ + "/outside");
+    root_ = dir_.path();
+    share_a_ = dir_.MakeDir("a");
+    share_b_ = dir_.MakeDir("b");
+    dir_.MakeDir("a/dir");
+    dir_.Write("a/file", "");
+    dir_.Write("b/file", "");
+    dir_.Write("outside", "");
     shares_ = {share_a_, share_b_};
-  }
-  void TearDown() override {
-    std::system(("rm -rf '" + root_ + "'").c_str());
   }
   bool Build(uint32_t type, const std::string& path,
              const std::string& old = "") {
@@ -45,6 +39,7 @@ class InjectTest : public ::testing::Test {
                                     &records_);
   }
 
+  testing::TempDir dir_{"inject"};
   std::string root_, share_a_, share_b_;
   std::vector<std::string> shares_;
   std::vector<NotifyEvent> records_;
@@ -128,9 +123,8 @@ TEST_F(InjectTest, RenameIntoOrOutOfAShareIsOneRecord) {
 
 TEST_F(InjectTest, ShareRootIsAPlainPrefixInListOrder) {
   // No "/" boundary: a share /x/a claims /x/ab/... when listed first.
-  const std::string ab = root_ + "/ab";
-  mkdir(ab.c_str(), 0755);
-  std::ofstream(ab + "/f");
+  const std::string ab = dir_.MakeDir("ab");
+  dir_.Write("ab/f", "");
   ASSERT_TRUE(Build(64, ab + "/f"));
   ASSERT_EQ(records_.size(), 1u);
   EXPECT_EQ(records_[0].watch, share_a_);

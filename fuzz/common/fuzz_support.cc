@@ -10,6 +10,8 @@
 
 #include <cstring>
 
+#include "base/file_io.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace fuzz {
@@ -116,23 +118,10 @@ const std::string& ScratchRoot() {
 }
 
 void WriteFileOrDie(const std::string& path, std::string_view bytes) {
-  const int fd =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    CheckFailed(__FILE__, __LINE__, "open",
+  if (!WriteWholeFile(path, std::string(bytes), 0600)) {
+    CheckFailed(__FILE__, __LINE__, "write",
                 path + ": " + std::strerror(errno));
   }
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      CheckFailed(__FILE__, __LINE__, "write",
-                  path + ": " + std::strerror(errno));
-    }
-    done += static_cast<size_t>(n);
-  }
-  close(fd);
 }
 
 void MakeDirOrDie(const std::string& path) {

@@ -6,9 +6,8 @@
 
 #include <sstream>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
 #include "notify/testing/scratch_mounts.h"
-#include "notify/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -38,17 +37,6 @@ class KernelEnvironment : public ::testing::Environment {
     ::testing::AddGlobalTestEnvironment(new KernelEnvironment);
 
 }  // namespace
-
-bool WriteFile(const std::string& path, const std::string& data) {
-  UniqueFd fd(RetryOnEintr([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  }));
-  if (!fd.Valid()) return false;
-  if (data.empty()) return true;
-  return RetryOnEintr([&] {
-           return ::write(fd.Get(), data.data(), data.size());
-         }) == static_cast<ssize_t>(data.size());
-}
 
 std::vector<NotifyEvent> Drain(YULotify& notify) {
   std::vector<NotifyEvent> events;

@@ -15,15 +15,13 @@
 #include <utility>
 #include <vector>
 
+#include "base/file_io.h"
 #include "notify/notify_event.h"
 #include "notify/yulotify.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 namespace testing {
-
-// Creates (or truncates) `path`, writes `data` and closes it.
-bool WriteFile(const std::string& path, const std::string& data);
 
 // Everything `notify` can read now. Kernel events are queued during the
 // system call that causes them, so after that call returns they are there:

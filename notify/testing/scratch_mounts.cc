@@ -11,7 +11,8 @@
 
 #include <algorithm>
 
-#include "lib/errno_text.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -82,34 +83,10 @@ std::string ScratchMounts::MountTmpfs(const std::string& name,
   return path;
 }
 
-std::string ReadTextFile(const std::string& path) {
-  UniqueFd fd(
-      RetryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  std::string text;
-  if (!fd.Valid()) return text;
-  char buf[4096];
-  for (;;) {
-    const ssize_t n =
-        RetryOnEintr([&] { return ::read(fd.Get(), buf, sizeof(buf)); });
-    if (n <= 0) break;
-    text.append(buf, static_cast<size_t>(n));
-  }
-  return text;
-}
-
-bool WriteTextFile(const std::string& path, const std::string& text) {
-  UniqueFd fd(RetryOnEintr(
-      [&] { return ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC); }));
-  if (!fd.Valid()) return false;
-  const ssize_t n =
-      RetryOnEintr([&] { return ::write(fd.Get(), text.data(), text.size()); });
-  return n == static_cast<ssize_t>(text.size());
-}
-
 SysctlOverride::SysctlOverride(const std::string& path,
                                const std::string& value)
     : path_(path) {
-  old_ = ReadTextFile(path);
+  ReadWholeFile(path, kNoReadLimit, &old_);
   while (!old_.empty() && (old_.back() == '\n' || old_.back() == ' ')) {
     old_.pop_back();
   }
@@ -117,7 +94,7 @@ SysctlOverride::SysctlOverride(const std::string& path,
     error_ = "cannot read " + path + ": " + ErrnoText(errno);
     return;
   }
-  if (!WriteTextFile(path, value)) {
+  if (!WriteWholeFile(path, value, 0644)) {
     error_ = "cannot write " + path + ": " + ErrnoText(errno);
     return;
   }
@@ -125,7 +102,7 @@ SysctlOverride::SysctlOverride(const std::string& path,
 }
 
 SysctlOverride::~SysctlOverride() {
-  if (ok_) WriteTextFile(path_, old_);
+  if (ok_) WriteWholeFile(path_, old_, 0644);
 }
 
 }  // namespace testing

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -78,11 +78,6 @@ class SysctlOverride {
   std::string error_;
   bool ok_ = false;
 };
-
-// Reads a small text file whole ("" on failure).
-std::string ReadTextFile(const std::string& path);
-// Replaces the contents of an existing file; false on failure.
-bool WriteTextFile(const std::string& path, const std::string& text);
 
 }  // namespace testing
 }  // namespace YULOTIFYD

@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <utility>
 
+#include "base/file_io.h"
 #include "yulotifyd/json_util.h"
 
 namespace YULO {
@@ -82,37 +81,14 @@ MonitorQueue MakeQueue(const std::string& file, const std::string& share_path,
                                                       recursive, events)});
 }
 
-ScratchDir::ScratchDir() {
-  const char* tmp = getenv("TMPDIR");
-  std::string pattern =
-      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-      "/yulooutput.XXXXXX";
-  if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
-}
-
-ScratchDir::~ScratchDir() {
-  if (path_.empty()) return;
-  DIR* dir = opendir(path_.c_str());
-  if (dir != nullptr) {
-    while (const struct dirent* entry = readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      unlink((path_ + "/" + name).c_str());
-    }
-    closedir(dir);
-  }
-  rmdir(path_.c_str());
-}
-
 std::string ReadFileText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in),
-                     std::istreambuf_iterator<char>());
+  std::string text;
+  ReadWholeFile(path, kNoReadLimit, &text);
+  return text;
 }
 
 void WriteFileText(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
+  WriteWholeFile(path, text, 0644);
 }
 
 std::vector<std::string> ReadLines(const std::string& path) {

@@ -64,21 +64,6 @@ MonitorQueue MakeQueue(const std::string& file, const std::string& share_path,
                        uint32_t events = QUEUE_EVENT_ALL,
                        const std::string& dir = "/", bool recursive = true);
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its content when
-// the object goes.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
 // Whole content of a file; "" when it cannot be read.
 std::string ReadFileText(const std::string& path);
 // Replaces a file's content.

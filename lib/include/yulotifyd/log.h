@@ -1,6 +1,7 @@
 // Process-wide logging of yulotifyd and its companion library.
 //
-// Every line goes to syslog at priority LOG_ERR, whatever it means, and
+// Every line goes to syslog at priority LOG_ERR, whatever it means (or to
+// the sink SetLogSink installs), and
 // begins with "<source>:<line> " where <source> is the emitting source file's
 // base name without its extension ("daemon", "volume_manager", ...). The
 // verbosity is LOG_LEVEL, a syslog severity: 7 debug, 6 info, 3 error.
@@ -37,6 +38,16 @@ YULOTIFYD_EXPORT bool LogGateOpen(LogGate gate);
 YULOTIFYD_EXPORT void LogWrite(const char* file, int line, const char* fmt,
                                ...)
     __attribute__((format(printf, 3, 4)));
+
+// Where the lines LogWrite formats go: `priority` is always LOG_ERR and
+// `line` the whole formatted line. Called on the logging thread; a sink
+// must be safe to call from any thread at once.
+using LogSink = void (*)(int priority, const char* line);
+
+// Sends every later line to `sink` instead of syslog; nullptr sends them to
+// syslog again. Returns the sink it replaces (nullptr: syslog). Tests
+// capture the log this way; a program may send the lines elsewhere.
+YULOTIFYD_EXPORT LogSink SetLogSink(LogSink sink);
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

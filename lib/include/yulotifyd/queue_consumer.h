@@ -86,6 +86,18 @@ class YULOTIFYD_EXPORT QueueConsumer {
   // Consume() with `keep` run before the file is cut.
   Result Consume(const KeepLines& keep) const;
 
+  // The complete lines of the queue file, left where they are: the file is
+  // opened read-only and only read, so its content and mtime stay as they
+  // were (and its atime too, where O_NOATIME is allowed). The read happens
+  // under a shared flock, so a line the daemon is writing at that moment is
+  // either wholly there or not at all; the lock is held for that one read
+  // and taken the same way as in Consume(), within the lock time-out. An
+  // unfinished last line is not returned (kept_partial_line says it is
+  // there). Unlike Consume(), a missing file is an error (ENOENT): there is
+  // nothing to look at. Fails too when the file is not a regular file,
+  // cannot be read, or stays locked by others.
+  Result Peek() const;
+
  private:
   std::string queue_path_;
   int lock_timeout_ms_;

@@ -1,11 +1,10 @@
-// Captures the daemon's log lines in the output layer's tests. Linking
-// log_capture.cc into a test program replaces syslog() for the whole program
-// (the companion library's logging included): lines are kept in memory
-// instead of being sent to the system log.
+// Captures the log lines of a test program. Linking log_capture.cc into a
+// program installs, before main, a log sink (SetLogSink) that keeps every
+// line in memory instead of sending it to the system log.
 //
 // Thread-safety: all functions may be called from any thread.
-#ifndef YULOTIFYD_OUTPUT_TESTING_LOG_CAPTURE_H_
-#define YULOTIFYD_OUTPUT_TESTING_LOG_CAPTURE_H_
+#ifndef YULOTIFYD_LIB_TESTING_LOG_CAPTURE_H_
+#define YULOTIFYD_LIB_TESTING_LOG_CAPTURE_H_
 
 #include <string>
 #include <vector>
@@ -14,7 +13,15 @@ namespace YULO {
 namespace YULOTIFYD {
 namespace testing {
 
+struct CapturedLine {
+  int priority;
+  std::string text;
+};
+
 // The lines captured since the last call, oldest first; clears them.
+std::vector<CapturedLine> TakeCapturedLines();
+
+// Only the texts of TakeCapturedLines().
 std::vector<std::string> TakeLogLines();
 
 // Of `lines`, those whose text after the "<source>:<line> " prefix equals
@@ -27,4 +34,4 @@ std::vector<std::string> LinesWithMessage(
 }  // namespace YULOTIFYD
 }  // namespace YULO
 
-#endif  // YULOTIFYD_OUTPUT_TESTING_LOG_CAPTURE_H_
+#endif  // YULOTIFYD_LIB_TESTING_LOG_CAPTURE_H_

@@ -5,14 +5,11 @@
 // Thread-safety: none; one owner, one thread at a time.
 //
 // Also here: RetryOnEintr, which repeats a system call interrupted by a
-// signal. (The thread-safe strerror, ErrnoText, is libyulotifyd's:
-// lib/errno_text.h.)
-#ifndef YULOTIFYD_NOTIFY_UNIQUE_FD_H_
-#define YULOTIFYD_NOTIFY_UNIQUE_FD_H_
+// signal. Every layer of the project owns its descriptors with these two.
+#ifndef YULOTIFYD_BASE_UNIQUE_FD_H_
+#define YULOTIFYD_BASE_UNIQUE_FD_H_
 
 #include <errno.h>
-
-#include <string>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -61,4 +58,4 @@ auto RetryOnEintr(Call call) -> decltype(call()) {
 }  // namespace YULOTIFYD
 }  // namespace YULO
 
-#endif  // YULOTIFYD_NOTIFY_UNIQUE_FD_H_
+#endif  // YULOTIFYD_BASE_UNIQUE_FD_H_

@@ -1,4 +1,4 @@
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "notify/unique_fd.h"
+#include "base/unique_fd.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "lib/errno_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -81,11 +80,6 @@ TEST(RetryOnEintrTest, RepeatsOnlyInterruptedCalls) {
     return -1;
   }));
   EXPECT_EQ(1, calls);
-}
-
-TEST(ErrnoTextTest, MatchesStrerror) {
-  EXPECT_EQ("No such file or directory", ErrnoText(ENOENT));
-  EXPECT_EQ("Success", ErrnoText(0));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-#include "errno_text.h"
+#include "base/errno_text.h"
 
 #include <string.h>
-#include <time.h>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -23,12 +22,6 @@ std::string ErrnoText(int err) {
   char buf[256];
   buf[0] = '\0';
   return StrErrorResult(strerror_r(err, buf, sizeof(buf)), buf);
-}
-
-int64_t MonotonicMillis() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 }  // namespace YULOTIFYD
