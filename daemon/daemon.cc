@@ -1,8 +1,9 @@
 #include "daemon/daemon.h"
 
+#include <errno.h>
 #include <grp.h>
+#include <semaphore.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -12,9 +13,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
-#include "base/clock.h"
-#include "base/errno_text.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 
@@ -42,25 +42,50 @@ void ReportKillSignal() {
   if (signo != 0) YULO_LOG_ALWAYS("In kill handler(%d)", signo);
 }
 
+// Holds one side of a reader-writer lock for a scope.
+class RwLockGuard {
+ public:
+  RwLockGuard(pthread_rwlock_t* lock, bool write) : lock_(lock) {
+    if (write) {
+      pthread_rwlock_wrlock(lock_);
+    } else {
+      pthread_rwlock_rdlock(lock_);
+    }
+  }
+  ~RwLockGuard() { pthread_rwlock_unlock(lock_); }
+  RwLockGuard(const RwLockGuard&) = delete;
+  RwLockGuard& operator=(const RwLockGuard&) = delete;
+
+ private:
+  pthread_rwlock_t* lock_;
+};
+
 }  // namespace
 
 Daemon::Daemon(DaemonOptions options)
     : options_(std::move(options)),
-      sock_fd(-1),
-      socket_group_found_(false),
-      socket_gid_(0),
-      inotify_fd(-1),
-      run_status(RUN_STATUS_UNSET),
-      marked_running_(false),
-      all_drained_(true),
-      inotify_buffer(kInotifyBufferSize),
+      platform_(options_.platform != nullptr ? options_.platform
+                                             : &SystemPlatform()),
+      clock_(options_.clock != nullptr ? options_.clock : &SystemClock()),
+      control_(options_.socket_path, options_.socket_group, this),
+      config_(options_.conf_root),
+      run_status_file_(options_.run_status_path, platform_),
       reload_sem(nullptr),
       reload_mutex_(PTHREAD_MUTEX_INITIALIZER),
       monitor_queue_lock(),
-      monitor_queue_lock_ready_(false) {}
+      monitor_queue_lock_ready_(false),
+      shown_(0, 0),
+      volumes_(platform_,
+               options_.volume_factory ? options_.volume_factory
+                                       : VolumeFactory(&MakeVolumeMgr),
+               this) {}
 
-// Volume managers are deleted by Cleanup, never here.
-Daemon::~Daemon() { pthread_mutex_destroy(&reload_mutex_); }
+// Cleanup deletes the volume managers. Any still registered (a Daemon that
+// was never cleaned up) are stopped before the mutex they post under goes.
+Daemon::~Daemon() {
+  volumes_.StopAll();
+  pthread_mutex_destroy(&reload_mutex_);
+}
 
 void Daemon::KillHandler(int signo) {
   g_kill_signal.store(signo);
@@ -68,7 +93,6 @@ void Daemon::KillHandler(int signo) {
 }
 
 void Daemon::Run() {
-  started_ = std::chrono::steady_clock::now();
   umask(0);
   // Queue files of subscriptions not owned by root are written with their
   // owners' file-system ids, and supplementary groups would count in those
@@ -97,53 +121,7 @@ void Daemon::Run() {
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
   YULO_LOG_INFO("Signal handler set ...");
 
-  bool ready = false;
-  do {
-    if (pthread_rwlock_init(&monitor_queue_lock, nullptr) != 0) {
-      YULO_LOG_ALWAYS("Init RWLock for MonitorQueue failed");
-      break;
-    }
-    monitor_queue_lock_ready_ = true;
-    if (!Thread::InitThreadLock()) {
-      YULO_LOG_ALWAYS("Init Thread Lock failed");
-      break;
-    }
-    LoadMonitorQueue();
-    YULO_LOG_INFO("LoadMonitorQueue done ...");
-    LoadDaemonRunStatus();
-    YULO_LOG_INFO("LoadDaemonRunStatus done ...");
-    if (run_status == RUN_STATUS_UNSET || monitor_queues.empty()) {
-      YULO_LOG_INFO("no run status or no monitor config(%zd), stop",
-                    static_cast<ssize_t>(monitor_queues.size()));
-      // Said where "systemctl status" shows it, not only at info level.
-      if (monitor_queues.empty()) NotifyState("no monitor queue configured");
-      break;
-    }
-    if (!SetupDomainSocket()) {
-      YULO_LOG_ALWAYS("SetupDomainSocket failed");
-      break;
-    }
-    YULO_LOG_INFO("Domain socket setup done ...");
-    if (!SetupInotify()) {
-      YULO_LOG_ALWAYS("SetupInotify failed");
-      break;
-    }
-    YULO_LOG_INFO("inotify setup done ...");
-    SetupFollow();
-    if (!SetupVolumeMgr()) {
-      YULO_LOG_ALWAYS("SetupVolumeMgr failed");
-      NotifyState("no volume mounted");
-      break;
-    }
-    YULO_LOG_INFO("Volume manager setup done ...");
-    // From here on, any end but a complete clean stop leaves "running"
-    // behind, which the next start reads as an unclean stop and answers
-    // with a rescan of every volume.
-    marked_running_ = WriteDaemonRunStatus("running");
-    ready = true;
-  } while (false);
-
-  if (ready) {
+  if (Start()) {
     sd_notifyf(0, "READY=1");
     NotifyWatching();
     MainLoop();
@@ -152,62 +130,102 @@ void Daemon::Run() {
   Cleanup();
 }
 
+bool Daemon::Start() {
+  started_ = clock_->Now();
+  if (pthread_rwlock_init(&monitor_queue_lock, nullptr) != 0) {
+    YULO_LOG_ALWAYS("Init RWLock for MonitorQueue failed");
+    return false;
+  }
+  monitor_queue_lock_ready_ = true;
+  if (!Thread::InitThreadLock()) {
+    YULO_LOG_ALWAYS("Init Thread Lock failed");
+    return false;
+  }
+  LoadMonitorQueue();
+  YULO_LOG_INFO("LoadMonitorQueue done ...");
+  LoadDaemonRunStatus();
+  YULO_LOG_INFO("LoadDaemonRunStatus done ...");
+  if (GetRunStatus() == RUN_STATUS_UNSET || monitor_queues.empty()) {
+    YULO_LOG_INFO("no run status or no monitor config(%zd), stop",
+                  static_cast<ssize_t>(monitor_queues.size()));
+    // Said where "systemctl status" shows it, not only at info level.
+    if (monitor_queues.empty()) NotifyState("no monitor queue configured");
+    return false;
+  }
+  if (!SetupDomainSocket()) {
+    YULO_LOG_ALWAYS("SetupDomainSocket failed");
+    return false;
+  }
+  YULO_LOG_INFO("Domain socket setup done ...");
+  if (!SetupInotify()) {
+    YULO_LOG_ALWAYS("SetupInotify failed");
+    return false;
+  }
+  YULO_LOG_INFO("inotify setup done ...");
+  SetupFollow();
+  if (!SetupVolumeMgr()) {
+    YULO_LOG_ALWAYS("SetupVolumeMgr failed");
+    NotifyState("no volume mounted");
+    return false;
+  }
+  YULO_LOG_INFO("Volume manager setup done ...");
+  // From here on, any end but a complete clean stop leaves "running"
+  // behind, which the next start reads as an unclean stop and answers
+  // with a rescan of every volume.
+  run_status_file_.MarkRunning();
+  shown_ = std::make_pair(volumes_.size(), monitor_queues.size());
+  return true;
+}
+
 void Daemon::MainLoop() {
-  const int width = std::max(sock_fd, inotify_fd) + 1;
+  while (Step(std::chrono::seconds(kSelectTimeoutSeconds))) {
+  }
+}
+
+bool Daemon::Step(std::chrono::milliseconds max_wait) {
+  if (g_stop_flag.load()) return false;
+  YULO_LOG_DEBUG("Daemon alive ...");
   // The mask in force while waiting: the blocked set minus the termination
   // signals, so they are delivered exactly there.
   sigset_t wait_mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
   sigdelset(&wait_mask, SIGTERM);
   sigdelset(&wait_mask, SIGINT);
-  // Volumes and monitor queues as last told to the service manager.
-  std::pair<size_t, size_t> shown(volume_mgrs.size(), monitor_queues.size());
-  for (;;) {
-    if (g_stop_flag.load()) return;
-    YULO_LOG_DEBUG("Daemon alive ...");
-    fd_set readable, exceptional;
-    FD_ZERO(&readable);
-    FD_ZERO(&exceptional);
-    FD_SET(inotify_fd, &readable);
-    FD_SET(sock_fd, &readable);
-    int turn_width = width;
-    sources_.AddToSets(&readable, &exceptional, &turn_width);
-    struct timespec timeout = FollowTimeout();
-    // Time-outs, interruptions and errors alike just start another turn.
-    const int ready = pselect(turn_width, &readable, nullptr, &exceptional,
-                              &timeout, &wait_mask);
-    ReportKillSignal();
-    if (g_stop_flag.load()) return;
-    if (ready > 0) {
-      // The configuration watch goes first, so a command that arrives
-      // together with a configuration change already sees the new
-      // configuration.
-      if (FD_ISSET(inotify_fd, &readable)) HandleInotify();
-      if (FD_ISSET(sock_fd, &readable)) HandleDomainSocket();
-      sources_.Handle(readable, exceptional, MonotonicMillis());
-    }
-    FollowSources();
-    // What the service manager shows follows what is watched.
-    const auto watching = std::make_pair(volume_mgrs.size(), monitor_queues.size());
-    if (watching != shown) {
-      NotifyWatching();
-      shown = watching;
-    }
+  fd_set readable, exceptional;
+  FD_ZERO(&readable);
+  FD_ZERO(&exceptional);
+  FD_SET(config_.fd(), &readable);
+  FD_SET(control_.fd(), &readable);
+  int width = std::max(control_.fd(), config_.fd()) + 1;
+  sources_.AddToSets(&readable, &exceptional, &width);
+  struct timespec timeout = FollowTimeout(max_wait);
+  // Time-outs, interruptions and errors alike just end the round.
+  const int ready =
+      pselect(width, &readable, nullptr, &exceptional, &timeout, &wait_mask);
+  ReportKillSignal();
+  if (g_stop_flag.load()) return false;
+  if (ready > 0) {
+    // The configuration watch goes first, so a command that arrives
+    // together with a configuration change already sees the new
+    // configuration.
+    if (FD_ISSET(config_.fd(), &readable)) HandleInotify();
+    if (FD_ISSET(control_.fd(), &readable)) HandleDomainSocket();
+    sources_.Handle(readable, exceptional, clock_->NowMillis());
   }
+  FollowSources();
+  // What the service manager shows follows what is watched.
+  const auto watching = std::make_pair(volumes_.size(), monitor_queues.size());
+  if (watching != shown_) {
+    NotifyWatching();
+    shown_ = watching;
+  }
+  return true;
 }
 
 void Daemon::Cleanup() {
   YULO_LOG_DEBUG("Cleaning resource");
-  if (sock_fd >= 0) {
-    close(sock_fd);
-    sock_fd = -1;
-  }
-  if (inotify_fd >= 0) {
-    for (int wd : watch_descriptors) inotify_rm_watch(inotify_fd, wd);
-    watch_descriptors.clear();
-    close(inotify_fd);
-    inotify_fd = -1;
-  }
+  control_.Close();
+  config_.Close();
   StopVolumeMgrs();
   SaveDaemonRunStatus();
   signal(SIGTERM, SIG_DFL);
@@ -220,8 +238,160 @@ void Daemon::Cleanup() {
     pthread_rwlock_destroy(&monitor_queue_lock);
     monitor_queue_lock_ready_ = false;
   }
-  unlink(options_.socket_path.c_str());
+  control_.RemoveSocketFile();
 }
+
+// Run status and monitor queues.
+
+void Daemon::LoadMonitorQueue() {
+  RwLockGuard guard(&monitor_queue_lock, /*write=*/true);
+  MonitorQueue::LoadAll(
+      monitor_queues, options_.conf_root,
+      [this](const std::string& share_name, std::string* path) {
+        return platform_->ResolveSharePath(share_name, path);
+      });
+}
+
+std::vector<MonitorQueue> Daemon::GetMonitorQueues() {
+  RwLockGuard guard(&monitor_queue_lock, /*write=*/false);
+  return monitor_queues;
+}
+
+void Daemon::LoadDaemonRunStatus() { run_status_file_.Load(); }
+
+bool Daemon::WriteDaemonRunStatus(const char* status) {
+  return run_status_file_.Write(status);
+}
+
+void Daemon::SaveDaemonRunStatus() {
+  run_status_file_.SaveStop(volumes_.all_drained());
+}
+
+bool Daemon::SetupInotify() { return config_.Open(); }
+
+void Daemon::HandleInotify() {
+  if (config_.ReadChanges()) ReloadMonitorQueues();
+}
+
+void Daemon::ReloadMonitorQueues() {
+  NotifyState("reloading");
+  // Events queued under the old configuration are taken by the processors
+  // before the new one is loaded.
+  for (auto& entry : volumes_.volumes()) entry.second->NotifyProcessor();
+  LoadMonitorQueue();
+  CreateReloadSemaphore();
+  for (auto& entry : volumes_.volumes()) entry.second->ReloadWatches();
+  // One acknowledgement per manager, whatever their number.
+  for (size_t i = 0; i < volumes_.size(); ++i) {
+    while (sem_wait(reload_sem) != 0 && errno == EINTR) {
+    }
+  }
+  DestroyReloadSemaphore();
+  NotifyWatching();
+}
+
+void Daemon::CreateReloadSemaphore() {
+  pthread_mutex_lock(&reload_mutex_);
+  if (reload_sem != nullptr) {
+    pthread_mutex_unlock(&reload_mutex_);
+    throw -1;  // reloads never nest
+  }
+  reload_sem = new sem_t;
+  sem_init(reload_sem, 0, 0);
+  pthread_mutex_unlock(&reload_mutex_);
+}
+
+void Daemon::DestroyReloadSemaphore() {
+  pthread_mutex_lock(&reload_mutex_);
+  if (reload_sem == nullptr) {
+    pthread_mutex_unlock(&reload_mutex_);
+    throw -1;
+  }
+  sem_destroy(reload_sem);
+  delete reload_sem;
+  reload_sem = nullptr;
+  pthread_mutex_unlock(&reload_mutex_);
+}
+
+void Daemon::PostReloadSemaphore() {
+  pthread_mutex_lock(&reload_mutex_);
+  if (reload_sem != nullptr) sem_post(reload_sem);
+  pthread_mutex_unlock(&reload_mutex_);
+}
+
+// Control socket and its commands.
+
+bool Daemon::SetupDomainSocket() { return control_.Open(); }
+
+void Daemon::HandleDomainSocket() { control_.ServeOne(); }
+
+int32_t Daemon::HandleConnection(int conn) {
+  return control_.ServeConnection(conn);
+}
+
+bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
+  return ControlServer::ReadSocket(fd, length, buffer);
+}
+
+Json::Value Daemon::DescribeStatus() { return BuildStatus(); }
+
+void Daemon::InjectEvent(uint32_t event, const std::string& path,
+                         const std::string& path_old) {
+  for (auto& entry : volumes_.volumes()) {
+    entry.second->PushEvent(event, path, path_old);
+  }
+}
+
+bool Daemon::SwitchShare(const std::string& share_name, bool mounted) {
+  ManagedVolume* mgr = GetVolumeMgrByShare(share_name);
+  if (mgr == nullptr) return false;
+  if (mounted) {
+    mgr->MountShare(share_name);
+  } else {
+    mgr->UmountShare(share_name);
+  }
+  return true;
+}
+
+void Daemon::ReportVolumeMounted(const std::string& mount_point) {
+  MountVolume(mount_point);
+}
+
+void Daemon::ReportVolumeUnmounted(const std::string& mount_point) {
+  // The daemon follows the mount table too: without the hold, the next
+  // change of it would watch a volume reported unmounted but still mounted
+  // again.
+  HoldVolume(mount_point);
+  UmountVolume(mount_point);
+}
+
+// Volume manager registry.
+
+bool Daemon::SetupVolumeMgr() { return volumes_.CreateAll(); }
+
+bool Daemon::CreateVolumeMgr(const YULO_VOLUME_INFO* info,
+                             bool rescan_at_start) {
+  return volumes_.Create(info, rescan_at_start);
+}
+
+ManagedVolume* Daemon::GetVolumeMgrByShare(const std::string& share_name) {
+  return volumes_.FindByShare(share_name);
+}
+
+ManagedVolume* Daemon::GetVolumeMgrByMountPoint(
+    const std::string& mount_point) {
+  return volumes_.FindByMountPoint(mount_point);
+}
+
+void Daemon::MountVolume(const std::string& mount_point) {
+  volumes_.Mount(mount_point);
+}
+
+void Daemon::UmountVolume(const std::string& mount_point) {
+  volumes_.Unmount(mount_point);
+}
+
+void Daemon::StopVolumeMgrs() { volumes_.StopAll(); }
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

@@ -6,10 +6,20 @@
 // The main loop also follows the mount table, the volume table and the share
 // configuration (SourceWatch): volumes get and lose their managers, and the
 // monitor queues are reloaded when shares change, with no command needed.
+//
+// The Daemon owns and wires together its parts, each in its own file: the
+// control socket (ControlServer, whose commands the Daemon carries out as
+// its ControlHandler), the configuration watch (ConfigWatch), the registry
+// of volume managers (VolumeRegistry) and the run-status file
+// (RunStatusFile). It keeps the monitor queues and the reload barrier
+// itself. The platform library, the clock and the making of volume managers
+// come in through DaemonOptions, so that tests can start a Daemon without
+// root (Start), drive its main loop one round at a time (Step) and stop it
+// (Cleanup), with a made-up appliance and time they step themselves.
+//
 // The main thread alone touches the control socket, the configuration watch
-// and the registry of volume managers; volume managers reach back through the
-// VolumeContext interface (monitor-queue copies, run status, reload
-// acknowledgement).
+// and the registry; volume managers reach back through the VolumeContext
+// interface (monitor-queue copies, run status, reload acknowledgement).
 //
 // Thread-safety: everything runs on the main thread except the VolumeContext
 // operations, which worker threads call.
@@ -19,21 +29,26 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
-#include <sys/types.h>
+#include <time.h>
 
 #include <json/json.h>
 
-#include <atomic>
 #include <chrono>
 #include <map>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "daemon/clock.h"
+#include "daemon/config_watch.h"
+#include "daemon/control_server.h"
+#include "daemon/managed_volume.h"
+#include "daemon/platform_api.h"
+#include "daemon/run_status_file.h"
 #include "daemon/source_watch.h"
 #include "daemon/volume_plan.h"
+#include "daemon/volume_registry.h"
 #include "volume/volume_context.h"
-#include "volume/volume_manager.h"
 #include "yulo_build_config.h"
 #include "yulo_platform.h"
 #include "yulotifyd/monitor_queue.h"
@@ -41,8 +56,8 @@
 namespace YULO {
 namespace YULOTIFYD {
 
-// Where the daemon keeps its files. The shipped binary always uses the
-// compiled-in defaults; tests may point a Daemon elsewhere.
+// Where the daemon keeps its files, and what it runs on. The shipped binary
+// always uses the defaults; tests may point a Daemon elsewhere.
 struct DaemonOptions {
   std::string socket_path = YULOTIFYD_SOCKET_PATH;
   // Besides root, members of this group may use the control socket; empty or
@@ -51,19 +66,25 @@ struct DaemonOptions {
   std::string run_status_path = YULOTIFYD_RUN_STATUS_PATH;
   std::string conf_root = YULOTIFYD_CONF_DIR;
   // What the main loop follows (the platform library reads the compiled-in
-  // paths whatever these say).
+  // paths whatever these say); "" leaves a source out.
   std::string mount_table_path = "/proc/self/mountinfo";
   std::string volume_table_path = YULO_VOLUME_TABLE_PATH;
   std::string smb_conf_path = YULO_SMB_CONF_PATH;
+  // The platform library and the clock; null: SystemPlatform() and
+  // SystemClock(). Not owned; they must outlive the Daemon.
+  PlatformApi* platform = nullptr;
+  const MonotonicClock* clock = nullptr;
+  // How volume managers are made; empty: MakeVolumeMgr.
+  VolumeFactory volume_factory;
 };
 
-class Daemon : public VolumeContext {
+class Daemon : public VolumeContext, private ControlHandler {
  public:
-  static constexpr size_t kInotifyBufferSize = 8704;
+  static constexpr size_t kInotifyBufferSize = ConfigWatch::kBufferSize;
   static constexpr int kSelectTimeoutSeconds = 30;
   // How long a stopping volume may take to write what it has read before
   // the daemon gives up on it (and leaves the next start to rescan).
-  static constexpr int kDrainSeconds = 10;
+  static constexpr int kDrainSeconds = VolumeRegistry::kDrainSeconds;
 
   explicit Daemon(DaemonOptions options = DaemonOptions());
   ~Daemon() override;
@@ -71,12 +92,29 @@ class Daemon : public VolumeContext {
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  // Start-up, main loop and teardown.
+  // Start-up, main loop and teardown, with the process-wide settings the
+  // daemon needs (umask, groups, random seed, signal handling).
   void Run();
+
+  // The start-up sequence without the process-wide settings: locks,
+  // monitor queues, run status, control socket, configuration watch,
+  // following, volume managers, "running". True when the daemon is ready to
+  // serve; either way Cleanup must follow. REQUIRES: called once.
+  bool Start();
+  // One round of the main loop: waits at most `max_wait` (less when
+  // followed changes fall due earlier) for the configuration watch, the
+  // control socket or a followed source, serves what is ready, then carries
+  // out the followed changes that are due. Returns false, having served
+  // nothing, once a stop was requested. REQUIRES: Start returned true.
+  bool Step(std::chrono::milliseconds max_wait);
+  // The teardown: closes the socket and the watches, stops every volume,
+  // writes the run status, removes the socket file. Called exactly once,
+  // after Start.
+  void Cleanup();
 
   // VolumeContext.
   std::vector<MonitorQueue> GetMonitorQueues() override;
-  int32_t GetRunStatus() const override { return run_status; }
+  int32_t GetRunStatus() const override { return run_status_file_.status(); }
   void PostReloadSemaphore() override;
 
   // The handler installed for SIGTERM and SIGINT.
@@ -91,7 +129,6 @@ class Daemon : public VolumeContext {
 
  private:
   void MainLoop();
-  void Cleanup();
 
   // Run status and monitor queues.
   void LoadMonitorQueue();
@@ -102,7 +139,6 @@ class Daemon : public VolumeContext {
   // Drains and deletes every volume manager, side by side.
   void StopVolumeMgrs();
   bool SetupInotify();
-  void AddInotifyWatch(const std::string& path);
   void HandleInotify();
   // Has every processor take its queued events, reloads the monitor queues
   // and waits until every receiver has re-added its watches.
@@ -112,12 +148,16 @@ class Daemon : public VolumeContext {
 
   // Control socket.
   bool SetupDomainSocket();
-  void LookUpSocketGroup();
-  void OpenSocketToGroup();
-  bool MayControl(int conn);
   void HandleDomainSocket();
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
-  int32_t Dispatch(const std::string& type, const Json::Value& data);
+
+  // ControlHandler: the commands.
+  Json::Value DescribeStatus() override;
+  void InjectEvent(uint32_t event, const std::string& path,
+                   const std::string& path_old) override;
+  bool SwitchShare(const std::string& share_name, bool mounted) override;
+  void ReportVolumeMounted(const std::string& mount_point) override;
+  void ReportVolumeUnmounted(const std::string& mount_point) override;
 
   // Status ("status" command, STATUS= lines).
   // What the daemon watches and counts, as the "status" reply's object.
@@ -132,16 +172,16 @@ class Daemon : public VolumeContext {
   // Refuses (false) a volume id that has a manager already.
   bool CreateVolumeMgr(const YULO_VOLUME_INFO* info,
                        bool rescan_at_start = false);
-  VolumeMgr* GetVolumeMgrByShare(const std::string& share_name);
-  VolumeMgr* GetVolumeMgrByMountPoint(const std::string& mount_point);
+  ManagedVolume* GetVolumeMgrByShare(const std::string& share_name);
+  ManagedVolume* GetVolumeMgrByMountPoint(const std::string& mount_point);
   void MountVolume(const std::string& mount_point);
   void UmountVolume(const std::string& mount_point);
 
   // Following the mount table, the volume table and the shares (follow.cc).
   void SetupFollow();
   // How long the main loop may wait: until followed changes fall due, at
-  // most kSelectTimeoutSeconds.
-  struct timespec FollowTimeout() const;
+  // most `longest`.
+  struct timespec FollowTimeout(std::chrono::milliseconds longest) const;
   // Carries out the followed changes that are due, if any.
   void FollowSources();
   bool PlanVolumes(VolumePlan* plan);
@@ -153,27 +193,15 @@ class Daemon : public VolumeContext {
   void HoldVolume(const std::string& mount_point);
 
   const DaemonOptions options_;
+  PlatformApi* const platform_;
+  const MonotonicClock* const clock_;
 
-  int sock_fd;
-  // The control socket's group, when it has one (socket_group_found_).
-  bool socket_group_found_;
-  gid_t socket_gid_;
-  int inotify_fd;
-  std::vector<int> watch_descriptors;
-  std::map<int32_t, VolumeMgr*> volume_mgrs;
+  ControlServer control_;
+  ConfigWatch config_;
+  RunStatusFile run_status_file_;
   std::vector<MonitorQueue> monitor_queues;
-  int32_t run_status;
-  // When Run started, for the uptime.
+  // When Start ran, for the uptime.
   std::chrono::steady_clock::time_point started_;
-  // The object a "status" command answers with after its 0, as text; empty
-  // for every other command.
-  std::string reply_payload_;
-  // "running" was written at start: only a complete clean stop may replace
-  // it with "stop".
-  bool marked_running_;
-  // False once any volume stopped before all it had read was written.
-  bool all_drained_;
-  std::vector<char> inotify_buffer;
   // The reload barrier; set only while HandleInotify waits for the
   // receivers. Worker threads post it under reload_mutex_, which keeps a late
   // post from touching a semaphore that is being destroyed.
@@ -181,18 +209,14 @@ class Daemon : public VolumeContext {
   pthread_mutex_t reload_mutex_;
   pthread_rwlock_t monitor_queue_lock;
   bool monitor_queue_lock_ready_;
+  // Volumes and monitor queues as last told to the service manager.
+  std::pair<size_t, size_t> shown_;
 
   SourceWatch sources_;
   // The shares (name -> path) the monitor queues were last resolved with.
   std::map<std::string, std::string> shares_;
-  // What was mounted at each watched volume's mount point when its manager
-  // was made, by volume id.
-  std::map<int32_t, SeenMount> watched_mounts_;
-  // Volumes released by "umount_volume" while mounted, with that mount.
-  std::map<int32_t, SeenMount> held_;
-  // Volumes that went away while the daemon ran; each is rescanned when it
-  // gets a manager again.
-  std::set<int32_t> gone_;
+  // Last, so that it goes first: managers call back into the members above.
+  VolumeRegistry volumes_;
 };
 
 }  // namespace YULOTIFYD

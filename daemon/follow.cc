@@ -12,8 +12,6 @@
 #include <cstring>
 
 #include "daemon/daemon.h"
-#include "base/clock.h"
-#include "base/errno_text.h"
 #include "notify/mount_point.h"
 #include "yulotifyd/log.h"
 
@@ -24,18 +22,14 @@ namespace {
 
 // The current shares, name -> path; empty when the configuration cannot be
 // read (then no share resolves either).
-std::map<std::string, std::string> ReadShareMap() {
+std::map<std::string, std::string> ReadShareMap(PlatformApi* platform) {
   std::vector<std::pair<std::string, std::string>> shares;
   std::map<std::string, std::string> out;
-  if (ReadAllShares(VolumeMgr::kShareEnumFlags, &shares) != 0) return out;
+  if (platform->ReadAllShares(VolumeMgr::kShareEnumFlags, &shares) != 0) {
+    return out;
+  }
   for (auto& share : shares) out[share.first] = share.second;
   return out;
-}
-
-SeenMount SeeMount(const std::string& path) {
-  MountIdentity mount;
-  if (!GetMountIdentity(path, &mount)) return SeenMount();
-  return mount;
 }
 
 const char* DropReason(VolumePlan::Why why) {
@@ -61,12 +55,12 @@ void Daemon::SetupFollow() {
   // control commands for it.
   sources_.Open(paths);
   // The monitor queues were resolved against these shares a moment ago.
-  shares_ = ReadShareMap();
+  shares_ = ReadShareMap(platform_);
 }
 
-struct timespec Daemon::FollowTimeout() const {
-  int64_t millis = static_cast<int64_t>(kSelectTimeoutSeconds) * 1000;
-  const int64_t due = sources_.MillisUntilDue(MonotonicMillis());
+struct timespec Daemon::FollowTimeout(std::chrono::milliseconds longest) const {
+  int64_t millis = std::max<int64_t>(0, longest.count());
+  const int64_t due = sources_.MillisUntilDue(clock_->NowMillis());
   if (due >= 0) millis = std::min(millis, due);
   struct timespec timeout;
   timeout.tv_sec = static_cast<time_t>(millis / 1000);
@@ -75,7 +69,7 @@ struct timespec Daemon::FollowTimeout() const {
 }
 
 void Daemon::FollowSources() {
-  const unsigned due = sources_.TakeDue(MonotonicMillis());
+  const unsigned due = sources_.TakeDue(clock_->NowMillis());
   if (due == 0) return;
   YULO_LOG_DEBUG("Following changes, volumes=%d, shares=%d",
                  (due & SourceWatch::kVolumes) ? 1 : 0,
@@ -91,13 +85,13 @@ void Daemon::FollowSources() {
 }
 
 bool Daemon::PlanVolumes(VolumePlan* plan) {
-  YULO_VOLUME_INFO* list = YULOMountVolAllEnum(0, 0, 0);
+  YULO_VOLUME_INFO* list = platform_->EnumMountedVolumes();
   if (list == nullptr) {
     // No list is both "nothing mounted" and "no table": a table that cannot
     // be read (being rewritten in place, say) must not drop every volume.
     YULO_VOLUME_INFO probe;
     std::memset(&probe, 0, sizeof(probe));
-    if (YULOMountVolInfoGet("/", &probe) == -2) {
+    if (platform_->GetMountedVolume("/", &probe) == -2) {
       YULO_LOG_INFO("Volume table unreadable, volumes left as they are");
       return false;
     }
@@ -111,18 +105,9 @@ bool Daemon::PlanVolumes(VolumePlan* plan) {
     volume.mount = SeeMount(info->mount_point);
     mounted.push_back(volume);
   }
-  YULOMountVolInfoFree(list);
+  platform_->FreeMountedVolumes(list);
 
-  std::vector<WatchedVolume> watched;
-  for (const auto& entry : volume_mgrs) {
-    WatchedVolume volume;
-    volume.id = entry.first;
-    volume.mount_point = entry.second->GetMountPoint();
-    const auto seen = watched_mounts_.find(entry.first);
-    if (seen != watched_mounts_.end()) volume.mount = seen->second;
-    watched.push_back(volume);
-  }
-  *plan = PlanVolumeChanges(mounted, watched, held_, gone_);
+  *plan = volumes_.Plan(mounted);
   return true;
 }
 
@@ -131,11 +116,9 @@ void Daemon::DropVolumes(const VolumePlan& plan) {
     YULO_LOG_INFO("Volume %s, dropping its manager, id=%d, mount point=%s",
                   DropReason(drop.why), drop.id, drop.mount_point.c_str());
     // Exactly what "umount_volume" does.
-    UmountVolume(drop.mount_point);
-    watched_mounts_.erase(drop.id);
+    volumes_.Drop(drop);
   }
-  held_ = plan.holds;
-  gone_ = plan.gone;
+  volumes_.KeepPlanned(plan);
 }
 
 void Daemon::AddVolumes(const VolumePlan& plan) {
@@ -164,12 +147,12 @@ void Daemon::AddVolumes(const VolumePlan& plan) {
   // Which volume holds a share depends on what is mounted (a volume inside
   // another takes its shares): the managers list theirs again.
   if (!plan.drops.empty() || !plan.adds.empty()) {
-    for (auto& entry : volume_mgrs) entry.second->RelistShares();
+    for (auto& entry : volumes_.volumes()) entry.second->RelistShares();
   }
 }
 
 void Daemon::FollowShares() {
-  std::map<std::string, std::string> shares = ReadShareMap();
+  std::map<std::string, std::string> shares = ReadShareMap(platform_);
   if (shares == shares_) {
     YULO_LOG_DEBUG("Shares unchanged");
     return;
@@ -179,13 +162,11 @@ void Daemon::FollowShares() {
   // added, removed or moved needs a reload, as a configuration change does.
   YULO_LOG_INFO("Shares changed, reloading monitor queues");
   ReloadMonitorQueues();
-  for (auto& entry : volume_mgrs) entry.second->RelistShares();
+  for (auto& entry : volumes_.volumes()) entry.second->RelistShares();
 }
 
 void Daemon::HoldVolume(const std::string& mount_point) {
-  VolumeMgr* mgr = GetVolumeMgrByMountPoint(mount_point);
-  if (mgr == nullptr) return;
-  held_[mgr->GetVolumeId()] = SeeMount(mgr->GetMountPoint());
+  volumes_.Hold(mount_point);
 }
 
 }  // namespace YULOTIFYD

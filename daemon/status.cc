@@ -81,9 +81,9 @@ Json::Value Daemon::BuildStatus() {
   status["pid"] = static_cast<Json::Int>(getpid());
   status["uptime_seconds"] = Count(static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::seconds>(
-          std::chrono::steady_clock::now() - started_)
+          clock_->Now() - started_)
           .count()));
-  status["run_status_at_start"] = RunStatusName(run_status);
+  status["run_status_at_start"] = RunStatusName(GetRunStatus());
   status["log_level"] = LogLevelName(LOG_LEVEL.load());
   status["monitor_queues"] =
       static_cast<Json::UInt>(GetMonitorQueues().size());
@@ -93,7 +93,7 @@ Json::Value Daemon::BuildStatus() {
   backend["paired_renames"] = false;
   Json::Value volumes(Json::arrayValue);
   std::map<std::string, QueueFileStatus> files;  // by path
-  for (auto& entry : volume_mgrs) {
+  for (auto& entry : volumes_.volumes()) {
     const VolumeStatus v = entry.second->GetStatus();
     Json::Value volume(Json::objectValue);
     volume["id"] = static_cast<Json::Int>(v.id);
@@ -156,7 +156,7 @@ void Daemon::NotifyState(const std::string& text) {
 }
 
 void Daemon::NotifyWatching() {
-  NotifyState("watching " + std::to_string(volume_mgrs.size()) +
+  NotifyState("watching " + std::to_string(volumes_.size()) +
               " volumes, " + std::to_string(GetMonitorQueues().size()) +
               " monitor queues");
 }

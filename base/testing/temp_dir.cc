@@ -61,11 +61,24 @@ std::string TempDir::Write(const std::string& name,
 }
 
 std::string TempDir::MakeDir(const std::string& name) const {
+  for (size_t slash = name.find('/'); slash != std::string::npos;
+       slash = name.find('/', slash + 1)) {
+    const std::string parent = File(name.substr(0, slash));
+    if (::mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) {
+      ADD_FAILURE() << "mkdir " << parent << ": " << ErrnoText(errno);
+    }
+  }
   const std::string path = File(name);
   if (::mkdir(path.c_str(), 0755) != 0) {
     ADD_FAILURE() << "mkdir " << path << ": " << ErrnoText(errno);
   }
   return path;
+}
+
+std::string TempDir::Read(const std::string& name) const {
+  std::string text;
+  ReadWholeFile(File(name), kNoReadLimit, &text);
+  return text;
 }
 
 }  // namespace testing

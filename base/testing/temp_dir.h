@@ -27,8 +27,11 @@ class TempDir {
   // Writes `contents` to File(name) (mode 0644, replacing it) and returns
   // that path; a failure fails the current test.
   std::string Write(const std::string& name, const std::string& contents) const;
-  // Creates the directory File(name) (mode 0755) and returns its path.
+  // Creates the directory File(name) (mode 0755) and any missing parents
+  // below path(), and returns its path.
   std::string MakeDir(const std::string& name) const;
+  // The whole content of File(name); "" when it cannot be read.
+  std::string Read(const std::string& name) const;
 
  private:
   std::string path_;

@@ -73,4 +73,12 @@ YULOTIFYD_EXPORT LogSink SetLogSink(LogSink sink);
 #define YULO_LOG_DEBUG(...) \
   YULO_LOG_GATED(::YULO::YULOTIFYD::LogGate::kDebug, __VA_ARGS__)
 
+// The three gates with an explicit source name (see YULO_LOG_GATED_AS).
+#define YULO_LOG_ALWAYS_AS(source, ...) \
+  YULO_LOG_GATED_AS(source, ::YULO::YULOTIFYD::LogGate::kAlways, __VA_ARGS__)
+#define YULO_LOG_INFO_AS(source, ...) \
+  YULO_LOG_GATED_AS(source, ::YULO::YULOTIFYD::LogGate::kInfo, __VA_ARGS__)
+#define YULO_LOG_DEBUG_AS(source, ...) \
+  YULO_LOG_GATED_AS(source, ::YULO::YULOTIFYD::LogGate::kDebug, __VA_ARGS__)
+
 #endif  // YULOTIFYD_LOG_H_

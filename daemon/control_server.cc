@@ -1,7 +1,5 @@
-// The control socket: one length-prefixed JSON command per connection,
-// answered with a 4-byte status. Only root and the members of the socket
-// group may connect (mode 0660) and are served (checked per connection);
-// anybody else gets -1 without a byte of the request being read.
+#include "daemon/control_server.h"
+
 #include <errno.h>
 #include <grp.h>
 #include <stddef.h>
@@ -18,8 +16,7 @@
 #include <optional>
 #include <vector>
 
-#include "daemon/daemon.h"
-#include "daemon/peer_credentials.h"
+#include "base/clock.h"
 #include "yulotifyd/fs_ids.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
@@ -29,6 +26,8 @@ namespace YULOTIFYD {
 
 namespace {
 
+// The source name these lines have always carried.
+constexpr char kLogSource[] = "domain_socket";
 constexpr int kListenBacklog = 10;
 // The socket file's mode when it has a group: root and the group.
 constexpr mode_t kGroupSocketMode = 0660;
@@ -36,12 +35,6 @@ constexpr mode_t kGroupSocketMode = 0660;
 constexpr size_t kMaxGroupEntrySize = 1024 * 1024;
 constexpr size_t kReadChunk = 1024;
 constexpr int kReadRetries = 3;
-// A command is a few hundred bytes; anything longer is refused unread.
-constexpr uint64_t kMaxBodyLength = 1024 * 1024;
-// A client that stalls mid-request must not hold the main loop: the whole
-// request has to arrive within this time after the connection is accepted.
-// A client that sends a byte now and then gets no more than one that stops.
-constexpr int kClientTimeoutSeconds = 5;
 // What Dispatch returns for a member it cannot convert.
 constexpr int32_t kMalformed = -2;
 
@@ -64,11 +57,7 @@ bool GetUInt(const Json::Value& data, const char* key, uint32_t* out) {
   return true;
 }
 
-double MonotonicSeconds() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + now.tv_nsec / 1e9;
-}
+double MonotonicSeconds() { return MonotonicMillis() / 1000.0; }
 
 // Before each read on a client connection: limits the read to what is left
 // of the request's time. Returns false, with errno EAGAIN as for a read that
@@ -105,7 +94,8 @@ bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
         continue;
       }
       if (n == 0) errno = ECONNRESET;  // "%m" then names the early close
-      YULO_LOG_ALWAYS("Failed to read from domain socket, reason=%m");
+      YULO_LOG_ALWAYS_AS(kLogSource,
+                         "Failed to read from domain socket, reason=%m");
       return false;
     }
     done += static_cast<uint64_t>(n);
@@ -131,27 +121,39 @@ bool SendAll(int fd, const void* data, size_t size) {
 
 }  // namespace
 
-bool Daemon::SetupDomainSocket() {
-  sock_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (sock_fd < 0) {
-    YULO_LOG_ALWAYS("socket failed, reason=%m");
+ControlServer::ControlServer(std::string socket_path, std::string socket_group,
+                             ControlHandler* handler, PeerRule rule)
+    : socket_path_(std::move(socket_path)),
+      socket_group_(std::move(socket_group)),
+      handler_(handler),
+      rule_(std::move(rule)) {}
+
+ControlServer::~ControlServer() { Close(); }
+
+void ControlServer::Close() { fd_.Reset(); }
+
+void ControlServer::RemoveSocketFile() { unlink(socket_path_.c_str()); }
+
+bool ControlServer::Open() {
+  fd_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd_.Valid()) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "socket failed, reason=%m");
     return false;
   }
-  unlink(options_.socket_path.c_str());
+  unlink(socket_path_.c_str());
   struct sockaddr_un addr;
   std::memset(&addr, 0, sizeof(addr));
   addr.sun_family = AF_UNIX;
-  const std::string& path = options_.socket_path;
+  const std::string& path = socket_path_;
   if (path.size() >= sizeof(addr.sun_path)) {
     errno = ENAMETOOLONG;
-    YULO_LOG_ALWAYS("bind failed, reason=%m");
+    YULO_LOG_ALWAYS_AS(kLogSource, "bind failed, reason=%m");
     return false;
   }
   std::memcpy(addr.sun_path, path.data(), path.size());
   // The family plus the path bytes, without a terminating zero.
-  const socklen_t len =
-      static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) +
-                             path.size());
+  const socklen_t len = static_cast<socklen_t>(
+      offsetof(struct sockaddr_un, sun_path) + path.size());
   LookUpSocketGroup();
   // The socket file is made usable by its owner alone (umask 0177: mode
   // 0600) and then opened to its group, so at no time can more callers
@@ -169,7 +171,7 @@ bool Daemon::SetupDomainSocket() {
     if (socket_group_found_) {
       ids.emplace(ScopedFsIds::CurrentFsUid(), socket_gid_);
     }
-    bound = bind(sock_fd, reinterpret_cast<struct sockaddr*>(&addr), len);
+    bound = bind(fd_.Get(), reinterpret_cast<struct sockaddr*>(&addr), len);
     bind_errno = errno;
     if (ids) ids_restored = ids->Restore();
   }
@@ -177,20 +179,20 @@ bool Daemon::SetupDomainSocket() {
   if (!ids_restored) return false;  // logged by Restore
   if (bound != 0) {
     errno = bind_errno;
-    YULO_LOG_ALWAYS("bind failed, reason=%m");
+    YULO_LOG_ALWAYS_AS(kLogSource, "bind failed, reason=%m");
     return false;
   }
-  if (listen(sock_fd, kListenBacklog) != 0) {
-    YULO_LOG_ALWAYS("listen failed, reason=%m");
+  if (listen(fd_.Get(), kListenBacklog) != 0) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "listen failed, reason=%m");
     return false;
   }
   OpenSocketToGroup();
   return true;
 }
 
-void Daemon::LookUpSocketGroup() {
+void ControlServer::LookUpSocketGroup() {
   socket_group_found_ = false;
-  const std::string& name = options_.socket_group;
+  const std::string& name = socket_group_;
   if (name.empty()) return;
   const long hint = sysconf(_SC_GETGR_R_SIZE_MAX);
   std::vector<char> buffer(hint > 0 ? static_cast<size_t>(hint) : 1024);
@@ -198,15 +200,15 @@ void Daemon::LookUpSocketGroup() {
   struct group* found = nullptr;
   int rc;
   for (;;) {
-    rc = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(),
-                    &found);
+    rc = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
     if (rc == EINTR) continue;
     if (rc != ERANGE || buffer.size() >= kMaxGroupEntrySize) break;
     buffer.resize(buffer.size() * 2);
   }
   if (rc != 0 || found == nullptr) {
-    YULO_LOG_INFO("No group %s: the control socket is for root only",
-                  name.c_str());
+    YULO_LOG_INFO_AS(kLogSource,
+                     "No group %s: the control socket is for root only",
+                     name.c_str());
     return;
   }
   socket_gid_ = entry.gr_gid;
@@ -216,52 +218,55 @@ void Daemon::LookUpSocketGroup() {
 // Opens the socket file to its group (mode 0660) once it is in the socket
 // group. Without a group, or when the file did not get it (a directory with
 // the set-group-ID bit imposes its own), the file stays 0600: root only.
-void Daemon::OpenSocketToGroup() {
+void ControlServer::OpenSocketToGroup() {
   if (!socket_group_found_) return;
-  const std::string& path = options_.socket_path;
+  const std::string& path = socket_path_;
   struct stat st;
   if (stat(path.c_str(), &st) != 0) {
-    YULO_LOG_ALWAYS("stat failed, path=%s, reason=%m", path.c_str());
+    YULO_LOG_ALWAYS_AS(kLogSource, "stat failed, path=%s, reason=%m",
+                       path.c_str());
     return;
   }
   if (st.st_gid != socket_gid_) {
-    YULO_LOG_ALWAYS("Control socket %s not in group %s: root only",
-                    path.c_str(), options_.socket_group.c_str());
+    YULO_LOG_ALWAYS_AS(kLogSource,
+                       "Control socket %s not in group %s: root only",
+                       path.c_str(), socket_group_.c_str());
     return;
   }
   if (chmod(path.c_str(), kGroupSocketMode) != 0) {
-    YULO_LOG_ALWAYS("chmod failed, path=%s, reason=%m", path.c_str());
+    YULO_LOG_ALWAYS_AS(kLogSource, "chmod failed, path=%s, reason=%m",
+                       path.c_str());
   }
 }
 
-bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
+bool ControlServer::ReadSocket(int fd, uint64_t length, char* buffer) {
   return ReadUntil(fd, length, buffer, 0);
 }
 
-void Daemon::HandleDomainSocket() {
-  YULO_LOG_DEBUG("HandleDomainSocket");
+void ControlServer::ServeOne() {
+  YULO_LOG_DEBUG_AS(kLogSource, "HandleDomainSocket");
   int32_t reply = -1;
-  const int conn = accept4(sock_fd, nullptr, nullptr, SOCK_CLOEXEC);
+  const int conn = accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC);
   if (conn < 0) {
-    YULO_LOG_ALWAYS("accept failed, reason=%m");
-    YULO_LOG_DEBUG("Replying socket: %d", reply);
+    YULO_LOG_ALWAYS_AS(kLogSource, "accept failed, reason=%m");
+    YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
     return;
   }
   if (!MayControl(conn)) {
     // Not a byte of the request is read, and the reply goes into the empty
     // send buffer without waiting, so a refused caller costs the main loop
     // nothing it could drag out.
-    YULO_LOG_DEBUG("Replying socket: %d", reply);
+    YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
     ssize_t ignored =
         send(conn, &reply, sizeof(reply), MSG_NOSIGNAL | MSG_DONTWAIT);
     (void)ignored;
     close(conn);
     return;
   }
-  HandleConnection(conn);
+  ServeConnection(conn);
 }
 
-int32_t Daemon::HandleConnection(int conn) {
+int32_t ControlServer::ServeConnection(int conn) {
   int32_t reply = -1;
   const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
   // The reply is 4 bytes into an empty socket buffer; this only guards
@@ -274,22 +279,22 @@ int32_t Daemon::HandleConnection(int conn) {
     uint64_t length = 0;
     if (!ReadUntil(conn, sizeof(length), reinterpret_cast<char*>(&length),
                    deadline)) {
-      YULO_LOG_ALWAYS("Receive command length failed");
+      YULO_LOG_ALWAYS_AS(kLogSource, "Receive command length failed");
       break;
     }
     if (length == 0 || length > kMaxBodyLength) {
-      YULO_LOG_ALWAYS("Receive command body failed");
+      YULO_LOG_ALWAYS_AS(kLogSource, "Receive command body failed");
       break;
     }
     std::vector<char> body(static_cast<size_t>(length));
     if (!ReadUntil(conn, length, body.data(), deadline)) {
-      YULO_LOG_ALWAYS("Receive command body failed");
+      YULO_LOG_ALWAYS_AS(kLogSource, "Receive command body failed");
       break;
     }
     // The text ends at the first zero byte, or with the body when a client
     // forgot it.
-    const char* end = static_cast<const char*>(
-        std::memchr(body.data(), '\0', body.size()));
+    const char* end =
+        static_cast<const char*>(std::memchr(body.data(), '\0', body.size()));
     const std::string text(body.data(),
                            end == nullptr ? body.size() : end - body.data());
     Json::Value command;
@@ -297,20 +302,20 @@ int32_t Daemon::HandleConnection(int conn) {
     if (!fromString(text, command) || !command.isObject() ||
         !command.isMember("type") || !command.isMember("data") ||
         !command["data"].isObject() || !GetString(command, "type", &type)) {
-      YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
+      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
       break;
     }
     const Json::Value data = command["data"];
-    YULO_LOG_INFO("Got command: %s", toString(command).c_str());
+    YULO_LOG_INFO_AS(kLogSource, "Got command: %s", toString(command).c_str());
     const int32_t result = Dispatch(type, data);
     if (result == kMalformed) {
-      YULO_LOG_ALWAYS("Malformed command: %s", text.c_str());
+      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
       break;
     }
     reply = result;
   } while (false);
 
-  YULO_LOG_DEBUG("Replying socket: %d", reply);
+  YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
   // A client that went away is its own business: no SIGPIPE, whether or not
   // the process ignores it.
   ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
@@ -330,22 +335,23 @@ int32_t Daemon::HandleConnection(int conn) {
 
 // Whether the caller at the other end of `conn` may drive the daemon: root,
 // or a member of the socket group. Logs every refusal.
-bool Daemon::MayControl(int conn) {
+bool ControlServer::MayControl(int conn) {
   PeerCredentials peer;
   const bool known = GetPeerCredentials(conn, &peer);
-  if (known &&
-      PeerMayControl(peer, socket_group_found_ ? &socket_gid_ : nullptr)) {
+  if (known && rule_(peer, socket_group_found_ ? &socket_gid_ : nullptr)) {
     return true;
   }
-  YULO_LOG_ALWAYS("Refused command from uid=%u, pid=%d",
-                  static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+  YULO_LOG_ALWAYS_AS(kLogSource, "Refused command from uid=%u, pid=%d",
+                     static_cast<unsigned>(peer.uid),
+                     static_cast<int>(peer.pid));
   return false;
 }
 
 // Carries out one command. Returns the reply, or kMalformed when a member has
 // a type the command cannot use (the caller reports the command as
 // malformed).
-int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
+int32_t ControlServer::Dispatch(const std::string& type,
+                                const Json::Value& data) {
   if (type == "set_log_level") {
     std::string level;
     if (!GetString(data, "log_level", &level)) return kMalformed;
@@ -356,13 +362,13 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
     } else if (level == "info") {
       LOG_LEVEL = 6;
     } else {
-      YULO_LOG_ALWAYS("Unknown log level: %s", level.c_str());
+      YULO_LOG_ALWAYS_AS(kLogSource, "Unknown log level: %s", level.c_str());
       return -1;
     }
     return 0;
   }
   if (type == "status") {
-    reply_payload_ = toString(BuildStatus());
+    reply_payload_ = toString(handler_->DescribeStatus());
     return 0;
   }
   if (type == "notify") {
@@ -372,23 +378,16 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
         !GetString(data, "path_old", &path_old)) {
       return kMalformed;
     }
-    for (auto& entry : volume_mgrs) {
-      entry.second->PushEvent(event, path, path_old);
-    }
+    handler_->InjectEvent(event, path, path_old);
     return 0;
   }
   if (type == "mount_share" || type == "umount_share") {
     std::string share;
     if (!GetString(data, "share_name", &share)) return kMalformed;
-    VolumeMgr* mgr = GetVolumeMgrByShare(share);
-    if (mgr == nullptr) {
-      YULO_LOG_ALWAYS("Cannot get volume manager, share: %s", share.c_str());
+    if (!handler_->SwitchShare(share, type == "mount_share")) {
+      YULO_LOG_ALWAYS_AS(kLogSource, "Cannot get volume manager, share: %s",
+                         share.c_str());
       return -1;
-    }
-    if (type == "mount_share") {
-      mgr->MountShare(share);
-    } else {
-      mgr->UmountShare(share);
     }
     return 0;
   }
@@ -396,17 +395,13 @@ int32_t Daemon::Dispatch(const std::string& type, const Json::Value& data) {
     std::string mount_point;
     if (!GetString(data, "mount_point", &mount_point)) return kMalformed;
     if (type == "mount_volume") {
-      MountVolume(mount_point);
+      handler_->ReportVolumeMounted(mount_point);
     } else {
-      // The daemon follows the mount table too: without the hold, the next
-      // change of it would watch a volume reported unmounted but still
-      // mounted again.
-      HoldVolume(mount_point);
-      UmountVolume(mount_point);
+      handler_->ReportVolumeUnmounted(mount_point);
     }
     return 0;
   }
-  YULO_LOG_ALWAYS("Unknown command type: %s", type.c_str());
+  YULO_LOG_ALWAYS_AS(kLogSource, "Unknown command type: %s", type.c_str());
   return -1;
 }
 

@@ -1,0 +1,454 @@
+// The daemon core driven one main-loop round at a time (Step), over a real
+// control socket and real configuration watches in a scratch directory,
+// with a made-up appliance, fake volume managers and a clock the tests
+// move. Nothing here needs root.
+#include "daemon/daemon.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon/testing/control_client.h"
+#include "daemon/testing/fake_clock.h"
+#include "daemon/testing/fake_platform.h"
+#include "daemon/testing/fake_volume.h"
+#include "base/testing/temp_dir.h"
+#include "output/event_processor.h"
+#include "lib/testing/log_capture.h"
+#include "yulotifyd/log.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ConnectAndSend;
+using testing::FakeClock;
+using testing::FakePlatform;
+using testing::FakeVolumes;
+using testing::FrameCommand;
+using testing::LinesWithMessage;
+using testing::ReadToEnd;
+using testing::ReplyOf;
+using testing::TempDir;
+using testing::SendRequest;
+using testing::StatusObjectOf;
+using testing::TakeLogLines;
+using Journal = std::vector<std::string>;
+
+class DaemonTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // The service manager is not told anything from a test.
+    unsetenv("NOTIFY_SOCKET");
+    TakeLogLines();
+    for (const char* dir : {"conf/system.d", "conf/app.d", "conf/user.d", "etc",
+                            "samba", "queues", "vol1/Public", "vol2/Media"}) {
+      dir_.MakeDir(dir);
+    }
+    dir_.Write("etc/volumes.json", "{}");
+    dir_.Write("samba/smb.conf", "[global]\n");
+    platform_.AddVolume(1, dir_.File("vol1"));
+    platform_.AddShare("Public", dir_.File("vol1/Public"));
+    platform_.AddShare("Media", dir_.File("vol2/Media"));
+    AddQueue("system.d/10-indexer.json", "indexer", "Public");
+  }
+
+  void TearDown() override {
+    if (daemon_ != nullptr && !cleaned_) daemon_->Cleanup();
+    LOG_LEVEL = 3;
+  }
+
+  void AddQueue(const std::string& file, const std::string& queue,
+                const std::string& share) {
+    dir_.Write("conf/" + file,
+               R"({"queue": ")" + dir_.File("queues/" + queue + ".queue") +
+                   R"(", "monitors": [{"share": ")" + share + R"("}]})");
+  }
+
+  DaemonOptions Options() {
+    DaemonOptions options;
+    options.socket_path = dir_.File("control.sock");
+    // The test's own group, so that the test may connect as whoever runs
+    // it.
+    struct group* own = getgrgid(getegid());
+    options.socket_group = own != nullptr ? own->gr_name : "";
+    options.run_status_path = dir_.File("etc/yulotifyd.run");
+    options.conf_root = dir_.File("conf");
+    // The machine's own mounts are none of these tests' business.
+    options.mount_table_path = "";
+    options.volume_table_path = dir_.File("etc/volumes.json");
+    options.smb_conf_path = dir_.File("samba/smb.conf");
+    options.platform = &platform_;
+    options.clock = &clock_;
+    options.volume_factory = fakes_.Factory();
+    return options;
+  }
+
+  bool Start() {
+    daemon_ = std::make_unique<Daemon>(Options());
+    return daemon_->Start();
+  }
+
+  void Cleanup() {
+    daemon_->Cleanup();
+    cleaned_ = true;
+  }
+
+  // One round of the main loop that waits for nothing.
+  void Step() { ASSERT_TRUE(daemon_->Step(milliseconds(0))); }
+
+  // Connects to the control socket and sends the command `text`.
+  int Send(const std::string& text) {
+    const int fd =
+        ConnectAndSend(dir_.File("control.sock"), FrameCommand(text));
+    EXPECT_GE(fd, 0);
+    return fd;
+  }
+
+  // The reply to a command sent with Send, once served; with `status`, the
+  // object that follows it.
+  int32_t Reply(int fd, Json::Value* status = nullptr) {
+    const std::string answer = ReadToEnd(fd);
+    close(fd);
+    if (status != nullptr) {
+      EXPECT_TRUE(StatusObjectOf(answer, status));
+    }
+    return ReplyOf(answer);
+  }
+
+  // Sends `text`, serves it with one round, returns the reply.
+  int32_t Command(const std::string& text, Json::Value* status = nullptr) {
+    const int fd = Send(text);
+    Step();
+    return Reply(fd, status);
+  }
+
+  Json::Value Status() {
+    Json::Value status;
+    EXPECT_EQ(0, Command(R"({"type":"status","data":{}})", &status));
+    return status;
+  }
+
+  // Follows what changed: the change is noticed, then falls due once the
+  // settling time has passed.
+  void Follow() {
+    Step();
+    clock_.Advance(milliseconds(SourceWatch::kSettleMillis));
+    Step();
+  }
+
+  std::string RunStatusText() { return dir_.Read("etc/yulotifyd.run"); }
+
+  TempDir dir_;
+  FakePlatform platform_;
+  FakeClock clock_;
+  FakeVolumes fakes_;
+  std::unique_ptr<Daemon> daemon_;
+  bool cleaned_ = false;
+};
+
+TEST_F(DaemonTest, StartsWatchingTheMountedVolumes) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  LOG_LEVEL = 6;
+  ASSERT_TRUE(Start());
+  EXPECT_EQ((Journal{"1 made", "2 made"}), fakes_.TakeJournal());
+  EXPECT_FALSE(fakes_.rescan_at_start[1]);
+  EXPECT_EQ(R"({"status":"running"})"
+            "\n",
+            RunStatusText());
+  EXPECT_EQ(0, access(dir_.File("control.sock").c_str(), F_OK));
+  const std::vector<std::string> lines = TakeLogLines();
+  for (const char* step :
+       {"LoadMonitorQueue done ...", "LoadDaemonRunStatus done ...",
+        "Domain socket setup done ...", "inotify setup done ...",
+        "Volume manager setup done ..."}) {
+    EXPECT_EQ(1u, LinesWithMessage(lines, step, "daemon").size()) << step;
+  }
+  EXPECT_EQ(RUN_STATUS_INIT, daemon_->GetRunStatus());
+  EXPECT_EQ(1u, daemon_->GetMonitorQueues().size());
+}
+
+TEST_F(DaemonTest, CleanStopDrainsEverythingAndWritesStop) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  Cleanup();
+  EXPECT_EQ((Journal{"1 BeginDrain", "2 BeginDrain", "1 FinishReceiving",
+                     "2 FinishReceiving", "1 FinishDrain", "2 FinishDrain",
+                     "1 deleted", "2 deleted"}),
+            fakes_.TakeJournal());
+  EXPECT_EQ(R"({"status":"stop"})"
+            "\n",
+            RunStatusText());
+  EXPECT_NE(0, access(dir_.File("control.sock").c_str(), F_OK));
+}
+
+TEST_F(DaemonTest, StopWithLinesUnwrittenKeepsRunning) {
+  ASSERT_TRUE(Start());
+  fakes_.undrained.insert(1);
+  Cleanup();
+  EXPECT_EQ(R"({"status":"running"})"
+            "\n",
+            RunStatusText());
+}
+
+TEST_F(DaemonTest, NoMonitorQueueStopsQuietly) {
+  ASSERT_EQ(0, unlink(dir_.File("conf/system.d/10-indexer.json").c_str()));
+  LOG_LEVEL = 6;
+  EXPECT_FALSE(Start());
+  Cleanup();
+  EXPECT_EQ(1u, LinesWithMessage(TakeLogLines(),
+                                 "no run status or no monitor config(0), stop",
+                                 "daemon")
+                    .size());
+  EXPECT_EQ(0, fakes_.made);
+  // The start failed before readiness: "stop".
+  EXPECT_EQ(R"({"status":"stop"})"
+            "\n",
+            RunStatusText());
+  EXPECT_NE(0, access(dir_.File("control.sock").c_str(), F_OK));
+}
+
+TEST_F(DaemonTest, NoVolumeMountedStops) {
+  platform_.RemoveVolume(1);
+  EXPECT_FALSE(Start());
+  Cleanup();
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, LinesWithMessage(lines, "YULOMountVolAllEnum failed",
+                                 "volume_registry")
+                    .size());
+  EXPECT_EQ(1u,
+            LinesWithMessage(lines, "SetupVolumeMgr failed", "daemon").size());
+  EXPECT_EQ(R"({"status":"stop"})"
+            "\n",
+            RunStatusText());
+}
+
+TEST_F(DaemonTest, UncleanPreviousRunIsAnsweredWithRecovery) {
+  dir_.Write("etc/yulotifyd.run", R"({"status":"running"})");
+  ASSERT_TRUE(Start());
+  EXPECT_EQ(RUN_STATUS_RECOVERY, daemon_->GetRunStatus());
+  EXPECT_EQ("recovery", Status()["run_status_at_start"].asString());
+}
+
+TEST_F(DaemonTest, StatusTellsWhatIsWatched) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  // Both volumes write one queue file: it is shown once, summed, in the
+  // worse state.
+  QueueFileStatus one;
+  one.path = "/q/shared.queue";
+  one.lines_written = 3;
+  one.lines_kept = 1;
+  QueueFileStatus two = one;
+  two.lines_written = 4;
+  two.lines_kept = 0;
+  two.state = QueueOutbox::State::kBusy;
+  two.last_error = "locked";
+  two.last_error_time = 77;
+  fakes_.queue_files[1] = {one};
+  fakes_.queue_files[2] = {two};
+  dir_.Write("etc/yulotifyd.run", R"({"status":"stop"})");
+  ASSERT_TRUE(Start());
+  clock_.Advance(seconds(42));
+  const Json::Value status = Status();
+  EXPECT_EQ(42u, status["uptime_seconds"].asUInt64());
+  EXPECT_EQ(getpid(), status["pid"].asInt());
+  EXPECT_EQ("stop", status["run_status_at_start"].asString());
+  EXPECT_EQ(1u, status["monitor_queues"].asUInt());
+  ASSERT_EQ(2u, status["volumes"].size());
+  EXPECT_EQ(1, status["volumes"][0]["id"].asInt());
+  EXPECT_EQ(dir_.File("vol1"), status["volumes"][0]["mount_point"].asString());
+  EXPECT_EQ(dir_.File("vol2"), status["volumes"][1]["mount_point"].asString());
+  EXPECT_EQ("none", status["backend"]["name"].asString());
+  ASSERT_EQ(1u, status["queue_files"].size());
+  const Json::Value& file = status["queue_files"][0];
+  EXPECT_EQ("/q/shared.queue", file["path"].asString());
+  EXPECT_EQ(7u, file["lines_written"].asUInt64());
+  EXPECT_EQ(1u, file["lines_kept"].asUInt64());
+  EXPECT_EQ("busy", file["state"].asString());
+  EXPECT_EQ("locked", file["last_error"].asString());
+  EXPECT_EQ(77, file["last_error_time"].asInt64());
+}
+
+TEST_F(DaemonTest, EachRoundIsTracedAtDebugLevel) {
+  ASSERT_TRUE(Start());
+  TakeLogLines();
+  LOG_LEVEL = 7;
+  Step();
+  Step();
+  EXPECT_EQ(
+      2u,
+      LinesWithMessage(TakeLogLines(), "Daemon alive ...", "daemon").size());
+}
+
+TEST_F(DaemonTest, ShareCommandsReachTheShareVolume) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  EXPECT_EQ(0,
+            Command(R"({"type":"mount_share","data":{"share_name":"Media"}})"));
+  EXPECT_EQ(
+      0, Command(R"({"type":"umount_share","data":{"share_name":"Public"}})"));
+  EXPECT_EQ(-1,
+            Command(R"({"type":"mount_share","data":{"share_name":"None"}})"));
+  EXPECT_EQ((Journal{"2 MountShare Media", "1 UmountShare Public"}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, NotifyIsOfferedToEveryVolume) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  EXPECT_EQ(0,
+            Command(R"({"type":"notify","data":{"event":64,"path":"/x/y"}})"));
+  EXPECT_EQ((Journal{"1 PushEvent 64 /x/y ", "2 PushEvent 64 /x/y "}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, VolumeCommands) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  platform_.AddVolume(3, dir_.File("usb"), YULO_VOLUME_KIND_USB);
+  platform_.RemoveVolume(2);
+  platform_.RemoveVolume(3);
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  platform_.AddVolume(2, dir_.File("vol2"));
+  platform_.AddVolume(3, dir_.File("usb"), YULO_VOLUME_KIND_USB);
+  const std::string mount2 =
+      R"({"type":"mount_volume","data":{"mount_point":")" + dir_.File("vol2") +
+      R"("}})";
+  EXPECT_EQ(0, Command(mount2));
+  // Reported twice: nothing more happens.
+  EXPECT_EQ(0, Command(mount2));
+  EXPECT_EQ(0, Command(R"({"type":"mount_volume","data":{"mount_point":")" +
+                       dir_.File("usb") + R"("}})"));
+  EXPECT_EQ(0, Command(R"({"type":"umount_volume","data":{"mount_point":")" +
+                       dir_.File("vol1") + R"(/"}})"));
+  EXPECT_EQ(
+      0, Command(R"({"type":"umount_volume","data":{"mount_point":"/none"}})"));
+  EXPECT_EQ((Journal{"2 made", "1 Drain", "1 deleted"}), fakes_.TakeJournal());
+  EXPECT_EQ(1u, LinesWithMessage(
+                    TakeLogLines(),
+                    "skipped mounting usb volume [" + dir_.File("usb") + "]",
+                    "volume_registry")
+                    .size());
+  // Released by command while still mounted: a change of the volume table
+  // does not bring it back...
+  dir_.Write("etc/volumes.json", "{ }");
+  Follow();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  // ...but a command does.
+  EXPECT_EQ(0, Command(R"({"type":"mount_volume","data":{"mount_point":")" +
+                       dir_.File("vol1") + R"("}})"));
+  EXPECT_EQ((Journal{"1 made"}), fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueues) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  AddQueue("user.d/20-sync.json", "sync", "Public");
+  Step();
+  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
+            fakes_.TakeJournal());
+  EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
+  // Other names change nothing.
+  dir_.Write("conf/user.d/30-x.json.tmp", "{}");
+  Step();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+}
+
+TEST_F(DaemonTest, ConfigurationIsServedBeforeACommandOfTheSameRound) {
+  ASSERT_TRUE(Start());
+  AddQueue("app.d/20-thumbs.json", "thumbs", "Media");
+  const int fd = Send(R"({"type":"status","data":{}})");
+  Step();
+  Json::Value status;
+  EXPECT_EQ(0, Reply(fd, &status));
+  EXPECT_EQ(2u, status["monitor_queues"].asUInt());
+}
+
+TEST_F(DaemonTest, VolumeTableChangesAreFollowedOnceSettled) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  platform_.AddVolume(2, dir_.File("vol2"));
+  dir_.Write("etc/volumes.json", "{ }");
+  Step();
+  clock_.Advance(milliseconds(SourceWatch::kSettleMillis - 1));
+  Step();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  clock_.Advance(milliseconds(1));
+  Step();
+  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "2 RelistShares"}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, VolumeThatWentAwayComesBackWithARescan) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  platform_.RemoveVolume(1);
+  dir_.Write("etc/volumes.json", "{ }");
+  Follow();
+  EXPECT_EQ((Journal{"1 Drain", "1 deleted"}), fakes_.TakeJournal());
+  platform_.AddVolume(1, dir_.File("vol1"));
+  dir_.Write("etc/volumes.json", "{}");
+  Follow();
+  EXPECT_EQ((Journal{"1 made with rescan", "1 RelistShares"}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, UnreadableVolumeTableLeavesTheVolumes) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  platform_.set_table_unreadable(true);
+  LOG_LEVEL = 6;
+  dir_.Write("etc/volumes.json", "{");
+  Follow();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  EXPECT_EQ(
+      1u, LinesWithMessage(TakeLogLines(),
+                           "Volume table unreadable, volumes left as they are",
+                           "follow")
+              .size());
+}
+
+TEST_F(DaemonTest, ShareChangesReloadTheMonitorQueues) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  // Unchanged shares: nothing to do.
+  dir_.Write("samba/smb.conf", "[global]\n\n");
+  Follow();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  platform_.AddShare("Docs", dir_.File("vol1/Docs"));
+  dir_.Write("samba/smb.conf", "[global]\n[Docs]\n");
+  Follow();
+  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches", "1 RelistShares"}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, ConnectionServedWithoutStarting) {
+  // As the fuzzer serves its inputs: no socket, no volume, no start.
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  ASSERT_TRUE(
+      SendRequest(pair[0], FrameCommand(R"({"type":"status","data":{}})")));
+  Daemon daemon(Options());
+  EXPECT_EQ(0, daemon.HandleConnection(pair[1]));
+  Json::Value status;
+  EXPECT_EQ(0, Reply(pair[0], &status));
+  EXPECT_EQ(0u, status["monitor_queues"].asUInt());
+  EXPECT_EQ(0u, status["volumes"].size());
+  EXPECT_EQ("unset", status["run_status_at_start"].asString());
+}
+
+}  // namespace
+}  // namespace YULOTIFYD
+}  // namespace YULO
