@@ -159,8 +159,8 @@ def tools():
 def installed(yulotifyd_prefix, tools):
     """(library path, directory of yulotifyd.pc) of the installation."""
     prefix = Path(yulotifyd_prefix)
-    pcs = sorted(prefix.glob("lib*/**/pkgconfig/yulotifyd.pc")) + \
-        sorted(prefix.glob("lib*/pkgconfig/yulotifyd.pc"))
+    # lib/pkgconfig, or lib/<multiarch>/pkgconfig for the prefix /usr.
+    pcs = sorted(prefix.glob("lib*/**/pkgconfig/yulotifyd.pc"))
     assert pcs, "no yulotifyd.pc installed under %s" % prefix
     pc_dir = pcs[0].parent
     library = pc_dir.parent / "libyulotifyd.so"
