@@ -22,22 +22,9 @@ bool HasNul(const std::string& s) {
 
 bool NormalizeAbsolutePath(std::string_view in, std::string* out) {
   if (in.empty() || in[0] != '/') return false;
-  std::string result;
-  result.reserve(in.size());
-  size_t pos = 0;
-  while (pos < in.size()) {
-    while (pos < in.size() && in[pos] == '/') ++pos;
-    if (pos >= in.size()) break;
-    size_t end = in.find('/', pos);
-    if (end == std::string_view::npos) end = in.size();
-    const std::string_view part = in.substr(pos, end - pos);
-    pos = end;
-    if (part == ".") continue;
-    if (part == "..") return false;
-    result += '/';
-    result.append(part.data(), part.size());
-  }
-  if (result.empty()) result = "/";
+  std::string result = NormalisePath(in);
+  // ".." could lead out of the share: refused rather than resolved.
+  if ((result + "/").find("/../") != std::string::npos) return false;
   *out = std::move(result);
   return true;
 }
