@@ -1,0 +1,189 @@
+// yulotifyctl consume and peek: the lines of a queue file, taken from it or
+// left in it, through libyulotifyd's QueueConsumer.
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tools/ctl.h"
+#include "yulotifyd/queue_consumer.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace ctl {
+
+namespace {
+
+constexpr int kDefaultIntervalMs = 1000;
+
+volatile sig_atomic_t g_stop = 0;
+
+void OnStopSignal(int) { g_stop = 1; }
+
+// SIGINT and SIGTERM end --follow between two rounds; without SA_RESTART a
+// pause is cut short at once.
+void InstallStopHandlers() {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof(sa));
+  sa.sa_handler = OnStopSignal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+void SleepMs(int ms) {
+  struct timespec pause = {ms / 1000, static_cast<long>(ms % 1000) * 1000000};
+  // An interrupting signal ends the pause; the caller checks g_stop.
+  nanosleep(&pause, nullptr);
+}
+
+// Writes the lines to stdout. False when stdout failed.
+bool PrintLines(const std::vector<std::string>& lines) {
+  std::string out;
+  for (const std::string& line : lines) {
+    out += line;
+    out += '\n';
+  }
+  size_t done = 0;
+  while (done < out.size()) {
+    const ssize_t n = write(STDOUT_FILENO, out.data() + done, out.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// The --lock-timeout of consume and peek. False, having reported, when it
+// is not a number of milliseconds.
+bool LockTimeout(const std::string& cmd, const Args& args, int* timeout_ms,
+                 int* status) {
+  long long ms = QueueConsumer::kDefaultLockTimeoutMs;
+  const auto it = args.options.find("--lock-timeout");
+  if (it != args.options.end() &&
+      !ParseNumber(it->second, 1, kMaxIntervalMs, &ms)) {
+    *status = UsageError(cmd, "--lock-timeout wants milliseconds (1 or "
+                              "more), not \"" + it->second + "\"");
+    return false;
+  }
+  *timeout_ms = static_cast<int>(ms);
+  return true;
+}
+
+}  // namespace
+
+const char kConsumeHelp[] =
+    "usage: yulotifyctl consume QUEUE_FILE [--follow] [--interval MS]\n"
+    "                           [--lock-timeout MS]\n"
+    "\n"
+    "Takes every complete line from a queue file and prints it on stdout:\n"
+    "locks the file (exclusive flock), reads it, empties it (an unfinished\n"
+    "last line stays in the file), unlocks it, and only then prints. The\n"
+    "lock is never held for longer than that one read and one truncation,\n"
+    "since the daemon drops an event when the file stays locked.\n"
+    "\n"
+    "A missing file has no lines yet. Lines are taken from the file before\n"
+    "they are printed: if stdout fails they are lost, which is reported.\n"
+    "\n"
+    "  --follow           repeat until interrupted (SIGINT or SIGTERM)\n"
+    "  --interval MS      pause between two rounds with --follow "
+    "(default 1000)\n"
+    "  --lock-timeout MS  give up when others hold the lock this long\n"
+    "                     (default 5000); with --follow the round is retried\n";
+
+const char kPeekHelp[] =
+    "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS]\n"
+    "\n"
+    "Prints the complete lines of a queue file on stdout and leaves them in\n"
+    "the file: nothing is taken, the file is only read (its content and\n"
+    "modification time stay as they were). It reads under a shared flock,\n"
+    "so a line the daemon is writing is shown whole or not at all, and it\n"
+    "holds the lock for that one read only. An unfinished last line is not\n"
+    "shown (a note on stderr says it is there).\n"
+    "\n"
+    "A missing file is an error (exit 1), as is a file that cannot be read.\n"
+    "\n"
+    "  --lock-timeout MS  give up when others hold the lock this long\n"
+    "                     (default 5000)\n";
+
+int RunConsume(const Args& args) {
+  const std::string cmd = "consume";
+  if (args.positional.size() != 1) {
+    return UsageError(cmd, "expects exactly one QUEUE_FILE");
+  }
+  const bool follow = args.options.count("--follow") != 0;
+  long long interval = kDefaultIntervalMs;
+  if (args.options.count("--interval") != 0) {
+    if (!ParseNumber(args.options.at("--interval"), 1, kMaxIntervalMs,
+                     &interval)) {
+      return UsageError(cmd, "--interval wants milliseconds (1 or more), "
+                             "not \"" + args.options.at("--interval") + "\"");
+    }
+    if (!follow) return UsageError(cmd, "--interval goes with --follow");
+  }
+  int lock_timeout = 0;
+  int status = kExitOk;
+  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
+  // A closed stdout must not kill us between taking lines and reporting
+  // that they could not be written.
+  signal(SIGPIPE, SIG_IGN);
+  if (follow) InstallStopHandlers();
+
+  const QueueConsumer consumer(args.positional[0], lock_timeout);
+  for (;;) {
+    const QueueConsumer::Result result = consumer.Consume();
+    if (!result.ok) {
+      const bool retry = follow && result.error == EWOULDBLOCK;
+      Error("cannot consume " + consumer.queue_path() + ": " +
+            result.message +
+            (retry ? " (retrying)" : " (nothing was taken from it)"));
+      if (!retry) return kExitFailed;
+    } else {
+      if (!result.message.empty()) Error("warning: " + result.message);
+      if (!PrintLines(result.lines)) {
+        Error("cannot write to stdout: " + std::string(strerror(errno)) +
+              "; " + std::to_string(result.lines.size()) +
+              " line(s) taken from " + consumer.queue_path() + " are lost");
+        return kExitFailed;
+      }
+    }
+    if (!follow || g_stop) return kExitOk;
+    SleepMs(static_cast<int>(interval));
+    if (g_stop) return kExitOk;
+  }
+}
+
+int RunPeek(const Args& args) {
+  const std::string cmd = "peek";
+  if (args.positional.size() != 1) {
+    return UsageError(cmd, "expects exactly one QUEUE_FILE");
+  }
+  int lock_timeout = 0;
+  int status = kExitOk;
+  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
+  signal(SIGPIPE, SIG_IGN);  // a closed stdout is reported, not fatal
+
+  const QueueConsumer queue(args.positional[0], lock_timeout);
+  const QueueConsumer::Result result = queue.Peek();
+  if (!result.ok) {
+    Error("cannot peek at " + queue.queue_path() + ": " + result.message);
+    return kExitFailed;
+  }
+  if (!PrintLines(result.lines)) {
+    Error("cannot write to stdout: " + std::string(strerror(errno)));
+    return kExitFailed;
+  }
+  if (result.kept_partial_line) {
+    Error("note: " + queue.queue_path() +
+          " ends in an unfinished line, not shown");
+  }
+  return kExitOk;
+}
+
+}  // namespace ctl
+}  // namespace YULOTIFYD
+}  // namespace YULO

@@ -1,0 +1,175 @@
+// yulotifyctl queues: the monitor queues as the daemon would load them,
+// with the reason for everything it would skip, as text or JSON.
+#include <json/json.h>
+
+#include <cstdint>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "tools/ctl.h"
+#include "yulo_build_config.h"
+#include "yulotifyd/monitor_queue.h"
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace ctl {
+
+namespace {
+
+const char* TypeName(int type) {
+  switch (type) {
+    case MONITOR_QUEUE_TYPE_SYSTEM:
+      return "system";
+    case MONITOR_QUEUE_TYPE_APP:
+      return "app";
+    case MONITOR_QUEUE_TYPE_USER:
+      return "user";
+  }
+  return "?";
+}
+
+std::string EventNames(uint32_t events) {
+  if ((events & 1023u) == 1023u) return "all";
+  if (events == 0) return "none";
+  std::string names;
+  for (const EventName& e : kEventNames) {
+    if ((events & e.code) == 0) continue;
+    if (!names.empty()) names += ",";
+    names += e.name;
+  }
+  return names;
+}
+
+}  // namespace
+
+const char kQueuesHelp[] =
+    "usage: yulotifyctl queues [--conf-root DIR] [--json]\n"
+    "\n"
+    "Lists the monitor queues as the daemon would load them now: each\n"
+    "configuration file with its queue file and its monitors, each monitor\n"
+    "with the share's resolved path, and the reason for every file or\n"
+    "monitor the daemon would skip. Shares are resolved the way the daemon\n"
+    "resolves them, so run it where the daemon runs.\n"
+    "\n"
+    "  --conf-root DIR  configuration root (default " YULOTIFYD_CONF_DIR ")\n"
+    "  --json           one JSON object instead of text\n";
+
+int RunQueues(const Args& args) {
+  const std::string cmd = "queues";
+  if (!args.positional.empty()) {
+    return UsageError(cmd, "takes no arguments");
+  }
+  std::string conf_root = YULOTIFYD_CONF_DIR;
+  if (args.options.count("--conf-root") != 0) {
+    conf_root = args.options.at("--conf-root");
+    if (conf_root.empty()) return UsageError(cmd, "--conf-root is empty");
+  }
+  const bool json = args.options.count("--json") != 0;
+
+  std::vector<MonitorQueue::DirReport> dirs;
+  const std::vector<MonitorQueue::FileReport> files = MonitorQueue::Describe(
+      conf_root, &MonitorQueue::ResolveSharePath, &dirs);
+  int loaded = 0;
+  for (const auto& f : files) loaded += f.loaded ? 1 : 0;
+
+  if (json) {
+    Json::Value root(Json::objectValue);
+    root["conf_root"] = conf_root;
+    root["dirs"] = Json::Value(Json::arrayValue);
+    for (const auto& d : dirs) {
+      Json::Value v(Json::objectValue);
+      v["type"] = TypeName(d.type);
+      v["dir"] = d.dir;
+      v["exists"] = d.exists;
+      if (!d.error.empty()) v["error"] = d.error;
+      root["dirs"].append(v);
+    }
+    root["files"] = Json::Value(Json::arrayValue);
+    for (const auto& f : files) {
+      Json::Value v(Json::objectValue);
+      v["file"] = f.file;
+      v["type"] = TypeName(f.type);
+      v["loaded"] = f.loaded;
+      if (!f.loaded) {
+        v["reason"] = f.reason;
+      } else {
+        v["queue"] = f.queue_path;
+        v["owner_uid"] = static_cast<Json::UInt>(f.owner_uid);
+        v["owner_gid"] = static_cast<Json::UInt>(f.owner_gid);
+        v["monitors"] = Json::Value(Json::arrayValue);
+        for (const auto& m : f.monitors) {
+          Json::Value mv(Json::objectValue);
+          mv["index"] = m.index;
+          mv["loaded"] = m.loaded;
+          if (!m.loaded) {
+            mv["reason"] = m.reason;
+          } else {
+            mv["share"] = m.config.share;
+            mv["share_path"] = m.config.share_path;
+            mv["dir"] = m.config.dir;
+            mv["directory"] = m.config.directory;
+            mv["recursive"] = m.config.recursive;
+            mv["events"] = m.config.events;
+          }
+          v["monitors"].append(mv);
+        }
+      }
+      root["files"].append(v);
+    }
+    root["queues"] = loaded;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    std::cout << Json::writeString(builder, root) << std::endl;
+    return std::cout.good() ? kExitOk : kExitFailed;
+  }
+
+  for (const auto& d : dirs) {
+    if (!d.exists) {
+      std::cout << "(" << d.dir << " does not exist)\n";
+    } else if (!d.error.empty()) {
+      std::cout << "(" << d.dir << " cannot be read: " << d.error << ")\n";
+    }
+  }
+  for (const auto& f : files) {
+    std::cout << f.file << "\n";
+    if (!f.loaded) {
+      std::cout << "  skipped: " << f.reason << "\n";
+      continue;
+    }
+    std::cout << "  queue " << f.queue_path;
+    if (f.owner_uid != 0) {
+      std::cout << ", written as uid " << f.owner_uid << " gid "
+                << f.owner_gid;
+    }
+    std::cout << "\n";
+    if (f.monitors.empty()) std::cout << "  no monitors\n";
+    for (const auto& m : f.monitors) {
+      std::cout << "  monitors[" << m.index << "] ";
+      if (!m.loaded) {
+        std::cout << "skipped: " << m.reason << "\n";
+        continue;
+      }
+      const auto& c = m.config;
+      std::cout << "share \"" << c.share << "\" at " << c.share_path
+                << ", dir \"" << c.dir << "\", "
+                << (c.recursive ? "recursive" : "not recursive")
+                << ", events " << c.events << " (" << EventNames(c.events)
+                << ")";
+      if (c.directory.empty()) {
+        std::cout << ": matches nothing";
+      } else {
+        std::cout << ": watches " << c.directory;
+      }
+      std::cout << "\n";
+    }
+  }
+  std::cout << loaded << (loaded == 1 ? " queue" : " queues") << " from "
+            << files.size() << (files.size() == 1 ? " file" : " files")
+            << " under " << conf_root << std::endl;
+  return std::cout.good() ? kExitOk : kExitFailed;
+}
+
+}  // namespace ctl
+}  // namespace YULOTIFYD
+}  // namespace YULO
