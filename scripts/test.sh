@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds yulotifyd three ways (plain, ASan+UBSan,
-# TSan) and runs every test: the unit tests of each build, and the
+# TSan) and runs every test: the unit tests of each build, the Debian
+# packages (scripts/package.sh), and the
 # end-to-end tests against the installed plain build (and the pipeline ones
 # against the TSan build). Run as root: the tests
 # mount file systems in private mount namespaces and use fanotify. Last, a
@@ -17,6 +18,11 @@ mkdir -p "$out"
 echo "== plain build"
 bash scripts/build.sh "$out/plain" "$out/plain-install" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 (cd "$out/plain" && ctest --output-on-failure -j2)
+
+# The Debian packages, built as a packager does (the build runs the unit
+# tests not labelled "root" as user nobody), linted, installed and purged.
+echo "== Debian packages"
+bash scripts/package.sh "$out/package"
 
 echo "== end-to-end tests"
 YULOTIFYD_PREFIX="$out/plain-install" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/e2e"
@@ -49,7 +55,7 @@ TSAN_OPTIONS=halt_on_error=0 YULOTIFYD_PREFIX="$out/tsan-install" \
 # seconds of fuzzing per target, two at a time, on copies of the corpora.
 echo "== fuzz build"
 CC=clang CXX=clang++ cmake -S "$here" -B "$out/fuzz" -DYULOTIFYD_FUZZ=ON \
-  -DYULOTIFYD_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DYULOTIFYD_BUILD_TESTS=OFF -DYULOTIFYD_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$out/fuzz" --target yulo_fuzzers -j2
 (cd "$out/fuzz" && ctest --output-on-failure -j2)
 
