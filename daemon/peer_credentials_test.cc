@@ -14,6 +14,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/testing/temp_dir.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace {
@@ -81,10 +83,9 @@ TEST(GetPeerCredentialsTest, NotASocket) {
 TEST(GetPeerCredentialsTest, AnotherUsersConnection) {
   // Labelled "root" in CMakeLists.txt: fails, not skips, without it.
   ASSERT_EQ(0u, geteuid()) << "needs root to become another user";
-  char dir[] = "/tmp/peer_credentials_test.XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  ASSERT_EQ(chmod(dir, 0755), 0);
-  const std::string path = std::string(dir) + "/s";
+  ::YULO::YULOTIFYD::testing::TempDir dir("peer-credentials");
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string path = dir.File("s");
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   ASSERT_GE(listener, 0);
   struct sockaddr_un addr;
@@ -122,8 +123,6 @@ TEST(GetPeerCredentialsTest, AnotherUsersConnection) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   close(listener);
-  unlink(path.c_str());
-  rmdir(dir);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   ASSERT_TRUE(got);
 

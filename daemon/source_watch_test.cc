@@ -9,8 +9,10 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
+
+#include "base/file_io.h"
+#include "base/testing/temp_dir.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -19,24 +21,16 @@ namespace {
 class SourceWatchTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/yulo-sources-XXXXXX";
-    ASSERT_NE(nullptr, ::mkdtemp(pattern));
-    root_ = pattern;
-    etc_ = root_ + "/etc";
-    samba_ = root_ + "/samba";
-    ASSERT_EQ(0, ::mkdir(etc_.c_str(), 0755));
-    ASSERT_EQ(0, ::mkdir(samba_.c_str(), 0755));
+    root_ = scratch_.path();
+    etc_ = scratch_.MakeDir("etc");
+    samba_ = scratch_.MakeDir("samba");
     Write(etc_ + "/volumes.json", "{}");
     Write(samba_ + "/smb.conf", "[global]\n");
   }
-  void TearDown() override {
-    watch_.Close();
-    ASSERT_EQ(0, std::system(("rm -rf '" + root_ + "'").c_str()));
-  }
+  void TearDown() override { watch_.Close(); }
 
   static void Write(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::trunc);
-    out << text;
+    ASSERT_TRUE(WriteWholeFile(path, text, 0644)) << path;
   }
 
   bool Open() {
@@ -58,6 +52,7 @@ class SourceWatchTest : public ::testing::Test {
     watch_.Handle(readable, exceptional, now);
   }
 
+  testing::TempDir scratch_{"sources"};
   std::string root_, etc_, samba_;
   SourceWatch watch_;
 };

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/errno_text.h"
 #include "tools/ctl.h"
 #include "yulotifyd/queue_consumer.h"
 
@@ -145,7 +146,7 @@ int RunConsume(const Args& args) {
     } else {
       if (!result.message.empty()) Error("warning: " + result.message);
       if (!PrintLines(result.lines)) {
-        Error("cannot write to stdout: " + std::string(strerror(errno)) +
+        Error("cannot write to stdout: " + ErrnoText(errno) +
               "; " + std::to_string(result.lines.size()) +
               " line(s) taken from " + consumer.queue_path() + " are lost");
         return kExitFailed;
@@ -174,7 +175,7 @@ int RunPeek(const Args& args) {
     return kExitFailed;
   }
   if (!PrintLines(result.lines)) {
-    Error("cannot write to stdout: " + std::string(strerror(errno)));
+    Error("cannot write to stdout: " + ErrnoText(errno));
     return kExitFailed;
   }
   if (result.kept_partial_line) {
