@@ -85,7 +85,7 @@ const char kConsumeHelp[] =
     "locks the file (exclusive flock), reads it, empties it (an unfinished\n"
     "last line stays in the file), unlocks it, and only then prints. The\n"
     "lock is never held for longer than that one read and one truncation,\n"
-    "since the daemon drops an event when the file stays locked.\n"
+    "since the daemon's lines wait for its next pass while it is locked.\n"
     "\n"
     "A missing file has no lines yet. Lines are taken from the file before\n"
     "they are printed: if stdout fails they are lost, which is reported.\n"

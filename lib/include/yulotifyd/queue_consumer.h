@@ -2,9 +2,10 @@
 //
 // The daemon appends one JSON object per line to a queue file, each line
 // with a single write while it holds an exclusive flock() on the file; it
-// tries that lock without blocking, three times within about 30 ms, and
-// drops the event if the file stays locked. A consumer therefore holds the
-// lock as briefly as it can:
+// tries that lock without blocking, three times within about 30 ms, and if
+// the file stays locked it keeps the lines and tries again at its next
+// pass, 3 seconds later. A consumer therefore holds the lock as briefly as
+// it can, or its lines come late:
 //
 //   1. open the file (read-write, never creating it);
 //   2. take the exclusive lock: non-blocking attempts, a millisecond or so
@@ -77,8 +78,9 @@ class YULOTIFYD_EXPORT QueueConsumer {
   // file is cut. Returning false keeps every line in the file (the call then
   // fails with `why`): a consumer that must have the lines safe somewhere
   // else before they leave the queue file stores them here. Whatever it does
-  // delays the daemon's writers, who drop an event after about 30 ms of
-  // waiting for the lock, so it should be one write and one fsync at most.
+  // delays the daemon's writers, who give up for one pass (3 seconds) after
+  // about 30 ms of waiting for the lock, so it should be one write and one
+  // fsync at most.
   using KeepLines =
       std::function<bool(const std::vector<std::string>& lines,
                          std::string* why)>;
