@@ -17,24 +17,6 @@ namespace monitor_queue_internal {
 
 namespace {
 
-struct EventName {
-  const char* name;
-  uint32_t code;
-};
-
-constexpr EventName kEventNames[] = {
-    {"access", QUEUE_EVENT_ACCESS},
-    {"modify", QUEUE_EVENT_MODIFY},
-    {"attrib", QUEUE_EVENT_ATTRIB},
-    {"close_write", QUEUE_EVENT_CLOSE_WRITE},
-    {"close_nowrite", QUEUE_EVENT_CLOSE_NOWRITE},
-    {"open", QUEUE_EVENT_OPEN},
-    {"create", QUEUE_EVENT_CREATE},
-    {"delete", QUEUE_EVENT_DELETE},
-    {"move", QUEUE_EVENT_MOVE},
-    {"rescan", QUEUE_EVENT_RESCAN},
-};
-
 // Parses an "events" member: a number (bits above the known codes dropped)
 // or a list of event names.
 bool ParseEvents(const Json::Value& value, uint32_t* events,
@@ -48,8 +30,8 @@ bool ParseEvents(const Json::Value& value, uint32_t* events,
         return false;
       }
       const std::string name = item.asString();
-      const EventName* found = nullptr;
-      for (const EventName& e : kEventNames) {
+      const QueueEventName* found = nullptr;
+      for (const QueueEventName& e : kQueueEventNames) {
         if (name == e.name) {
           found = &e;
           break;

@@ -32,19 +32,6 @@ constexpr const char kProgram[] = "yulotifyctl";
 // The longest pause or wait any option accepts: a day.
 constexpr int kMaxIntervalMs = 24 * 3600 * 1000;
 
-struct EventName {
-  const char* name;
-  uint32_t code;
-};
-
-// The queue event codes by the names monitor-queue files use.
-inline constexpr EventName kEventNames[] = {
-    {"access", 1},   {"modify", 2},        {"attrib", 4},
-    {"close_write", 8}, {"close_nowrite", 16}, {"open", 32},
-    {"create", 64},  {"delete", 128},      {"move", 256},
-    {"rescan", 512},
-};
-
 // ---------------------------------------------------------------------------
 // Reporting.
 

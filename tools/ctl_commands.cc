@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/ctl.h"
+#include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -22,7 +23,7 @@ int SendCommand(const Globals& globals, const std::string& type,
 }
 
 bool ParseEvent(const std::string& text, uint32_t* code) {
-  for (const EventName& e : kEventNames) {
+  for (const QueueEventName& e : kQueueEventNames) {
     if (text == e.name) {
       *code = e.code;
       return true;

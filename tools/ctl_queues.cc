@@ -33,7 +33,7 @@ std::string EventNames(uint32_t events) {
   if ((events & 1023u) == 1023u) return "all";
   if (events == 0) return "none";
   std::string names;
-  for (const EventName& e : kEventNames) {
+  for (const QueueEventName& e : kQueueEventNames) {
     if ((events & e.code) == 0) continue;
     if (!names.empty()) names += ",";
     names += e.name;

@@ -62,6 +62,25 @@ enum : uint32_t {
   QUEUE_EVENT_ALL = 1023,  // every code a monitor can ask for
 };
 
+// The names a monitor-queue file gives the codes a monitor can ask for, in
+// an "events" list.
+struct QueueEventName {
+  const char* name;
+  uint32_t code;
+};
+inline constexpr QueueEventName kQueueEventNames[] = {
+    {"access", QUEUE_EVENT_ACCESS},
+    {"modify", QUEUE_EVENT_MODIFY},
+    {"attrib", QUEUE_EVENT_ATTRIB},
+    {"close_write", QUEUE_EVENT_CLOSE_WRITE},
+    {"close_nowrite", QUEUE_EVENT_CLOSE_NOWRITE},
+    {"open", QUEUE_EVENT_OPEN},
+    {"create", QUEUE_EVENT_CREATE},
+    {"delete", QUEUE_EVENT_DELETE},
+    {"move", QUEUE_EVENT_MOVE},
+    {"rescan", QUEUE_EVENT_RESCAN},
+};
+
 class YULOTIFYD_EXPORT MonitorQueue {
  public:
   // One monitor of a queue.
