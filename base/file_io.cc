@@ -66,6 +66,26 @@ int ReadToEnd(int fd, size_t max_bytes, std::string* out) {
   return err;
 }
 
+int ReadAt(int fd, off_t offset, size_t count, std::string* out) {
+  out->resize(count);
+  size_t used = 0;
+  while (used < count) {
+    const ssize_t n = RetryOnEintr([&] {
+      return ::pread(fd, &(*out)[used], count - used,
+                     offset + static_cast<off_t>(used));
+    });
+    if (n < 0) {
+      const int err = errno;
+      out->clear();
+      return err;
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+  }
+  out->resize(used);
+  return 0;
+}
+
 bool WriteWholeFile(const std::string& path, const std::string& data,
                     mode_t mode) {
   UniqueFd fd(RetryOnEintr([&] {

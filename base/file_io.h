@@ -33,6 +33,11 @@ bool WriteWholeFile(const std::string& path, const std::string& data,
 // file. The descriptor stays open.
 int ReadToEnd(int fd, size_t max_bytes, std::string* out);
 
+// Replaces *out with up to `count` bytes read from `offset` on (pread),
+// fewer only where the file ends. The descriptor's position is left alone.
+// Returns 0 or the errno of the failed read (*out is then empty).
+int ReadAt(int fd, off_t offset, size_t count, std::string* out);
+
 // Writes all `size` bytes at the descriptor's position. False with errno
 // set when write fails; a write that takes nothing counts as EIO.
 bool WriteAll(int fd, const char* data, size_t size);

@@ -76,6 +76,24 @@ TEST(ReadToEndTest, ReadsFromThePositionAndLeavesItOpen) {
   EXPECT_EQ("", out);
 }
 
+TEST(ReadAtTest, ReadsAtTheOffsetUpToTheCountOrTheEnd) {
+  TempDir dir;
+  UniqueFd fd(::open(dir.Write("f", "0123456789").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(fd.Valid());
+  std::string out = "stale";
+  ASSERT_EQ(0, ReadAt(fd.Get(), 2, 3, &out));
+  EXPECT_EQ("234", out);
+  ASSERT_EQ(0, ReadAt(fd.Get(), 7, 100, &out));
+  EXPECT_EQ("789", out);
+  ASSERT_EQ(0, ReadAt(fd.Get(), 20, 5, &out));
+  EXPECT_EQ("", out);
+  EXPECT_EQ(0, ::lseek(fd.Get(), 0, SEEK_CUR)) << "position left alone";
+  UniqueFd dirfd(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  out = "stale";
+  EXPECT_EQ(EISDIR, ReadAt(dirfd.Get(), 0, 4, &out));
+  EXPECT_EQ("", out);
+}
+
 TEST(WriteAllTest, WritesEverythingAndAppends) {
   TempDir dir;
   const std::string path = dir.Write("f", "");

@@ -13,6 +13,7 @@
 #include "base/clock.h"
 #include "base/errno_text.h"
 #include "base/file_io.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 
 namespace YULO {
@@ -71,14 +72,61 @@ int64_t LockDeadline(int lock_timeout_ms) {
   return MonotonicMillis() + (lock_timeout_ms > 0 ? lock_timeout_ms : 0);
 }
 
-// Opens the queue file with `flags` and checks that it is a regular file.
-// Returns the descriptor and fills `st`, or returns -1 with `*failure` set
-// (error ENOENT when the file does not exist).
-int OpenQueue(const std::string& path, int flags, struct stat* st,
-              QueueConsumer::Result* failure) {
+// What a file must be for a consumer to read or cut it.
+struct Expectation {
+  bool owner_set;  // else: the directory's owner or the caller
+  uid_t owner;
+};
+
+// Whether the open file `st` at `path` is one a consumer may take lines
+// from; when not, fills `*failure`. See the header for why each rule.
+bool Acceptable(const std::string& path, const struct stat& st,
+                const Expectation& expect, QueueConsumer::Result* failure) {
+  if (!S_ISREG(st.st_mode)) {
+    *failure = Fail(EINVAL, path + " is not a regular file");
+    return false;
+  }
+  if (st.st_nlink != 1) {
+    *failure = Fail(EINVAL, path + " has " + std::to_string(st.st_nlink) +
+                                " hard links; a queue file has one");
+    return false;
+  }
+  bool owner_ok;
+  std::string whose;
+  if (expect.owner_set) {
+    owner_ok = st.st_uid == expect.owner;
+    whose = "uid " + std::to_string(expect.owner);
+  } else {
+    struct stat dir;
+    const std::string parent = ParentDir(path);
+    owner_ok = st.st_uid == geteuid() ||
+               (lstat(parent.empty() ? "." : parent.c_str(), &dir) == 0 &&
+                st.st_uid == dir.st_uid);
+    whose = "its directory's owner or uid " + std::to_string(geteuid());
+  }
+  if (!owner_ok) {
+    *failure = Fail(EPERM, path + " is owned by uid " +
+                               std::to_string(st.st_uid) + ", not by " +
+                               whose);
+    return false;
+  }
+  if (st.st_size > QueueConsumer::kMaxQueueFileBytes) {
+    *failure = Fail(EFBIG, path + " holds " + std::to_string(st.st_size) +
+                               " bytes, more than a queue file ever does");
+    return false;
+  }
+  return true;
+}
+
+// Opens the queue file with `flags` and checks it (Acceptable). Returns the
+// descriptor and fills `st`, or returns -1 with `*failure` set (error
+// ENOENT when the file does not exist).
+int OpenQueue(const std::string& path, int flags, const Expectation& expect,
+              struct stat* st, QueueConsumer::Result* failure) {
   // O_NONBLOCK: a FIFO in the file's place must not hang us before the
-  // regular-file check. It changes nothing for a regular file.
-  flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  // regular-file check. It changes nothing for a regular file. O_NOFOLLOW:
+  // a link planted in the file's place is refused (ELOOP), never followed.
+  flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
   UniqueFd fd;
   for (;;) {
     fd.Reset(open(path.c_str(), flags));
@@ -91,6 +139,10 @@ int OpenQueue(const std::string& path, int flags, struct stat* st,
       continue;
     }
     const int err = errno;
+    if (err == ELOOP) {
+      *failure = Fail(err, path + " is a symbolic link; a queue file is not");
+      return -1;
+    }
     *failure = Fail(err, "cannot open " + path + ": " + ErrnoText(err));
     return -1;
   }
@@ -99,11 +151,66 @@ int OpenQueue(const std::string& path, int flags, struct stat* st,
     *failure = Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
     return -1;
   }
-  if (!S_ISREG(st->st_mode)) {
-    *failure = Fail(EINVAL, path + " is not a regular file");
-    return -1;
-  }
+  if (!Acceptable(path, *st, expect, failure)) return -1;
   return fd.Release();
+}
+
+// Reads the head of the locked file: everything when it is no larger than
+// `max_read`, else its first `max_read` bytes. `*complete` is the length
+// of its complete lines (up to and with the last line feed read), `*more`
+// whether the file goes on past what was read. False with `*failure` set
+// when the read fails, or when the file goes on and the part read holds no
+// complete line at all: no line the daemon writes is that long.
+bool ReadHead(const std::string& path, int fd, size_t max_read,
+              std::string* text, size_t* complete, bool* more,
+              QueueConsumer::Result* failure) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    const int err = errno;
+    *failure = Fail(err, "cannot stat " + path + ": " + ErrnoText(err));
+    return false;
+  }
+  // The size may have changed while the lock was awaited.
+  if (st.st_size > QueueConsumer::kMaxQueueFileBytes) {
+    *failure = Fail(EFBIG, path + " holds " + std::to_string(st.st_size) +
+                               " bytes, more than a queue file ever does");
+    return false;
+  }
+  // One byte more than allowed tells whether the file goes on.
+  const int err = ReadAt(fd, 0, max_read + 1, text);
+  if (err != 0) {
+    *failure = Fail(err, "cannot read " + path + ": " + ErrnoText(err));
+    return false;
+  }
+  *more = text->size() > max_read;
+  if (*more) text->resize(max_read);
+  const size_t last_nl = text->rfind('\n');
+  *complete = last_nl == std::string::npos ? 0 : last_nl + 1;
+  if (*more && *complete == 0) {
+    *failure = Fail(EFBIG, "the first " + std::to_string(max_read) +
+                               " bytes of " + path +
+                               " hold no complete line; not a queue file");
+    return false;
+  }
+  return true;
+}
+
+// Moves the bytes of the file from `from` on to its start and cuts it to
+// their length, in bounded memory. Each block is written below where it was
+// read, so nothing not yet moved is overwritten. False with errno set.
+bool MoveToFront(int fd, off_t from) {
+  constexpr size_t kBlock = 1024 * 1024;
+  std::string block;
+  off_t to = 0;
+  for (;;) {
+    const int err = ReadAt(fd, from, kBlock, &block);
+    if (err != 0) return errno = err, false;
+    if (block.empty()) break;
+    if (!WriteAllAt(fd, block.data(), block.size(), to)) return false;
+    from += static_cast<off_t>(block.size());
+    to += static_cast<off_t>(block.size());
+  }
+  return ftruncate(fd, to) == 0;
 }
 
 // Takes `op` (LOCK_EX or LOCK_SH) on the file with non-blocking attempts
@@ -137,7 +244,7 @@ bool LockUntil(LockedFile* file, int op, int64_t deadline, int timeout_ms,
 // writes next goes to whatever the path names now.
 bool StillNamed(const std::string& path, const struct stat& st) {
   struct stat now;
-  return stat(path.c_str(), &now) == 0 && now.st_dev == st.st_dev &&
+  return lstat(path.c_str(), &now) == 0 && now.st_dev == st.st_dev &&
          now.st_ino == st.st_ino;
 }
 
@@ -146,17 +253,27 @@ bool StillNamed(const std::string& path, const struct stat& st) {
 QueueConsumer::QueueConsumer(std::string queue_path, int lock_timeout_ms)
     : queue_path_(std::move(queue_path)), lock_timeout_ms_(lock_timeout_ms) {}
 
+void QueueConsumer::set_max_read_bytes(size_t bytes) {
+  max_read_bytes_ = bytes < kMinMaxReadBytes ? kMinMaxReadBytes : bytes;
+}
+
+void QueueConsumer::set_expected_owner(uid_t uid) {
+  owner_set_ = true;
+  expected_owner_ = uid;
+}
+
 QueueConsumer::Result QueueConsumer::Consume() const {
   return Consume(KeepLines());
 }
 
 QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
   const std::string& path = queue_path_;
+  const Expectation expect{owner_set_, expected_owner_};
   const int64_t lock_deadline = LockDeadline(lock_timeout_ms_);
   for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
     Result failure;
     struct stat st;
-    LockedFile file(OpenQueue(path, O_RDWR, &st, &failure));
+    LockedFile file(OpenQueue(path, O_RDWR, expect, &st, &failure));
     if (file.fd() < 0) {
       if (failure.error == ENOENT) {
         Result empty;
@@ -171,24 +288,19 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
     }
     if (!StillNamed(path, st)) continue;  // `file` unlocks and closes
 
-    // The file was just opened: its whole content, from the start.
     std::string text;
-    int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
-    if (err != 0) {
-      return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
+    size_t complete = 0;
+    bool more = false;
+    if (!ReadHead(path, file.fd(), max_read_bytes_, &text, &complete, &more,
+                  &failure)) {
+      return failure;
     }
-    if (text.empty()) {
-      Result empty;
-      empty.ok = true;
-      return empty;
-    }
-    const size_t last_nl = text.rfind('\n');
-    const size_t complete = last_nl == std::string::npos ? 0 : last_nl + 1;
     if (complete == 0) {
-      // Only an unfinished line: nothing to take, nothing to change.
+      // Empty, or only an unfinished line: nothing to take, nothing to
+      // change.
       Result result;
       result.ok = true;
-      result.kept_partial_line = true;
+      result.kept_partial_line = !text.empty();
       return result;
     }
     std::vector<std::string> lines;
@@ -199,23 +311,39 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
         return Fail(EIO, "lines of " + path + " not taken: " + why);
       }
     }
-    // Empty the file first, then put the unfinished tail back. Should the
-    // second step fail, only that fragment is lost, never a whole line.
-    if (ftruncate(file.fd(), 0) != 0) {
-      err = errno;
-      return Fail(err, "cannot truncate " + path + ": " + ErrnoText(err));
-    }
     Result result;
     result.ok = true;
-    if (complete < text.size()) {
-      if (WriteAllAt(file.fd(), text.data() + complete,
-                     text.size() - complete, 0)) {
-        result.kept_partial_line = true;
-      } else {
+    result.more = more;
+    int err;
+    if (more) {
+      // Only part of the file was read: what follows goes to the front.
+      if (!MoveToFront(file.fd(), static_cast<off_t>(complete))) {
         err = errno;
         result.error = err;
-        result.message = "the unfinished last line of " + path +
-                         " could not be put back: " + ErrnoText(err);
+        result.message = "the rest of " + path +
+                         " could not be moved to its front (" +
+                         ErrnoText(err) + "): lines after the first " +
+                         std::to_string(complete) +
+                         " bytes may be there twice";
+      }
+    } else {
+      // Empty the file first, then put the unfinished tail back. Should
+      // the second step fail, only that fragment is lost, never a whole
+      // line.
+      if (ftruncate(file.fd(), 0) != 0) {
+        err = errno;
+        return Fail(err, "cannot truncate " + path + ": " + ErrnoText(err));
+      }
+      if (complete < text.size()) {
+        if (WriteAllAt(file.fd(), text.data() + complete,
+                       text.size() - complete, 0)) {
+          result.kept_partial_line = true;
+        } else {
+          err = errno;
+          result.error = err;
+          result.message = "the unfinished last line of " + path +
+                           " could not be put back: " + ErrnoText(err);
+        }
       }
     }
     file.Release();  // unlock before the caller sees anything
@@ -228,12 +356,14 @@ QueueConsumer::Result QueueConsumer::Consume(const KeepLines& keep) const {
 
 QueueConsumer::Result QueueConsumer::Peek() const {
   const std::string& path = queue_path_;
+  const Expectation expect{owner_set_, expected_owner_};
   const int64_t lock_deadline = LockDeadline(lock_timeout_ms_);
   for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
     Result failure;
     struct stat st;
     // Read-only: nothing here can change the file or its mtime.
-    LockedFile file(OpenQueue(path, O_RDONLY | O_NOATIME, &st, &failure));
+    LockedFile file(
+        OpenQueue(path, O_RDONLY | O_NOATIME, expect, &st, &failure));
     if (file.fd() < 0) return failure;
     // A shared lock: it keeps the daemon's writers and the consumers (who
     // all take it exclusively) out for the length of the read, so no line
@@ -244,19 +374,19 @@ QueueConsumer::Result QueueConsumer::Peek() const {
     }
     if (!StillNamed(path, st)) continue;  // show what the path names now
 
-    // The file was just opened: its whole content, from the start.
     std::string text;
-    const int err = ReadToEnd(file.fd(), kNoReadLimit, &text);
-    if (err != 0) {
-      return Fail(err, "cannot read " + path + ": " + ErrnoText(err));
+    size_t complete = 0;
+    bool more = false;
+    if (!ReadHead(path, file.fd(), max_read_bytes_, &text, &complete, &more,
+                  &failure)) {
+      return failure;
     }
     file.Release();
 
-    const size_t last_nl = text.rfind('\n');
-    const size_t complete = last_nl == std::string::npos ? 0 : last_nl + 1;
     Result result;
     result.ok = true;
-    result.kept_partial_line = complete < text.size();
+    result.more = more;
+    result.kept_partial_line = !more && complete < text.size();
     SplitLines(text, complete, &result.lines);
     return result;
   }

@@ -280,6 +280,135 @@ TEST_F(QueueConsumerTest, FileOfAnotherUserIsAnError) {
   EXPECT_EQ(Read(path_), "a\n");
 }
 
+TEST_F(QueueConsumerTest, SymbolicLinkIsRefusedAndItsTargetUntouched) {
+  // Whoever owns the queue's directory may put a link in the file's place;
+  // a consumer with more rights than they have must not empty its target.
+  const std::string victim = dir_ + "/victim";
+  Write(victim, "precious\n");
+  ASSERT_EQ(symlink(victim.c_str(), path_.c_str()), 0);
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, ELOOP);
+  EXPECT_NE(r.message.find("symbolic link"), std::string::npos) << r.message;
+  EXPECT_TRUE(r.lines.empty());
+  const QueueConsumer::Result peek = QueueConsumer(path_).Peek();
+  EXPECT_FALSE(peek.ok);
+  EXPECT_EQ(peek.error, ELOOP);
+  EXPECT_TRUE(peek.lines.empty());
+  EXPECT_EQ(Read(victim), "precious\n");
+}
+
+TEST_F(QueueConsumerTest, FileWithAnotherHardLinkIsRefused) {
+  Write(path_, "a\n");
+  const std::string other = dir_ + "/other-name";
+  ASSERT_EQ(link(path_.c_str(), other.c_str()), 0);
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EINVAL);
+  EXPECT_NE(r.message.find("2 hard links"), std::string::npos) << r.message;
+  EXPECT_EQ(Read(path_), "a\n");
+  ASSERT_EQ(unlink(other.c_str()), 0);
+  EXPECT_EQ(QueueConsumer(path_).Consume().lines,
+            std::vector<std::string>{"a"});
+}
+
+TEST_F(QueueConsumerTest, ExpectedOwnerIsChecked) {
+  Write(path_, "a\n");
+  QueueConsumer stranger(path_);
+  stranger.set_expected_owner(geteuid() + 1);
+  const QueueConsumer::Result r = stranger.Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EPERM);
+  EXPECT_NE(r.message.find("owned by uid " + std::to_string(geteuid())),
+            std::string::npos)
+      << r.message;
+  EXPECT_FALSE(stranger.Peek().ok);
+  EXPECT_EQ(Read(path_), "a\n");
+  QueueConsumer mine(path_);
+  mine.set_expected_owner(geteuid());
+  EXPECT_EQ(mine.Consume().lines, std::vector<std::string>{"a"});
+}
+
+TEST_F(QueueConsumerTest, FileOwnedByNeitherTheDirectoryOwnerNorTheCaller) {
+  // Root consumes; the directory is root's; the file is nobody's.
+  Write(path_, "a\n");
+  ASSERT_EQ(chown(path_.c_str(), 65534, 65534), 0);
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EPERM);
+  EXPECT_EQ(Read(path_), "a\n");
+  // The directory's owner vouches for the files in it.
+  ASSERT_EQ(chown(dir_.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(QueueConsumer(path_).Consume().lines,
+            std::vector<std::string>{"a"});
+}
+
+TEST_F(QueueConsumerTest, FileLargerThanAQueueFileGetsIsRefusedUnread) {
+  Write(path_, "a\n");
+  ASSERT_EQ(truncate(path_.c_str(), QueueConsumer::kMaxQueueFileBytes + 1), 0);
+  const QueueConsumer::Result r = QueueConsumer(path_).Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EFBIG);
+  EXPECT_FALSE(QueueConsumer(path_).Peek().ok);
+  struct stat st;
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, QueueConsumer::kMaxQueueFileBytes + 1);
+}
+
+TEST_F(QueueConsumerTest, ReadsAreBoundedAndTheRestComesInLaterRounds) {
+  // About 3.5 reads' worth of numbered lines of 100 bytes.
+  const size_t chunk = QueueConsumer::kMinMaxReadBytes;
+  std::vector<std::string> all;
+  std::string text;
+  for (size_t i = 0; text.size() < chunk * 7 / 2; ++i) {
+    std::string line = std::to_string(i);
+    line.resize(99, '.');
+    all.push_back(line);
+    text += line + "\n";
+  }
+  Write(path_, text + "unfinished");
+  QueueConsumer consumer(path_);
+  consumer.set_max_read_bytes(1);  // raised to the minimum
+  EXPECT_EQ(consumer.max_read_bytes(), chunk);
+
+  const QueueConsumer::Result peek = consumer.Peek();
+  ASSERT_TRUE(peek.ok) << peek.message;
+  EXPECT_TRUE(peek.more);
+  EXPECT_EQ(peek.lines.size(), chunk / 100);
+
+  std::vector<std::string> taken;
+  int rounds = 0;
+  for (bool more = true; more; ++rounds) {
+    ASSERT_LT(rounds, 10);
+    const QueueConsumer::Result r = consumer.Consume();
+    ASSERT_TRUE(r.ok) << r.message;
+    size_t bytes = 0;
+    for (const std::string& line : r.lines) bytes += line.size() + 1;
+    EXPECT_LE(bytes, chunk);
+    taken.insert(taken.end(), r.lines.begin(), r.lines.end());
+    more = r.more;
+    if (more) {
+      EXPECT_FALSE(r.kept_partial_line);
+    }
+  }
+  EXPECT_EQ(rounds, 4);
+  EXPECT_EQ(taken, all);
+  EXPECT_EQ(Read(path_), "unfinished");
+}
+
+TEST_F(QueueConsumerTest, AHeadWithoutACompleteLineIsRefused) {
+  const std::string garbage(QueueConsumer::kMinMaxReadBytes * 2, 'x');
+  Write(path_, garbage + "\n");
+  QueueConsumer consumer(path_);
+  consumer.set_max_read_bytes(QueueConsumer::kMinMaxReadBytes);
+  const QueueConsumer::Result r = consumer.Consume();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.error, EFBIG);
+  EXPECT_NE(r.message.find("no complete line"), std::string::npos)
+      << r.message;
+  EXPECT_EQ(Read(path_), garbage + "\n");
+}
+
 TEST_F(QueueConsumerTest, FileReplacedWhileWaitingIsConsumedFresh) {
   Write(path_, "old\n");
   const int holder = open(path_.c_str(), O_RDWR | O_CLOEXEC);
@@ -559,10 +688,14 @@ TEST_F(QueueConsumerTest, RacingWriterProcessesLoseNothingTearNothing) {
       }
     }
   }
-  const QueueConsumer::Result last = consumer.Consume();
-  ASSERT_TRUE(last.ok) << last.message;
-  EXPECT_FALSE(last.kept_partial_line);
-  CheckLines(last.lines, &last_seq, &seen);
+  // What the writers left, in as many reads as it takes.
+  for (bool more = true; more;) {
+    const QueueConsumer::Result last = consumer.Consume();
+    ASSERT_TRUE(last.ok) << last.message;
+    EXPECT_FALSE(last.kept_partial_line);
+    CheckLines(last.lines, &last_seq, &seen);
+    more = last.more;
+  }
   ExpectEachLineOnce(seen, kWriters, kCount);
   EXPECT_GT(rounds, 1) << "the consumer never ran alongside the writers";
   EXPECT_EQ(Read(path_), "");
@@ -593,6 +726,7 @@ TEST_F(QueueConsumerTest, ConsumersAndWritersInThreadsShareEveryLineOnce) {
         QueueConsumer::Result r = consumer.Consume();
         ASSERT_TRUE(r.ok) << r.message;
         CheckLines(r.lines, &last_seq, &mine);
+        if (r.more) done = false;  // the rest is still to be read
       }
       std::lock_guard<std::mutex> lock(mutex);
       seen.insert(seen.end(), mine.begin(), mine.end());

@@ -8,11 +8,15 @@
 
 #include <cstddef>
 
+#include "yulotifyd/queue_consumer.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
-// A queue file strictly larger than this is oversized and gets reset.
-constexpr off_t kQueueFileMaxSize = 104857600;  // 100 MiB
+// A queue file strictly larger than this is oversized and gets reset. The
+// consumers' library knows the size too: it refuses files the daemon
+// could never have written.
+constexpr off_t kQueueFileMaxSize = QueueConsumer::kQueueFileResetBytes;
 // Mode of a queue file the daemon creates (before the umask, which the
 // daemon sets to 0).
 constexpr mode_t kQueueFileMode = 0600;

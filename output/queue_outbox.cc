@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -165,11 +166,26 @@ bool QueueOutbox::AppendAs(const std::vector<MonitorQueue>& snapshot,
   int fd = -1;
   for (int attempt = 1;; ++attempt) {
     // Never through a symbolic link as the last component: whoever may
-    // place one there must not steer the daemon's writes.
-    fd = ops.Open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+    // place one there must not steer the daemon's writes. O_NONBLOCK: a
+    // FIFO in the file's place must not hang the open, and the check below
+    // turns it away before anything reads from it.
+    fd = ops.Open(path_.c_str(),
+                  O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
                   kQueueFileMode);
     if (fd < 0) {
       NoteFailure(Failure::kOpen, errno);
+      break;
+    }
+    // Only a regular file is a queue file. A FIFO would block the head
+    // check's read for good (its only writer is us), stalling every queue
+    // of the volume; a device or socket is nothing a consumer reads either.
+    struct stat st;
+    const bool stat_ok = ops.Fstat(fd, &st) == 0;
+    if (!stat_ok || !S_ISREG(st.st_mode)) {
+      const int err = stat_ok ? EINVAL : errno;
+      ops.Close(fd);  // never retried: the descriptor is gone either way
+      fd = -1;
+      NoteFailure(stat_ok ? Failure::kNotRegular : Failure::kOpen, err);
       break;
     }
     if (ops.Flock(fd, LOCK_EX | LOCK_NB) == 0) break;
@@ -343,7 +359,8 @@ void QueueOutbox::ReplaceByRescans(const std::vector<MonitorQueue>& snapshot) {
 
 void QueueOutbox::NoteFailure(Failure failure, int err) {
   state_ = failure == Failure::kBusy ? State::kBusy : State::kFailing;
-  last_error_ = ErrnoText(err);
+  last_error_ =
+      failure == Failure::kNotRegular ? "not a regular file" : ErrnoText(err);
   last_error_time_ = time(nullptr);
   if (failing_) return;
   failing_ = true;
@@ -362,6 +379,10 @@ void QueueOutbox::NoteFailure(Failure failure, int err) {
       break;
     case Failure::kLock:
       break;  // "flock fail" was logged at debug level where it happened
+    case Failure::kNotRegular:
+      OUTBOX_LOG(kAlways, "Queue path is not a regular file, path=%s",
+                 path_.c_str());
+      break;
     case Failure::kIds:
       OUTBOX_LOG(kAlways,
                  "Failed to switch to the owner's ids %u:%u, path=%s, "

@@ -94,7 +94,7 @@ class QueueOutbox {
   };
 
   enum class Outcome { kWritten, kKept, kDropped };
-  enum class Failure { kOpen, kBusy, kLock, kWrite, kIds };
+  enum class Failure { kOpen, kBusy, kLock, kWrite, kIds, kNotRegular };
 
   // Open, lock, write and release, with the thread's current ids.
   bool AppendAs(const std::vector<MonitorQueue>& snapshot, QueueFileOps& ops);

@@ -175,6 +175,44 @@ TEST_F(QueueFileTest, FailedOpenKeepsTheLinesUntilTheDirectoryIsBack) {
             1u);
 }
 
+TEST_F(QueueFileTest, FifoInThePlaceOfTheFileIsRefusedWithoutBlocking) {
+  // Nobody else has the FIFO open: a blocking open or read would hang here
+  // for good, so returning at all is half of what this test proves.
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  const int fds_before = OpenDescriptorCount();
+  EXPECT_FALSE(Send("/vol1/M/a"));
+  EXPECT_FALSE(Send("/vol1/M/b"));
+  EXPECT_EQ(OpenDescriptorCount(), fds_before) << "the FIFO was closed";
+  EXPECT_EQ(ops_.Calls(ScriptedFileOps::kRead), 0) << "nothing read from it";
+  EXPECT_EQ(ops_.Calls(ScriptedFileOps::kWrite), 0) << "nothing written";
+  EXPECT_TRUE(ops_.TakeFlockCalls().empty()) << "never locked";
+  EXPECT_EQ(outbox_->state(), QueueOutbox::State::kFailing);
+  EXPECT_EQ(outbox_->last_error(), "not a regular file");
+  EXPECT_EQ(outbox_->LineCount(), 2u) << "kept, as for any failing file";
+  auto lines = TakeLogLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(LinesWithMessage(lines, "Queue path is not a regular file, path=" +
+                                        file_)
+                .size(),
+            1u)
+      << lines[0];
+
+  // Once a regular file is back, the kept lines go in, in order.
+  ASSERT_EQ(unlink(file_.c_str()), 0);
+  EXPECT_TRUE(Send("/vol1/M/c"));
+  EXPECT_EQ(ReadLines(file_),
+            (std::vector<std::string>{Line(64, "/vol1/M/a"),
+                                      Line(64, "/vol1/M/b"),
+                                      Line(64, "/vol1/M/c")}));
+}
+
+TEST_F(QueueFileTest, DirectoryInThePlaceOfTheFileIsRefused) {
+  ASSERT_EQ(mkdir(file_.c_str(), 0700), 0);
+  EXPECT_FALSE(Send("/vol1/M/a"));
+  EXPECT_EQ(outbox_->state(), QueueOutbox::State::kFailing);
+  EXPECT_EQ(outbox_->LineCount(), 1u);
+}
+
 TEST_F(QueueFileTest, FailedWriteLeavesNoFragment) {
   for (const int err : {ENOSPC, EIO}) {
     WriteFileText(file_, "0123456789\n");

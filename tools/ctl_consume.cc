@@ -1,11 +1,14 @@
 // yulotifyctl consume and peek: the lines of a queue file, taken from it or
 // left in it, through libyulotifyd's QueueConsumer.
 #include <errno.h>
+#include <pwd.h>
 #include <signal.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,19 +62,47 @@ bool PrintLines(const std::vector<std::string>& lines) {
   return true;
 }
 
-// The --lock-timeout of consume and peek. False, having reported, when it
-// is not a number of milliseconds.
-bool LockTimeout(const std::string& cmd, const Args& args, int* timeout_ms,
-                 int* status) {
+// A consumer of the one QUEUE_FILE with the options consume and peek share:
+// --lock-timeout, --owner and --max-read. False, having reported, when one
+// of them is not valid.
+bool MakeConsumer(const std::string& cmd, const Args& args,
+                  std::unique_ptr<QueueConsumer>* consumer, int* status) {
   long long ms = QueueConsumer::kDefaultLockTimeoutMs;
-  const auto it = args.options.find("--lock-timeout");
+  auto it = args.options.find("--lock-timeout");
   if (it != args.options.end() &&
       !ParseNumber(it->second, 1, kMaxIntervalMs, &ms)) {
     *status = UsageError(cmd, "--lock-timeout wants milliseconds (1 or "
                               "more), not \"" + it->second + "\"");
     return false;
   }
-  *timeout_ms = static_cast<int>(ms);
+  long long max_read = QueueConsumer::kDefaultMaxReadBytes;
+  it = args.options.find("--max-read");
+  if (it != args.options.end() &&
+      !ParseNumber(it->second,
+                   static_cast<long long>(QueueConsumer::kMinMaxReadBytes),
+                   QueueConsumer::kMaxQueueFileBytes, &max_read)) {
+    *status = UsageError(
+        cmd, "--max-read wants a number of bytes from " +
+                 std::to_string(QueueConsumer::kMinMaxReadBytes) + " to " +
+                 std::to_string(QueueConsumer::kMaxQueueFileBytes) +
+                 ", not \"" + it->second + "\"");
+    return false;
+  }
+  *consumer = std::make_unique<QueueConsumer>(args.positional[0],
+                                              static_cast<int>(ms));
+  (*consumer)->set_max_read_bytes(static_cast<size_t>(max_read));
+  it = args.options.find("--owner");
+  if (it != args.options.end()) {
+    long long uid = 0;
+    if (const struct passwd* pw = getpwnam(it->second.c_str())) {
+      uid = pw->pw_uid;
+    } else if (!ParseNumber(it->second, 0, UINT32_MAX - 1, &uid)) {
+      *status = UsageError(cmd, "--owner wants a user name or id, not \"" +
+                                    it->second + "\"");
+      return false;
+    }
+    (*consumer)->set_expected_owner(static_cast<uid_t>(uid));
+  }
   return true;
 }
 
@@ -79,7 +110,8 @@ bool LockTimeout(const std::string& cmd, const Args& args, int* timeout_ms,
 
 const char kConsumeHelp[] =
     "usage: yulotifyctl consume QUEUE_FILE [--follow] [--interval MS]\n"
-    "                           [--lock-timeout MS]\n"
+    "                           [--lock-timeout MS] [--owner USER]\n"
+    "                           [--max-read BYTES]\n"
     "\n"
     "Takes every complete line from a queue file and prints it on stdout:\n"
     "locks the file (exclusive flock), reads it, empties it (an unfinished\n"
@@ -89,15 +121,26 @@ const char kConsumeHelp[] =
     "\n"
     "A missing file has no lines yet. Lines are taken from the file before\n"
     "they are printed: if stdout fails they are lost, which is reported.\n"
+    "A file larger than --max-read is taken a part at a time, until it is\n"
+    "empty. Refused, without reading or changing it (exit 1): a symbolic\n"
+    "link, anything but a regular file, a file with several hard links,\n"
+    "one owned by another user than expected (see --owner), and one\n"
+    "larger than a queue file ever gets.\n"
     "\n"
     "  --follow           repeat until interrupted (SIGINT or SIGTERM)\n"
     "  --interval MS      pause between two rounds with --follow "
     "(default 1000)\n"
     "  --lock-timeout MS  give up when others hold the lock this long\n"
-    "                     (default 5000); with --follow the round is retried\n";
+    "                     (default 5000); with --follow the round is retried\n"
+    "  --owner USER       the file must belong to USER (a name or an id);\n"
+    "                     by default it must belong to the owner of its\n"
+    "                     directory or to the caller\n"
+    "  --max-read BYTES   read at most this much of the file at a time\n"
+    "                     (default 16777216)\n";
 
 const char kPeekHelp[] =
-    "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS]\n"
+    "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS] [--owner USER]\n"
+    "                        [--max-read BYTES]\n"
     "\n"
     "Prints the complete lines of a queue file on stdout and leaves them in\n"
     "the file: nothing is taken, the file is only read (its content and\n"
@@ -106,10 +149,19 @@ const char kPeekHelp[] =
     "holds the lock for that one read only. An unfinished last line is not\n"
     "shown (a note on stderr says it is there).\n"
     "\n"
-    "A missing file is an error (exit 1), as is a file that cannot be read.\n"
+    "Only the lines within the first --max-read bytes are shown (a note on\n"
+    "stderr says when there are more).\n"
+    "\n"
+    "A missing file is an error (exit 1), as is a file that cannot be read\n"
+    "or that consume would refuse.\n"
     "\n"
     "  --lock-timeout MS  give up when others hold the lock this long\n"
-    "                     (default 5000)\n";
+    "                     (default 5000)\n"
+    "  --owner USER       the file must belong to USER (a name or an id);\n"
+    "                     by default it must belong to the owner of its\n"
+    "                     directory or to the caller\n"
+    "  --max-read BYTES   read at most this much of the file at a time\n"
+    "                     (default 16777216)\n";
 
 int RunConsume(const Args& args) {
   const std::string cmd = "consume";
@@ -126,15 +178,15 @@ int RunConsume(const Args& args) {
     }
     if (!follow) return UsageError(cmd, "--interval goes with --follow");
   }
-  int lock_timeout = 0;
+  std::unique_ptr<QueueConsumer> made;
   int status = kExitOk;
-  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
+  if (!MakeConsumer(cmd, args, &made, &status)) return status;
+  const QueueConsumer& consumer = *made;
   // A closed stdout must not kill us between taking lines and reporting
   // that they could not be written.
   signal(SIGPIPE, SIG_IGN);
   if (follow) InstallStopHandlers();
 
-  const QueueConsumer consumer(args.positional[0], lock_timeout);
   for (;;) {
     const QueueConsumer::Result result = consumer.Consume();
     if (!result.ok) {
@@ -151,6 +203,7 @@ int RunConsume(const Args& args) {
               " line(s) taken from " + consumer.queue_path() + " are lost");
         return kExitFailed;
       }
+      if (result.more && !g_stop) continue;  // the rest of a large file
     }
     if (!follow || g_stop) return kExitOk;
     SleepMs(static_cast<int>(interval));
@@ -163,12 +216,12 @@ int RunPeek(const Args& args) {
   if (args.positional.size() != 1) {
     return UsageError(cmd, "expects exactly one QUEUE_FILE");
   }
-  int lock_timeout = 0;
+  std::unique_ptr<QueueConsumer> made;
   int status = kExitOk;
-  if (!LockTimeout(cmd, args, &lock_timeout, &status)) return status;
+  if (!MakeConsumer(cmd, args, &made, &status)) return status;
+  const QueueConsumer& queue = *made;
   signal(SIGPIPE, SIG_IGN);  // a closed stdout is reported, not fatal
 
-  const QueueConsumer queue(args.positional[0], lock_timeout);
   const QueueConsumer::Result result = queue.Peek();
   if (!result.ok) {
     Error("cannot peek at " + queue.queue_path() + ": " + result.message);
@@ -177,6 +230,11 @@ int RunPeek(const Args& args) {
   if (!PrintLines(result.lines)) {
     Error("cannot write to stdout: " + ErrnoText(errno));
     return kExitFailed;
+  }
+  if (result.more) {
+    Error("note: " + queue.queue_path() + " holds more lines than the " +
+          std::to_string(queue.max_read_bytes()) +
+          " bytes read (see --max-read), not shown");
   }
   if (result.kept_partial_line) {
     Error("note: " + queue.queue_path() +

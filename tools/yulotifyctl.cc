@@ -43,9 +43,9 @@ const char kGeneralHelp[] =
     "  status [--json|--prometheus] what the daemon watches and counts\n"
     "\n"
     "Local commands:\n"
-    "  consume QUEUE_FILE [--follow] [--interval MS]\n"
+    "  consume QUEUE_FILE [--follow] [--interval MS] [--owner USER] ...\n"
     "                               take and print the lines of a queue file\n"
-    "  peek QUEUE_FILE [--lock-timeout MS]\n"
+    "  peek QUEUE_FILE [--lock-timeout MS] [--owner USER] ...\n"
     "                               print the lines of a queue file, leaving "
     "them there\n"
     "  queues [--conf-root DIR] [--json]\n"
@@ -104,9 +104,10 @@ const std::vector<Command>& Commands() {
       {"send", kSendHelp, {}, {}, true, RunSend},
       {"status", kStatusHelp, {"--json", "--prometheus"}, {}, true, RunStatus},
       {"consume", kConsumeHelp, {"--follow"},
-       {"--interval", "--lock-timeout"}, false,
+       {"--interval", "--lock-timeout", "--owner", "--max-read"}, false,
        [](const Globals&, const Args& a) { return RunConsume(a); }},
-      {"peek", kPeekHelp, {}, {"--lock-timeout"}, false,
+      {"peek", kPeekHelp, {}, {"--lock-timeout", "--owner", "--max-read"},
+       false,
        [](const Globals&, const Args& a) { return RunPeek(a); }},
       {"queues", kQueuesHelp, {"--json"}, {"--conf-root"}, false,
        [](const Globals&, const Args& a) { return RunQueues(a); }},

@@ -25,6 +25,7 @@ NAMES = {1: "access", 2: "modify", 4: "attrib", 8: "close_write",
          256: "move", RESCAN: "rescan"}
 LOCK_TIMEOUT = 5.0  # seconds; then give up on this round
 LOCK_PAUSE = 0.001  # between two lock attempts
+MAX_SIZE = 105906176  # the daemon resets a file past 100 MiB; 1 MiB slack
 
 
 def take_lines(path):
@@ -33,12 +34,19 @@ def take_lines(path):
     tries again 3 s later, so the lock is held for one read and one
     truncation only. An unfinished last line stays in the file."""
     try:
-        fd = os.open(path, os.O_RDWR | os.O_NONBLOCK)  # O_CLOEXEC is implied
+        # Never through a link put in the file's place; never hang on a FIFO.
+        fd = os.open(path, os.O_RDWR | os.O_NONBLOCK | os.O_NOFOLLOW)
     except FileNotFoundError:
         return []  # the daemon creates the file with its first line
     try:
-        if not stat.S_ISREG(os.fstat(fd).st_mode):
-            raise OSError("%s is not a regular file" % path)
+        st = os.fstat(fd)
+        if not stat.S_ISREG(st.st_mode) or st.st_nlink != 1:
+            raise OSError("%s is not a queue file" % path)
+        if st.st_uid not in (os.geteuid(),
+                             os.lstat(os.path.dirname(path) or ".").st_uid):
+            raise OSError("%s belongs to uid %d" % (path, st.st_uid))
+        if st.st_size > MAX_SIZE:
+            raise OSError("%s is larger than a queue file gets" % path)
         deadline = time.monotonic() + LOCK_TIMEOUT
         while True:  # never block in flock: a stuck holder must not hang us
             try:

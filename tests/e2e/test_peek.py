@@ -107,7 +107,9 @@ def test_peek_help(ctl_binary):
     for args in (["peek", "--help"], ["peek", "-h"], ["help", "peek"]):
         r = run_ctl(ctl_binary, *args, check=0)
         assert r.out.startswith(
-            "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS]\n"), r.out
+            "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS] "
+            "[--owner USER]\n"), r.out
         assert r.err == ""
     r = run_ctl(ctl_binary, "--help", check=0)
-    assert "  peek QUEUE_FILE [--lock-timeout MS]\n" in r.out
+    assert "  peek QUEUE_FILE [--lock-timeout MS] [--owner USER] ...\n" \
+        in r.out
