@@ -361,10 +361,7 @@ def parse_peer_line(raw):
 def run_peer(args, work, name, make_argv):
     result = Result(name, args.count)
     mnt = work / ("peer-vol-%d" % len(os.listdir(work)))
-    mnt.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "-o",
-                    "mode=0755,size=%s" % VOLUME_SIZE, "tmpfs", str(mnt)],
-                   check=True)
+    mount_peer_volume(mnt)
     proc = None
     dir_fds = []
     tail = None
@@ -404,15 +401,29 @@ def run_peer(args, work, name, make_argv):
             os.close(fd)
         if tail is not None:
             tail.close()
-        if proc is not None and proc.poll() is None:
-            proc.send_signal(signal.SIGTERM)
-            try:
-                proc.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                proc.kill()
-                proc.wait()
-        subprocess.run(["umount", str(mnt)], check=False)
+        end_peer(proc, mnt)
     return result
+
+
+def mount_peer_volume(mnt):
+    """Mounts a tmpfs of the daemon's volume size at the directory `mnt`
+    (this script's private namespace: it goes with the script)."""
+    mnt.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o",
+                    "mode=0755,size=%s" % VOLUME_SIZE, "tmpfs", str(mnt)],
+                   check=True)
+
+
+def end_peer(proc, mnt):
+    """Stops a peer (SIGTERM, SIGKILL after 10 s) and unmounts its tmpfs."""
+    if proc is not None and proc.poll() is None:
+        proc.send_signal(signal.SIGTERM)
+        try:
+            proc.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait()
+    subprocess.run(["umount", str(mnt)], check=False)
 
 
 # ---------------------------------------------------------------------------
@@ -473,15 +484,16 @@ def report(results, args):
 
 # ---------------------------------------------------------------------------
 
-def enter_private_namespace():
-    """Re-executes this script in a private mount namespace of its own."""
+def enter_private_namespace(script=__file__):
+    """Re-executes `script` (this one by default) with the same arguments in
+    a private mount namespace of its own."""
     if os.environ.get(NS_ENV) == "1":
         return
     if shutil.which("unshare") is None:
         raise BenchError("unshare (util-linux) is not installed")
     env = dict(os.environ, **{NS_ENV: "1"})
     argv = ["unshare", "--mount", "--propagation", "private", "--",
-            sys.executable, str(Path(__file__).resolve())] + sys.argv[1:]
+            sys.executable, str(Path(script).resolve())] + sys.argv[1:]
     sys.stdout.flush()
     os.execvpe("unshare", argv, env)
 
