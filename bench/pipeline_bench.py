@@ -484,6 +484,26 @@ def report(results, args):
 
 # ---------------------------------------------------------------------------
 
+def check_root_and_tools(tools=("unshare", "nsenter", "mount", "umount")):
+    """Raises BenchError unless this runs as root with `tools` on PATH."""
+    if os.geteuid() != 0:
+        raise BenchError("must run as root (mount namespaces, tmpfs)")
+    for tool in tools:
+        if shutil.which(tool) is None:
+            raise BenchError("%s is not installed" % tool)
+
+
+def find_reader(value):
+    """The min_fanotify_reader binary: `value`, else
+    $YULOTIFYD_BENCH_READER; BenchError if it is not an executable file."""
+    reader = Path(value or os.environ.get("YULOTIFYD_BENCH_READER", ""))
+    if not (reader.is_file() and os.access(reader, os.X_OK)):
+        raise BenchError("min_fanotify_reader not found: build it with "
+                         "cmake --build BUILD --target min_fanotify_reader "
+                         "and pass --reader BUILD/bench/min_fanotify_reader")
+    return reader
+
+
 def enter_private_namespace(script=__file__):
     """Re-executes `script` (this one by default) with the same arguments in
     a private mount namespace of its own."""
@@ -530,21 +550,13 @@ def main():
         parser.error("--count and --dirs must be positive")
 
     try:
-        if os.geteuid() != 0:
-            raise BenchError("must run as root (mount namespaces, tmpfs)")
-        for tool in ("unshare", "nsenter", "mount", "umount"):
-            if shutil.which(tool) is None:
-                raise BenchError("%s (util-linux) is not installed" % tool)
+        check_root_and_tools()
         if args.only != "daemon" and shutil.which("inotifywait") is None:
             raise BenchError("inotifywait is missing: "
                              "apt-get install -y inotify-tools")
         global READER
-        READER = Path(args.reader or os.environ.get("YULOTIFYD_BENCH_READER", ""))
-        if args.only != "daemon" and not (READER.is_file()
-                                          and os.access(READER, os.X_OK)):
-            raise BenchError("min_fanotify_reader not found: build it with "
-                             "cmake --build BUILD --target min_fanotify_reader "
-                             "and pass --reader BUILD/bench/min_fanotify_reader")
+        if args.only != "daemon":
+            READER = find_reader(args.reader)
         args.prefix = harness.find_prefix(args.prefix)
         harness.daemon_binary(args.prefix)
         enter_private_namespace()
@@ -555,7 +567,7 @@ def main():
     work = Path(tempfile.mkdtemp(prefix="yulo-pipeline-bench-"))
     results = []
     try:
-        if args.only != "peer":
+        if args.only != "peers":
             print("yulotifyd: %d creations ..." % args.count, flush=True)
             results.append(run_daemon(args, work))
         if args.only in (None, "peers"):

@@ -266,17 +266,9 @@ def main():
     if args.files < args.dirs or args.dirs < 1:
         parser.error("--dirs must be positive and at most --files")
     try:
-        if os.geteuid() != 0:
-            raise BenchError("must run as root (mount namespaces, tmpfs)")
-        for tool in ("unshare", "nsenter", "mount", "umount", "tar", "perf"):
-            if shutil.which(tool) is None:
-                raise BenchError("%s is not installed" % tool)
-        args.reader = Path(args.reader or
-                           os.environ.get("YULOTIFYD_BENCH_READER", ""))
-        if not (args.reader.is_file() and os.access(args.reader, os.X_OK)):
-            raise BenchError("min_fanotify_reader not found: build it with "
-                             "cmake --build BUILD --target min_fanotify_reader "
-                             "and pass --reader BUILD/bench/min_fanotify_reader")
+        pb.check_root_and_tools(("unshare", "nsenter", "mount", "umount",
+                                 "tar", "perf"))
+        args.reader = pb.find_reader(args.reader)
         args.prefix = harness.find_prefix(args.prefix)
         harness.daemon_binary(args.prefix)
         pb.enter_private_namespace(__file__)
