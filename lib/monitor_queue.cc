@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/path.h"
+#include "lib/exclude_match.h"
 #include "lib/monitor_queue_internal.h"
 
 namespace YULO {
@@ -55,15 +56,6 @@ uint32_t KernelBitsFor(uint32_t events) {
   if (events & QUEUE_EVENT_MOVE) bits |= IN_MOVED_FROM | IN_MOVED_TO;
   if (events & QUEUE_EVENT_RESCAN) bits |= IN_DELETE_SELF;
   return bits;
-}
-
-// Whether `path` is `dir` itself or lies below it. Below means anywhere
-// underneath when `recursive`, else only an entry directly inside `dir`.
-// An empty `dir` matches nothing.
-bool PathWithin(std::string_view dir, std::string_view path, bool recursive) {
-  std::string_view rest;
-  if (!PathRelativeTo(dir, path, &rest)) return false;
-  return recursive || rest.find('/') == std::string_view::npos;
 }
 
 }  // namespace
@@ -128,7 +120,13 @@ bool MonitorQueue::IsMonitoring(const std::string& path,
                                 const uint32_t& mask) {
   for (const MonitorQueueConfig& config : configs_) {
     if ((config.events & mask) == 0) continue;
-    if (PathWithin(config.directory, path, config.recursive)) return true;
+    std::string_view rest;
+    if (!PathRelativeTo(config.directory, path, &rest)) continue;
+    if (!config.recursive && rest.find('/') != std::string_view::npos) {
+      continue;
+    }
+    if (!config.exclude.empty() && IsExcluded(config.exclude, rest)) continue;
+    return true;
   }
   return false;
 }

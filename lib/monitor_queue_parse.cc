@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/exclude_match.h"
 #include "lib/monitor_queue_internal.h"
 #include "yulotifyd/json_util.h"
 
@@ -16,6 +17,10 @@ namespace YULOTIFYD {
 namespace monitor_queue_internal {
 
 namespace {
+
+// More would say the patterns belong in a consumer's own filter; it also
+// bounds what one monitor costs per event.
+constexpr Json::ArrayIndex kMaxExcludePatterns = 64;
 
 // Parses an "events" member: a number (bits above the known codes dropped)
 // or a list of event names.
@@ -85,12 +90,31 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
 
   if (!m.isObject()) return drop("not an object");
 
-  if (!m.isMember("share")) return drop("no \"share\" member");
-  const Json::Value& share_value = m["share"];
-  if (!share_value.isString()) return drop("\"share\" is not a string");
-  const std::string share = share_value.asString();
-  if (share.empty()) return drop("\"share\" is empty");
-  if (HasNul(share)) return drop("\"share\" contains a NUL character");
+  // A monitor names a share, or a directory by its absolute path.
+  const bool by_path = m.isMember("path");
+  if (by_path && m.isMember("share")) {
+    return drop("both \"share\" and \"path\"; give one");
+  }
+  std::string share;
+  std::string given_path;
+  if (by_path) {
+    const Json::Value& path_value = m["path"];
+    if (!path_value.isString()) return drop("\"path\" is not a string");
+    given_path = path_value.asString();
+    if (HasNul(given_path)) {
+      return drop("\"path\" contains a NUL character");
+    }
+    if (given_path.empty() || given_path[0] != '/') {
+      return drop("\"path\" is not an absolute path");
+    }
+  } else {
+    if (!m.isMember("share")) return drop("no \"share\" or \"path\" member");
+    const Json::Value& share_value = m["share"];
+    if (!share_value.isString()) return drop("\"share\" is not a string");
+    share = share_value.asString();
+    if (share.empty()) return drop("\"share\" is empty");
+    if (HasNul(share)) return drop("\"share\" contains a NUL character");
+  }
 
   std::string dir = "/";
   if (m.isMember("dir")) {
@@ -117,18 +141,46 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
     if (!ParseEvents(m["events"], &events, &problem)) return drop(problem);
   }
 
-  std::string share_path;
-  if (!resolve(share, &share_path)) {
-    return drop("unknown share \"" + share + "\"");
+  std::vector<std::string> exclude;
+  if (m.isMember("exclude")) {
+    const Json::Value& v = m["exclude"];
+    if (!v.isArray()) return drop("\"exclude\" is not a list");
+    if (v.size() > kMaxExcludePatterns) {
+      return drop("\"exclude\" holds more than " +
+                  std::to_string(kMaxExcludePatterns) + " patterns");
+    }
+    for (Json::ArrayIndex i = 0; i < v.size(); ++i) {
+      if (!v[i].isString()) {
+        return drop("\"exclude\" list holds something other than a "
+                    "pattern");
+      }
+      std::string pattern = v[i].asString();
+      std::string problem;
+      if (!ValidExcludePattern(pattern, &problem)) return drop(problem);
+      exclude.push_back(std::move(pattern));
+    }
   }
+
+  std::string share_path;
   std::string normalized_share_path;
-  if (!NormalizeAbsolutePath(share_path, &normalized_share_path)) {
-    return drop("share \"" + share + "\" resolves to \"" + share_path +
-                "\", not a plain absolute path");
+  if (by_path) {
+    if (!NormalizeAbsolutePath(given_path, &normalized_share_path)) {
+      return drop("\"path\" \"" + given_path +
+                  "\" contains a \"..\" component");
+    }
+  } else {
+    if (!resolve(share, &share_path)) {
+      return drop("unknown share \"" + share + "\"");
+    }
+    if (!NormalizeAbsolutePath(share_path, &normalized_share_path)) {
+      return drop("share \"" + share + "\" resolves to \"" + share_path +
+                  "\", not a plain absolute path");
+    }
   }
 
   *out = MonitorQueue::MakeConfig(share, normalized_share_path, dir,
                                   recursive, events);
+  out->exclude = std::move(exclude);
   return true;
 }
 

@@ -40,6 +40,54 @@ TEST_F(MonitorQueueTest, FullExampleLoads) {
   EXPECT_EQ(b.events, QUEUE_EVENT_MODIFY | QUEUE_EVENT_CLOSE_WRITE);
 }
 
+TEST_F(MonitorQueueTest, ExcludePatternsAreKept) {
+  const MonitorQueue q = LoadText(R"({"queue": "/q", "monitors": [
+      {"share": "Public", "exclude": ["@eaDir", "*.part", "tmp/*"]},
+      {"share": "Public", "dir": "/a"}]})");
+  ASSERT_EQ(q.GetConfigs().size(), 2u);
+  EXPECT_EQ(q.GetConfigs()[0].exclude,
+            (std::vector<std::string>{"@eaDir", "*.part", "tmp/*"}));
+  EXPECT_TRUE(q.GetConfigs()[1].exclude.empty());
+}
+
+TEST_F(MonitorQueueTest, BadExcludeDropsTheMonitor) {
+  for (const char* bad : {R"("exclude": "*.part")", R"("exclude": [1])",
+                          R"("exclude": [""])", R"("exclude": ["/abs"])",
+                          R"("exclude": ["a/../b"])",
+                          R"("exclude": ["[abc"])"}) {
+    const MonitorQueue q = LoadText(
+        std::string(R"({"queue": "/q", "monitors": [{"share": "Public", )") +
+        bad + "}]}");
+    EXPECT_TRUE(q.GetConfigs().empty()) << bad;
+  }
+  std::string many = R"({"queue": "/q", "monitors": [{"share": "Public",
+      "exclude": [)";
+  for (int i = 0; i < 65; ++i) many += (i ? ",\"p" : "\"p") + std::to_string(i) + "\"";
+  EXPECT_TRUE(LoadText(many + "]}]}").GetConfigs().empty());
+}
+
+TEST_F(MonitorQueueTest, MonitorByPath) {
+  const MonitorQueue q = LoadText(R"({"queue": "/q", "monitors": [
+      {"path": "/srv//data/projects/", "dir": "/2024", "events": ["create"]},
+      {"path": "/vol1/Public"}]})");
+  ASSERT_EQ(q.GetConfigs().size(), 2u);
+  const Config& a = q.GetConfigs()[0];
+  EXPECT_EQ(a.share, "");
+  EXPECT_EQ(a.share_path, "/srv/data/projects");
+  EXPECT_EQ(a.directory, "/srv/data/projects/2024");
+  EXPECT_EQ(a.events, QUEUE_EVENT_CREATE);
+  EXPECT_EQ(q.GetConfigs()[1].directory, "/vol1/Public");
+
+  for (const char* bad :
+       {R"({"path": "relative/dir"})", R"({"path": ""})", R"({"path": 7})",
+        R"({"path": "/srv/../etc"})",
+        R"({"path": "/srv/data", "share": "Public"})", R"({"dir": "/x"})"}) {
+    const MonitorQueue none = LoadText(
+        std::string(R"({"queue": "/q", "monitors": [)") + bad + "]}");
+    EXPECT_TRUE(none.GetConfigs().empty()) << bad;
+  }
+}
+
 TEST_F(MonitorQueueTest, Defaults) {
   const MonitorQueue q =
       LoadText(R"({"queue": "/q", "monitors": [{"share": "Public"}]})");

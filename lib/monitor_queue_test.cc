@@ -81,6 +81,27 @@ TEST(MonitorQueueMatchTest, RecursiveDirectory) {
   EXPECT_FALSE(q.IsMonitoring("/x/vol1/media/photos/a.jpg", 2));
 }
 
+TEST(MonitorQueueMatchTest, ExcludedNamesAndWhatTheyHoldAreNotMonitored) {
+  MonitorQueue::MonitorQueueConfig noisy =
+      MonitorQueue::MakeConfig("x", "/vol1/media", "/", true, QUEUE_EVENT_ALL);
+  noisy.exclude = {"@eaDir", "*.part"};
+  MonitorQueue q("/q", {noisy});
+  EXPECT_TRUE(q.IsMonitoring("/vol1/media/a.jpg", 64));
+  EXPECT_TRUE(q.IsMonitoring("/vol1/media", 512)) << "its own directory";
+  EXPECT_FALSE(q.IsMonitoring("/vol1/media/@eaDir", 64));
+  EXPECT_FALSE(q.IsMonitoring("/vol1/media/2024/@eaDir/a.jpg/thumb", 64));
+  EXPECT_FALSE(q.IsMonitoring("/vol1/media/film.mkv.part", 8));
+  EXPECT_TRUE(q.IsMonitoring("/vol1/media/film.mkv", 8));
+
+  // Another monitor of the same queue without the pattern still takes it.
+  MonitorQueue::MonitorQueueConfig all =
+      MonitorQueue::MakeConfig("x", "/vol1/media", "/2024", true,
+                               QUEUE_EVENT_CREATE);
+  MonitorQueue both("/q", {noisy, all});
+  EXPECT_TRUE(both.IsMonitoring("/vol1/media/2024/@eaDir", 64));
+  EXPECT_FALSE(both.IsMonitoring("/vol1/media/2024/@eaDir", 128));
+}
+
 TEST(MonitorQueueMatchTest, NonRecursiveDirectory) {
   MonitorQueue q = OneMonitor("/vol1/media", "/photos", false);
   EXPECT_TRUE(q.IsMonitoring("/vol1/media/photos", 2));

@@ -105,12 +105,20 @@ int RunQueues(const Args& args) {
           if (!m.loaded) {
             mv["reason"] = m.reason;
           } else {
-            mv["share"] = m.config.share;
-            mv["share_path"] = m.config.share_path;
+            if (m.config.share.empty()) {
+              mv["path"] = m.config.share_path;
+            } else {
+              mv["share"] = m.config.share;
+              mv["share_path"] = m.config.share_path;
+            }
             mv["dir"] = m.config.dir;
             mv["directory"] = m.config.directory;
             mv["recursive"] = m.config.recursive;
             mv["events"] = m.config.events;
+            mv["exclude"] = Json::Value(Json::arrayValue);
+            for (const std::string& pattern : m.config.exclude) {
+              mv["exclude"].append(pattern);
+            }
           }
           v["monitors"].append(mv);
         }
@@ -151,11 +159,21 @@ int RunQueues(const Args& args) {
         continue;
       }
       const auto& c = m.config;
-      std::cout << "share \"" << c.share << "\" at " << c.share_path
-                << ", dir \"" << c.dir << "\", "
+      if (c.share.empty()) {
+        std::cout << "path " << c.share_path;
+      } else {
+        std::cout << "share \"" << c.share << "\" at " << c.share_path;
+      }
+      std::cout << ", dir \"" << c.dir << "\", "
                 << (c.recursive ? "recursive" : "not recursive")
                 << ", events " << c.events << " (" << EventNames(c.events)
                 << ")";
+      if (!c.exclude.empty()) {
+        std::cout << ", excluding";
+        for (const std::string& pattern : c.exclude) {
+          std::cout << " \"" << pattern << "\"";
+        }
+      }
       if (c.directory.empty()) {
         std::cout << ": matches nothing";
       } else {

@@ -85,12 +85,18 @@ class YULOTIFYD_EXPORT MonitorQueue {
  public:
   // One monitor of a queue.
   struct MonitorQueueConfig {
-    std::string share;       // share name as configured
-    std::string share_path;  // its absolute path, no trailing "/"
+    std::string share;       // share name as configured; "" for a monitor
+                             // given by "path"
+    std::string share_path;  // its absolute path, no trailing "/" (the
+                             // "path" of a monitor given by path)
     std::string dir;         // directory below the share root, "/" = root
     std::string directory;   // share_path joined with dir, normalised
     bool recursive = true;
     uint32_t events = QUEUE_EVENT_ALL;
+    // Shell globs of names left out (see lib/exclude_match.h): a pattern
+    // without "/" matches any component below `directory`, one with "/"
+    // the relative path; an excluded directory excludes what it holds.
+    std::vector<std::string> exclude;
   };
 
   // Maps a share name to its absolute path; false for an unknown share.
@@ -180,7 +186,10 @@ class YULOTIFYD_EXPORT MonitorQueue {
 
   // Whether some monitor of this queue has a share at or below `path`.
   bool IsDirMonitoring(const std::string& path) const;
-  // Whether this queue wants event code `mask` for `path`.
+  // Whether this queue wants event code `mask` for `path`: some monitor
+  // asks for the code, `path` is its directory or lies below it (directly
+  // below it for a monitor that is not recursive), and no exclude pattern
+  // of that monitor leaves it out.
   bool IsMonitoring(const std::string& path, const uint32_t& mask);
   // False when IsMonitoring is false for every path at or below `dir`,
   // whatever the code: no monitor's directory lies at, below or above it.
