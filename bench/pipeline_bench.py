@@ -285,19 +285,29 @@ def parse_queue_line(raw):
     return None, None
 
 
-def run_daemon(args, work):
-    result = Result("yulotifyd", args.count)
+# Exclude patterns of the kind a file server's indexer sets, none of which
+# matches a created name: every event is checked against all of them.
+NOISE_PATTERNS = ["@eaDir", ".DS_Store", "Thumbs.db", "~$*", "*.part",
+                  "*.swp", ".~lock.*", "desktop.ini", "*.tmp", "cache/*"]
+
+
+def run_daemon(args, work, exclude=0):
+    name = "yulotifyd" if exclude == 0 else "yulotifyd+%d excl" % exclude
+    result = Result(name, args.count)
     files = plan(args.count, args.dirs)
     expected = {"%s/%s/%s" % (SHARE, dir_name(d), n) for d, n in files}
-    app = harness.Appliance(work / "appliance", prefix=args.prefix)
+    app = harness.Appliance(work / ("appliance-%d" % exclude),
+                            prefix=args.prefix)
     dir_fds = []
     tail = None
     try:
         app.add_volume(1, VOLUME, size=VOLUME_SIZE)
         app.add_share("Public", SHARE)
         queue = app.queue_path("bench.queue")
-        app.add_queue("system", "bench.json", queue,
-                      [harness.monitor("Public", events=["create"])])
+        watched = harness.monitor("Public", events=["create"])
+        if exclude:
+            watched["exclude"] = (NOISE_PATTERNS * exclude)[:exclude]
+        app.add_queue("system", "bench.json", queue, [watched])
         # Other consumers' subscriptions, on shares of their own: they must
         # cost the watched share's events nothing.
         for i in range(1, args.queues):
@@ -441,7 +451,7 @@ def report(results, args):
           % ("peer", "events/s", "cpu us/line", "ratio", "idle RSS",
              "peak RSS", "last+s", "complete"))
     for r in results:
-        rescan = VOLUME if r.name == "yulotifyd" else None
+        rescan = VOLUME if r.name.startswith("yulotifyd") else None
         cost = r.cpu / max(r.delivered, 1)
         ratio = ("%8.2f" % (cost / base_cost)) if base_cost else "%8s" % "-"
         after = ("%8.2f" % (r.last_line - r.create_end)
@@ -452,6 +462,13 @@ def report(results, args):
     print()
     print("  cpu us/line: the watcher's CPU time (all threads) per delivered "
           "line; ratio: against %s;" % READER_NAME)
+    plain = next((r for r in results if r.name == "yulotifyd"), None)
+    for r in results:
+        if plain is not None and r is not plain and \
+                r.name.startswith("yulotifyd") and plain.cpu > 0:
+            print("  %s: %.2fx the CPU per line of the daemon without them"
+                  % (r.name, (r.cpu / max(r.delivered, 1))
+                     / (plain.cpu / max(plain.delivered, 1))))
     print("  last+s: seconds from the last creation to the last line")
     print()
     for r in results:
@@ -466,7 +483,7 @@ def report(results, args):
               "other lines %d"
               % (r.delivered, r.count, 100.0 * r.delivered / r.count,
                  r.duplicates, r.other_lines))
-        if r.name == "yulotifyd":
+        if r.name.startswith("yulotifyd"):
             print("  rescan lines: %s"
                   % (", ".join(r.rescans) if r.rescans else "none"))
             print("  kernel overflow logged: %s"
@@ -532,6 +549,10 @@ def main():
     parser.add_argument("--queues", type=int, default=1,
                         help="monitor queues of the daemon; all but one "
                              "watch other shares (default 1)")
+    parser.add_argument("--exclude", type=int, default=0,
+                        help="run the daemon a second time with this many "
+                             "exclude patterns on the watched monitor, none "
+                             "matching (default 0: once, without)")
     parser.add_argument("--only", choices=("daemon", "peers"),
                         help="run the daemon only, or the peers only")
     parser.add_argument("--reader", default=None,
@@ -548,6 +569,8 @@ def main():
     args = parser.parse_args()
     if args.count < 1 or args.dirs < 1:
         parser.error("--count and --dirs must be positive")
+    if args.exclude < 0:
+        parser.error("--exclude must be 0 or more")
 
     try:
         check_root_and_tools()
@@ -570,6 +593,10 @@ def main():
         if args.only != "peers":
             print("yulotifyd: %d creations ..." % args.count, flush=True)
             results.append(run_daemon(args, work))
+            if args.exclude:
+                print("yulotifyd with %d exclude patterns: %d creations ..."
+                      % (args.exclude, args.count), flush=True)
+                results.append(run_daemon(args, work, args.exclude))
         if args.only in (None, "peers"):
             print("%s: %d creations ..." % (READER_NAME, args.count), flush=True)
             results.append(run_peer(args, work, READER_NAME, reader_argv))
