@@ -366,6 +366,9 @@ size_t Publisher::PublishBatch(const std::vector<SpooledLine>& lines,
   while (acked < lines.size()) {
     const size_t count = std::min(window, lines.size() - acked);
     const size_t sent = SendGroup(lines, acked, count, &send_error);
+    // The library sends what it buffered a little later, to gather more;
+    // one message that waits for its acknowledgement gathers nothing.
+    if (window == 1 && sent > 0) natsConnection_FlushTimeout(nc_, timeout_ms);
     jsPubOptions po;
     jsPubOptions_Init(&po);
     po.MaxWait = timeout_ms;

@@ -105,6 +105,16 @@ bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
 bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
                      std::string* spool_dir, std::string* error) {
   if (!Spool::MakeDirs(dir, error)) return false;
+  // The user passes through `dir` to their own directory; nobody lists it.
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0) {
+    *error = "cannot stat " + dir + ": " + ErrnoText(errno);
+    return false;
+  }
+  if ((st.st_mode & 0111) != 0111 && chmod(dir.c_str(), (st.st_mode & 07777) | 0111) != 0) {
+    *error = "cannot chmod " + dir + ": " + ErrnoText(errno);
+    return false;
+  }
   const std::string mine = JoinPath(dir, who.name);
   if (mkdir(mine.c_str(), 0700) != 0 && errno != EEXIST) {
     *error = "cannot create " + mine + ": " + ErrnoText(errno);
@@ -113,7 +123,6 @@ bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
   const UniqueFd fd(RetryOnEintr([&] {
     return open(mine.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   }));
-  struct stat st;
   if (!fd.Valid() || fstat(fd.Get(), &st) != 0) {
     *error = "cannot open " + mine + ": " + ErrnoText(errno);
     return false;

@@ -52,8 +52,10 @@ struct RunAs {
 bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
                 std::string* error);
 
-// As root: makes `dir` and in it `who.name` (mode 0700, owned by `who`),
-// and sets `spool_dir` to the latter.
+// As root: makes `dir` (searchable by all, so that the user reaches their
+// own directory in it) and in it `who.name` (mode 0700, owned by `who`),
+// and sets `spool_dir` to the latter. A link in place of the latter is
+// refused.
 bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
                      std::string* spool_dir, std::string* error);
 

@@ -118,6 +118,9 @@ TEST_F(StartupTest, TheSpoolDirectoryBelongsToTheUser) {
   EXPECT_TRUE(S_ISDIR(st.st_mode));
   EXPECT_EQ(st.st_uid, who.uid);
   EXPECT_EQ(st.st_mode & 07777, 0700u);
+  ASSERT_EQ(stat((root_ + "/spool").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0111, 0111u);
+  EXPECT_EQ(st.st_mode & 0044, 0u);
   // A link planted in its place is not followed.
   fs::remove(dir);
   fs::create_directory_symlink(root_, dir);
