@@ -154,10 +154,18 @@ int TakeIdentity(Options* options) {
     return kExitUsage;
   }
   if (who.uid == 0) return -1;
-  if (!PrepareSpoolDir(options->spool_dir, who, &options->spool_dir, &error) ||
+  const std::string shared_dir = options->spool_dir;
+  bool moved = false;
+  if (!PrepareSpoolDir(shared_dir, options->queue_file, who,
+                       &options->spool_dir, &moved, &error) ||
       !SwitchUser(who, &error)) {
     ForwardLog("%s", error.c_str());
     return kExitFailed;
+  }
+  if (moved) {
+    ForwardLog("moved the spool of %s from %s to %s",
+               options->queue_file.c_str(), shared_dir.c_str(),
+               options->spool_dir.c_str());
   }
   ForwardLog("running as %s (%s)", who.name.c_str(), who.why.c_str());
   return -1;

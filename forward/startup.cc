@@ -102,8 +102,10 @@ bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
   return true;
 }
 
-bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
-                     std::string* spool_dir, std::string* error) {
+bool PrepareSpoolDir(const std::string& dir, const std::string& queue,
+                     const RunAs& who, std::string* spool_dir, bool* moved,
+                     std::string* error) {
+  *moved = false;
   if (!Spool::MakeDirs(dir, error)) return false;
   // The user passes through `dir` to their own directory; nobody lists it.
   struct stat st;
@@ -135,6 +137,31 @@ bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
   if ((st.st_mode & 07777) != 0700 && fchmod(fd.Get(), 0700) != 0) {
     *error = "cannot chmod " + mine + ": " + ErrnoText(errno);
     return false;
+  }
+  // The .spool file first: should the move stop half-way, the next start
+  // moves the .state file too.
+  const std::string name = Spool::NameFor(queue);
+  for (const char* suffix : {".spool", ".state"}) {
+    const std::string from = JoinPath(dir, name + suffix);
+    const std::string to = JoinPath(mine, name + suffix);
+    struct stat old_st;
+    if (lstat(from.c_str(), &old_st) != 0 || !S_ISREG(old_st.st_mode)) continue;
+    if (lstat(to.c_str(), &st) == 0) {
+      *error = "both " + from + " and " + to + " exist: move one of them away";
+      return false;
+    }
+    if (rename(from.c_str(), to.c_str()) != 0) {
+      *error = "cannot move " + from + " to " + mine + ": " + ErrnoText(errno);
+      return false;
+    }
+    const UniqueFd file(RetryOnEintr([&] {
+      return open(to.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    }));
+    if (!file.Valid() || fchown(file.Get(), who.uid, who.gid) != 0) {
+      *error = "cannot give " + to + " to " + who.name + ": " + ErrnoText(errno);
+      return false;
+    }
+    *moved = true;
   }
   *spool_dir = mine;
   return true;

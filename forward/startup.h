@@ -55,9 +55,12 @@ bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
 // As root: makes `dir` (searchable by all, so that the user reaches their
 // own directory in it) and in it `who.name` (mode 0700, owned by `who`),
 // and sets `spool_dir` to the latter. A link in place of the latter is
-// refused.
-bool PrepareSpoolDir(const std::string& dir, const RunAs& who,
-                     std::string* spool_dir, std::string* error);
+// refused. A spool of `queue` left in `dir` itself by a forwarder that ran
+// as root is moved into the user's directory and given to them (`moved`
+// says so), so that its lines still go; false when both places hold one.
+bool PrepareSpoolDir(const std::string& dir, const std::string& queue,
+                     const RunAs& who, std::string* spool_dir, bool* moved,
+                     std::string* error);
 
 // Becomes `who` for good: supplementary groups, group, user. False, and
 // the process must stop, when any step fails or root could be regained.

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/testing/temp_dir.h"
+#include "forward/spool.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -111,7 +112,11 @@ TEST_F(StartupTest, TheSpoolDirectoryBelongsToTheUser) {
   who.gid = geteuid() == 0 ? 65534 : getegid();
   who.name = "someone";
   std::string dir, error;
-  ASSERT_TRUE(PrepareSpoolDir(root_ + "/spool", who, &dir, &error)) << error;
+  bool moved = true;
+  ASSERT_TRUE(PrepareSpoolDir(root_ + "/spool", "/srv/q", who, &dir, &moved,
+                              &error))
+      << error;
+  EXPECT_FALSE(moved);
   EXPECT_EQ(dir, root_ + "/spool/someone");
   struct stat st;
   ASSERT_EQ(stat(dir.c_str(), &st), 0);
@@ -124,7 +129,36 @@ TEST_F(StartupTest, TheSpoolDirectoryBelongsToTheUser) {
   // A link planted in its place is not followed.
   fs::remove(dir);
   fs::create_directory_symlink(root_, dir);
-  EXPECT_FALSE(PrepareSpoolDir(root_ + "/spool", who, &dir, &error));
+  EXPECT_FALSE(PrepareSpoolDir(root_ + "/spool", "/srv/q", who, &dir, &moved,
+                               &error));
+}
+
+TEST_F(StartupTest, ASpoolLeftByARootForwarderMovesToTheUser) {
+  RunAs who;
+  who.uid = Owner();
+  who.gid = geteuid() == 0 ? 65534 : getegid();
+  who.name = "someone";
+  const std::string top = root_ + "/spool";
+  const std::string name = Spool::NameFor("/srv/q");
+  fs::create_directories(top);
+  std::ofstream(top + "/" + name + ".spool") << "a\nb\n";
+  std::ofstream(top + "/" + name + ".state") << "{}\n";
+  std::ofstream(top + "/" + Spool::NameFor("/srv/other") + ".spool") << "x\n";
+  std::string dir, error;
+  bool moved = false;
+  ASSERT_TRUE(PrepareSpoolDir(top, "/srv/q", who, &dir, &moved, &error)) << error;
+  EXPECT_TRUE(moved);
+  for (const char* suffix : {".spool", ".state"}) {
+    EXPECT_FALSE(fs::exists(top + "/" + name + suffix));
+    struct stat st;
+    ASSERT_EQ(stat((dir + "/" + name + suffix).c_str(), &st), 0) << suffix;
+    EXPECT_EQ(st.st_uid, who.uid);
+  }
+  EXPECT_TRUE(fs::exists(top + "/" + Spool::NameFor("/srv/other") + ".spool"));
+  // Both places holding one: refused rather than choosing.
+  std::ofstream(top + "/" + name + ".spool") << "c\n";
+  EXPECT_FALSE(PrepareSpoolDir(top, "/srv/q", who, &dir, &moved, &error));
+  EXPECT_NE(error.find("move one of them away"), std::string::npos) << error;
 }
 
 }  // namespace
