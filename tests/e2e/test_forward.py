@@ -419,6 +419,8 @@ def test_killed_while_emptying_the_spool_the_restart_reuses_no_id(
     # rename counts the forwarder's own state saves (one at the start, one
     # per acknowledgement, one after the cut); ftruncate is counted on the
     # spool file alone.
+    if shutil.which("strace") is None:
+        pytest.fail("strace is not installed (apt-get install strace)")
     strace = ["strace", "-f", "-qq", "-o", "/dev/null",
               "-e", "trace=" + syscall,
               "-e", "inject=%s:signal=KILL:when=%d" % (syscall, when)]
