@@ -48,7 +48,9 @@ struct RunAs {
 };
 
 // The user to run as for `queue` (see above); `user` is the configured one
-// or empty. False when `user` is unknown or the owner has no account.
+// or empty. False when `user` is unknown, the owner has no account, or
+// (with no `user`) the queue file's directory is writable by its group or
+// others, who could then choose the queue file's owner or plant a link.
 bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
                 std::string* error);
 

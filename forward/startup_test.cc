@@ -88,6 +88,21 @@ TEST_F(StartupTest, RunsAsTheConfiguredUserOrTheOwnerOfTheQueuesDirectory) {
   EXPECT_EQ(who.why, "owner of " + dir);
 }
 
+TEST_F(StartupTest, ADirectoryOthersCanWriteNeedsTheUserNamed) {
+  const std::string dir = root_ + "/shared";
+  fs::create_directories(dir);
+  RunAs who;
+  std::string error;
+  for (const mode_t mode : {0775, 0757, 01777}) {
+    ASSERT_EQ(chmod(dir.c_str(), mode), 0);
+    EXPECT_FALSE(ChooseUser(dir + "/q", "", &who, &error)) << mode;
+    EXPECT_NE(error.find("writable by others than its owner"), std::string::npos)
+        << error;
+    ASSERT_TRUE(ChooseUser(dir + "/q", "root", &who, &error)) << error;
+    EXPECT_EQ(who.uid, 0u);
+  }
+}
+
 TEST_F(StartupTest, InARootDirectoryTheQueueFilesOwnerCounts) {
   RunAs who;
   std::string error;
