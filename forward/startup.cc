@@ -87,14 +87,16 @@ bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
   uid_t owner = 0;
   // Where others than the owner may put files, none of them owns the path:
   // any of them could put a link there for whoever the forwarder becomes.
-  if (lstat(dir.c_str(), &st) == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+  // The directory itself, through a link if its path ends in one.
+  const bool dir_seen = stat(dir.c_str(), &st) == 0;
+  if (dir_seen && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     *error = dir + ", the directory of the queue file, is writable by others "
              "than its owner, who could put anything in place of the queue "
              "file: name the user to run as (user=), or keep the queue file "
              "in a directory only its owner can change";
     return false;
   }
-  if (lstat(dir.c_str(), &st) == 0 && st.st_uid != 0) {
+  if (dir_seen && st.st_uid != 0) {
     owner = st.st_uid;
     out->why = "owner of " + dir;
   } else if (lstat(queue.c_str(), &st) == 0 && st.st_uid != 0) {

@@ -101,6 +101,11 @@ TEST_F(StartupTest, ADirectoryOthersCanWriteNeedsTheUserNamed) {
     ASSERT_TRUE(ChooseUser(dir + "/q", "root", &who, &error)) << error;
     EXPECT_EQ(who.uid, 0u);
   }
+  // A link to a directory counts as that directory (a link's own mode bits
+  // are all set).
+  ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+  fs::create_directory_symlink(dir, root_ + "/link");
+  EXPECT_TRUE(ChooseUser(root_ + "/link/q", "", &who, &error)) << error;
 }
 
 TEST_F(StartupTest, InARootDirectoryTheQueueFilesOwnerCounts) {
