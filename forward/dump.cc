@@ -11,7 +11,11 @@
 
 #include <string>
 
+#include "forward/redact.h"
+
 namespace {
+
+using YULO::YULOTIFYD::FORWARD::WithoutUserInfo;
 
 const char kHelp[] =
     "usage: yulotify-forward-dump --server URL --stream NAME [--count]\n"
@@ -32,7 +36,8 @@ const char* Header(natsMsg* msg, const char* key) {
 int Dump(const std::string& server, const std::string& stream, bool count) {
   natsConnection* nc = nullptr;
   if (natsConnection_ConnectTo(&nc, server.c_str()) != NATS_OK) {
-    fprintf(stderr, "yulotify-forward-dump: cannot connect to %s\n", server.c_str());
+    fprintf(stderr, "yulotify-forward-dump: cannot connect to %s\n",
+            WithoutUserInfo(server).c_str());
     return 3;
   }
   jsCtx* js = nullptr;

@@ -6,10 +6,15 @@
 // only makes the spool grow, up to its bound; the daemon's queue file keeps
 // being emptied until then.
 //
+// Started as root for a queue file that is not root's, it first becomes
+// the queue's owner (startup.h).
+//
 // Exit status: 0 stopped by SIGTERM or SIGINT, 1 a local failure (the spool
-// cannot be opened, bad server options), 2 usage error, 3 the server refused
-// to create the stream.
+// cannot be opened, bad server options, the queue's directory is not
+// there), 2 usage or configuration error, 3 the server refused to create
+// the stream.
 #include <errno.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -28,6 +33,7 @@
 #include "forward/options.h"
 #include "forward/publisher.h"
 #include "forward/spool.h"
+#include "forward/startup.h"
 #include "yulotifyd/queue_consumer.h"
 
 namespace {
@@ -51,7 +57,8 @@ constexpr int64_t kMaxBackoffMs = 5000;
 const char kHelp[] =
     "usage: yulotify-forward --server URL[,URL...] --subject SUBJECT\n"
     "                        [--stream NAME] [--spool DIR] [--spool-max SIZE]\n"
-    "                        [--interval MS] [--config FILE] QUEUE_FILE\n"
+    "                        [--interval MS] [--user NAME] [--hidden-dirs DIRS]\n"
+    "                        [--config FILE] QUEUE_FILE\n"
     "\n"
     "Takes the lines of a yulotifyd queue file and publishes them, in order,\n"
     "to NATS JetStream on SUBJECT. A line leaves the queue file only once it\n"
@@ -69,14 +76,23 @@ const char kHelp[] =
     "  --spool-max SIZE       stop taking lines while the spool holds this much\n"
     "                         (bytes, or with K, M, G; default 1G)\n"
     "  --interval MS          how often the queue file is looked at (default 1000)\n"
+    "  --user NAME            started as root, run as NAME (default: the owner\n"
+    "                         of the queue file's directory, or of the queue\n"
+    "                         file when the directory is root's); the spool is\n"
+    "                         then SPOOL/NAME\n"
+    "  --hidden-dirs DIR,...  directories this forwarder cannot see: a queue\n"
+    "                         file under one is refused\n"
     "  --config FILE          key=value lines: server, subject, stream, spool,\n"
-    "                         spool-max, interval, queue; the command line wins\n"
+    "                         spool-max, interval, queue, user, hidden-dirs; the\n"
+    "                         command line wins. Must not be readable or\n"
+    "                         writable by others.\n"
     "\n"
     "Stops on SIGTERM or SIGINT, after waiting up to 5 s for the\n"
     "acknowledgements of what it has sent.\n"
     "\n"
     "Exit status: 0 stopped by a signal, 1 local failure (spool, options of\n"
-    "the connection), 2 usage error, 3 the server refused to create the stream.\n";
+    "the connection, the queue file's directory not there), 2 usage or\n"
+    "configuration error, 3 the server refused to create the stream.\n";
 
 int64_t NowMs() {
   struct timespec ts;
@@ -108,6 +124,53 @@ std::string HostName() {
   return buf;
 }
 
+// Checks where the queue file is and, started as root, becomes the user
+// the queue is forwarded as. Returns an exit status, or -1 to go on.
+int TakeIdentity(Options* options) {
+  std::string error;
+  switch (CheckQueuePlace(options->queue_file, options->hidden_dirs, &error)) {
+    case PlaceCheck::kOk:
+      break;
+    case PlaceCheck::kHidden:
+      ForwardLog("%s", error.c_str());
+      return kExitUsage;
+    case PlaceCheck::kNotFound:
+      ForwardLog("%s", error.c_str());
+      return kExitFailed;
+  }
+  if (geteuid() != 0) {
+    const struct passwd* pw = getpwuid(geteuid());
+    if (!options->user.empty() &&
+        (pw == nullptr || options->user != pw->pw_name)) {
+      ForwardLog("cannot run as %s: only root can change user",
+                 options->user.c_str());
+      return kExitUsage;
+    }
+    return -1;
+  }
+  RunAs who;
+  if (!ChooseUser(options->queue_file, options->user, &who, &error)) {
+    ForwardLog("%s", error.c_str());
+    return kExitUsage;
+  }
+  if (who.uid == 0) return -1;
+  const std::string shared_dir = options->spool_dir;
+  bool moved = false;
+  if (!PrepareSpoolDir(shared_dir, options->queue_file, who,
+                       &options->spool_dir, &moved, &error) ||
+      !SwitchUser(who, &error)) {
+    ForwardLog("%s", error.c_str());
+    return kExitFailed;
+  }
+  if (moved) {
+    ForwardLog("moved the spool of %s from %s to %s",
+               options->queue_file.c_str(), shared_dir.c_str(),
+               options->spool_dir.c_str());
+  }
+  ForwardLog("running as %s (%s)", who.name.c_str(), who.why.c_str());
+  return -1;
+}
+
 int Run(const Options& options, const sigset_t& stop_set) {
   Spool spool;
   std::string error;
@@ -137,6 +200,7 @@ int Run(const Options& options, const sigset_t& stop_set) {
   bool spool_full = false;
   bool queue_failing = false;
   bool publish_failing = false;
+  bool state_failing = false;
   int64_t backoff_ms = 0;
   int64_t next_publish_ms = 0;
   std::vector<SpooledLine> batch;
@@ -187,10 +251,16 @@ int Run(const Options& options, const sigset_t& stop_set) {
           return kExitFailed;
         }
         const size_t acked = publisher->PublishBatch(batch, kAckTimeoutMs, &error);
-        if (acked > 0 && !spool.Acknowledge(batch[acked - 1].seq, &error)) {
+        std::string why;
+        if (acked > 0 && !spool.Acknowledge(batch[acked - 1].seq, &why)) {
           // The lines were stored; they would only be sent again (and
-          // de-duplicated) after a restart.
-          ForwardLog("%s", error.c_str());
+          // de-duplicated) after a restart. The spool takes no new lines
+          // until its state is saved.
+          if (!state_failing) ForwardLog("%s", why.c_str());
+          state_failing = true;
+        } else if (acked > 0 && state_failing) {
+          ForwardLog("spool state saved again");
+          state_failing = false;
         }
         ok = acked == batch.size();
       }
@@ -241,7 +311,8 @@ int main(int argc, char** argv) {
   sigaddset(&stop_set, SIGINT);
   sigprocmask(SIG_BLOCK, &stop_set, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  const int status = Run(options, stop_set);
+  int status = TakeIdentity(&options);
+  if (status < 0) status = Run(options, stop_set);
   nats_Close();
   return status;
 }

@@ -1,11 +1,19 @@
 #include "forward/options.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <limits>
 #include <map>
 
+#include "base/errno_text.h"
 #include "base/file_io.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -16,6 +24,21 @@ namespace {
 // A configuration file holds a few options; anything larger is a mistake.
 constexpr size_t kMaxConfigBytes = 64 * 1024;
 
+// "/a/b", not "a/b" nor "/a/../b": a path whose meaning does not depend on
+// where ".." leads.
+bool IsPlainAbsolute(const std::string& path) {
+  if (path.empty() || path[0] != '/') return false;
+  size_t pos = 0;
+  while (pos < path.size()) {
+    size_t end = path.find('/', pos);
+    if (end == std::string::npos) end = path.size();
+    if (path.compare(pos, end - pos, "..") == 0) return false;
+    pos = end + 1;
+  }
+  return true;
+}
+
+// Splits at commas, dropping empty parts.
 std::vector<std::string> SplitServers(const std::string& text) {
   std::vector<std::string> out;
   size_t pos = 0;
@@ -85,11 +108,26 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
   } else if (key == "queue") {
-    if (value.empty() || value[0] != '/') {
-      *error = "the queue file must be an absolute path";
+    if (!IsPlainAbsolute(value)) {
+      *error = "the queue file must be an absolute path without \"..\"";
       return false;
     }
     o->queue_file = value;
+  } else if (key == "user") {
+    if (value.empty() || value.find_first_of(" \t/:") != std::string::npos) {
+      *error = "user wants a user name";
+      return false;
+    }
+    o->user = value;
+  } else if (key == "hidden-dirs") {
+    o->hidden_dirs.clear();
+    for (const std::string& dir : SplitServers(value)) {
+      if (!IsPlainAbsolute(dir)) {
+        *error = "hidden-dirs wants absolute directories without \"..\"";
+        return false;
+      }
+      o->hidden_dirs.push_back(NormalisePath(dir));
+    }
   } else {
     *error = "unknown option " + key;
     return false;
@@ -97,15 +135,43 @@ bool SetOption(const std::string& key, const std::string& value,
   return true;
 }
 
+// Reads a configuration file, which may hold the server's password: it
+// must be a regular file that only its owner (root, or the user running
+// the forwarder) can change and that others cannot read.
 bool ReadFile(const std::string& path, std::string* out, std::string* error) {
-  const int err = ReadWholeFile(path, kMaxConfigBytes, out);
+  const UniqueFd fd(RetryOnEintr([&] {
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  }));
+  if (!fd.Valid()) {
+    *error = "cannot open " + path + ": " + ErrnoText(errno);
+    return false;
+  }
+  struct stat st;
+  if (fstat(fd.Get(), &st) != 0) {
+    *error = "cannot stat " + path + ": " + ErrnoText(errno);
+    return false;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    *error = path + " is not a regular file";
+    return false;
+  }
+  if ((st.st_mode & (S_IROTH | S_IWOTH | S_IWGRP)) != 0) {
+    char mode[8];
+    snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    *error = path + " is readable or writable by others (mode " + mode +
+             "); it may hold the server's password: chmod 600 it (or 640)";
+    return false;
+  }
+  if (st.st_uid != 0 && st.st_uid != geteuid()) {
+    *error = path + " belongs to user " + std::to_string(st.st_uid) +
+             ", neither root nor the user running the forwarder";
+    return false;
+  }
+  const int err = ReadToEnd(fd.Get(), kMaxConfigBytes, out);
   if (err == EFBIG) {
     *error = path + " is too large for a configuration file";
   } else if (err != 0) {
-    // Opening fails for a missing or forbidden file; reading fails for a
-    // directory (or a failing disk).
-    *error = (err == EISDIR || err == EIO ? "cannot read " : "cannot open ") +
-             path;
+    *error = "cannot read " + path + ": " + ErrnoText(err);
   }
   return err == 0;
 }
@@ -113,18 +179,19 @@ bool ReadFile(const std::string& path, std::string* out, std::string* error) {
 }  // namespace
 
 bool ParseSize(const std::string& text, uint64_t* bytes) {
-  if (text.empty()) return false;
-  size_t digits = text.find_first_not_of("0123456789");
-  if (digits == 0 || digits == std::string::npos) digits = text.size();
-  if (digits > 15) return false;
-  uint64_t v = std::strtoull(text.substr(0, digits).c_str(), nullptr, 10);
-  const std::string unit = text.substr(digits);
-  if (unit == "K" || unit == "k") v <<= 10;
-  else if (unit == "M") v <<= 20;
-  else if (unit == "G") v <<= 30;
+  const size_t digits = text.find_first_not_of("0123456789");
+  const size_t count = digits == std::string::npos ? text.size() : digits;
+  if (count == 0 || count > 20) return false;
+  const std::string unit = text.substr(count);
+  unsigned shift = 0;
+  if (unit == "K" || unit == "k") shift = 10;
+  else if (unit == "M") shift = 20;
+  else if (unit == "G") shift = 30;
   else if (!unit.empty()) return false;
-  if (v == 0) return false;
-  *bytes = v;
+  errno = 0;
+  const uint64_t v = std::strtoull(text.substr(0, count).c_str(), nullptr, 10);
+  if (errno == ERANGE || v == 0 || v > (std::numeric_limits<uint64_t>::max() >> shift)) return false;
+  *bytes = v << shift;
   return true;
 }
 

@@ -3,7 +3,9 @@
 // Every option can be given on the command line or, with --config FILE, as
 // "key=value" lines of a file (the unit's /etc/yulotifyd/forward/NAME.conf).
 // The command line wins over the file. Blank lines and lines starting with
-// '#' are ignored.
+// '#' are ignored. The file may hold the server's password: it is refused
+// unless it is a regular file owned by root or the user running the
+// forwarder, not readable by others and writable by nobody else.
 //
 // Thread-safety: plain functions on caller-owned values; no shared state.
 #ifndef YULOTIFYD_FORWARD_OPTIONS_H_
@@ -30,6 +32,11 @@ struct Options {
   uint64_t spool_max_bytes = kDefaultSpoolMaxBytes;
   int interval_ms = kDefaultIntervalMs;
   std::string queue_file;
+  // Run as this user (started as root); empty: as the queue's owner.
+  std::string user;
+  // Directories this process cannot see (its unit hides them): a queue
+  // file under one is refused.
+  std::vector<std::string> hidden_dirs;
   bool help = false;
 };
 
@@ -40,13 +47,13 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error);
 
 // Applies the "key=value" lines of `text` (keys: server, subject, stream,
-// spool, spool-max, interval, queue) to `options`. `origin` names the file
+// spool, spool-max, interval, queue, user, hidden-dirs) to `options`. `origin` names the file
 // in error messages.
 bool ApplyConfigText(const std::string& text, const std::string& origin,
                      Options* options, std::string* error);
 
 // "1048576", "64K", "100M", "1G" (binary units). False when not a positive
-// size.
+// size that fits in 64 bits, or anything but digits and one unit.
 bool ParseSize(const std::string& text, uint64_t* bytes);
 
 }  // namespace FORWARD

@@ -1,12 +1,16 @@
 #include "forward/options.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "base/testing/temp_dir.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -119,6 +123,102 @@ TEST(OptionsTest, Sizes) {
   EXPECT_FALSE(ParseSize("0", &v));
   EXPECT_FALSE(ParseSize("G", &v));
   EXPECT_FALSE(ParseSize("12T", &v));
+}
+
+TEST(OptionsTest, SizesThatOverflowOrAreNotSizesAreRefused) {
+  uint64_t v = 7;
+  EXPECT_TRUE(ParseSize("17179869183G", &v));  // the largest that fits
+  EXPECT_EQ(v, uint64_t{17179869183} << 30);
+  for (const char* bad :
+       {"17179869184G", "18014398509481984K", "18446744073709551616",
+        "99999999999999999999", "9999999999999999999G", "-1", "+1", " 1",
+        "1 ", "1.5G", "0x10", "1GB", "1g1", "00"}) {
+    v = 7;
+    EXPECT_FALSE(ParseSize(bad, &v)) << bad;
+    EXPECT_EQ(v, 7u) << bad;
+  }
+  EXPECT_TRUE(ParseSize("18446744073709551615", &v));
+  EXPECT_EQ(v, UINT64_MAX);
+  Options o;
+  std::string error;
+  EXPECT_FALSE(Parse({"--server", "nats://a", "--subject", "s", "--spool-max",
+                      "17179869184G", "/q"},
+                     &o, &error));
+  EXPECT_NE(error.find("spool-max"), std::string::npos) << error;
+}
+
+TEST(OptionsTest, UserAndHiddenDirectories) {
+  Options o;
+  std::string error;
+  ASSERT_TRUE(Parse({"--server", "nats://a", "--subject", "s", "--user", "idx",
+                     "--hidden-dirs", "/tmp/,/var/tmp,/home", "/q"},
+                    &o, &error))
+      << error;
+  EXPECT_EQ(o.user, "idx");
+  EXPECT_EQ(o.hidden_dirs, (std::vector<std::string>{"/tmp", "/var/tmp", "/home"}));
+  for (const std::vector<const char*>& bad : std::vector<std::vector<const char*>>{
+           {"--user", "", "/q"},
+           {"--user", "a/b", "/q"},
+           {"--hidden-dirs", "tmp", "/q"},
+           {"--hidden-dirs", "/var/../tmp", "/q"},
+           {"/srv/../tmp/q"},
+           {"/srv/q/.."}}) {
+    std::vector<const char*> args = {"--server", "nats://a", "--subject", "s"};
+    args.insert(args.end(), bad.begin(), bad.end());
+    Options p;
+    EXPECT_FALSE(Parse(args, &p, &error)) << bad.back();
+  }
+}
+
+class ConfigFileTest : public ::testing::Test {
+ protected:
+  std::string Write(mode_t mode) {
+    const std::string path = scratch_.path() + "/f.conf";
+    {
+      std::ofstream out(path, std::ios::trunc);
+      out << "server=nats://u:secret@a:4222\nsubject=s\nqueue=/q\n";
+    }
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return path;
+  }
+  testing::TempDir scratch_{"forward_options"};
+};
+
+TEST_F(ConfigFileTest, OnlyItsOwnerMayReadOrChangeIt) {
+  for (const mode_t ok : {0600, 0400, 0640}) {
+    Options o;
+    std::string error;
+    const std::string path = Write(ok);
+    EXPECT_TRUE(Parse({"--config", path.c_str()}, &o, &error)) << ok << " " << error;
+  }
+  for (const mode_t bad : {0644, 0604, 0602, 0620, 0666}) {
+    Options o;
+    std::string error;
+    const std::string path = Write(bad);
+    EXPECT_FALSE(Parse({"--config", path.c_str()}, &o, &error)) << bad;
+    EXPECT_NE(error.find("readable or writable by others"), std::string::npos)
+        << error;
+    EXPECT_NE(error.find(path), std::string::npos) << error;
+    EXPECT_EQ(error.find("secret"), std::string::npos) << error;
+  }
+}
+
+TEST_F(ConfigFileTest, AFileOfAnotherUserOrNotAFileIsRefused) {
+  Options o;
+  std::string error;
+  EXPECT_FALSE(Parse({"--config", scratch_.path().c_str()}, &o, &error));
+  EXPECT_NE(error.find("not a regular file"), std::string::npos) << error;
+  EXPECT_FALSE(Parse({"--config", "/nonexistent/f.conf"}, &o, &error));
+  EXPECT_NE(error.find("cannot open /nonexistent/f.conf"), std::string::npos) << error;
+  const std::string path = Write(0600);
+  // Only root can give a file away; as anyone else the file stays ours
+  // and is taken.
+  const bool given = geteuid() == 0 && chown(path.c_str(), 65534, 65534) == 0;
+  EXPECT_EQ(Parse({"--config", path.c_str()}, &o, &error), !given) << error;
+  if (given) {
+    EXPECT_NE(error.find("neither root nor the user running"), std::string::npos)
+        << error;
+  }
 }
 
 }  // namespace

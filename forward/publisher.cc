@@ -2,12 +2,16 @@
 
 #include <stdio.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 
 #include "forward/log.h"
+#include "forward/oversize.h"
+#include "forward/redact.h"
 #include "yulotifyd/json_util.h"
+#include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -16,8 +20,20 @@ namespace FORWARD {
 namespace {
 
 constexpr const char kMsgIdHeader[] = "Nats-Msg-Id";
+constexpr const char kExpectedLastIdHeader[] = "Nats-Expected-Last-Msg-Id";
+constexpr const char kHostHeader[] = "Yulotifyd-Host";
+constexpr const char kEventHeader[] = "Yulotifyd-Event";
 
 std::string StatusText(natsStatus s) { return natsStatus_GetText(s); }
+
+// The library's last error text, which may quote a server URL.
+std::string LastError() { return WithoutUserInfo(nats_GetLastError(nullptr)); }
+
+std::string ConnectedUrl(natsConnection* nc) {
+  char url[256] = "";
+  natsConnection_GetConnectedUrl(nc, url, sizeof(url));
+  return WithoutUserInfo(url);
+}
 
 }  // namespace
 
@@ -60,9 +76,7 @@ void Publisher::OnDisconnected(natsConnection*, void* closure) {
 void Publisher::OnReconnected(natsConnection* nc, void* closure) {
   auto* self = static_cast<Publisher*>(closure);
   if (!self->connected_.exchange(true)) {
-    char url[256] = "";
-    natsConnection_GetConnectedUrl(nc, url, sizeof(url));
-    ForwardLog("connected to %s", url);
+    ForwardLog("connected to %s", ConnectedUrl(nc).c_str());
   }
 }
 
@@ -89,9 +103,19 @@ void Publisher::OnAck(jsCtx*, natsMsg* msg, jsPubAck* pa, jsPubAckErr* pae,
         self->batch_status_[i] = 1;
       } else {
         self->batch_status_[i] = -1;
+        // The first refusal is the one that matters: in a stream of our
+        // own the ones after it only follow from it.
         if (self->batch_error_.empty() && pae != nullptr) {
           self->batch_error_ =
               pae->ErrText != nullptr ? pae->ErrText : StatusText(pae->Err);
+        }
+        if (pae != nullptr && pae->ErrCode != 0) self->batch_refused_ = true;
+        // Too large after all (the stream's limit changed, or counts what
+        // we do not): no message that large is tried again.
+        if (pae != nullptr && pae->ErrCode == JSStreamMessageExceedsMaximumErr &&
+            self->batch_bytes_[i] > 1 &&
+            (self->refused_size_ == 0 || self->batch_bytes_[i] <= self->refused_size_)) {
+          self->refused_size_ = self->batch_bytes_[i] - 1;
         }
       }
     }
@@ -117,15 +141,13 @@ bool Publisher::Start(const Config& config, std::string* error) {
   if (s == NATS_OK) s = natsOptions_SetClosedCB(opts_, OnClosed, this);
   if (s == NATS_OK) s = natsOptions_SetTimeout(opts_, 2000);
   if (s != NATS_OK) {
-    *error = "bad server options: " + StatusText(s) + " " + nats_GetLastError(nullptr);
+    *error = "bad server options: " + StatusText(s) + " " + LastError();
     return false;
   }
   s = natsConnection_Connect(&nc_, opts_);
   if (s == NATS_OK) {
     connected_.store(true);
-    char url[256] = "";
-    natsConnection_GetConnectedUrl(nc_, url, sizeof(url));
-    ForwardLog("connected to %s", url);
+    ForwardLog("connected to %s", ConnectedUrl(nc_).c_str());
   } else if (s == NATS_NOT_YET_CONNECTED) {
     ForwardLog("server not reachable yet; lines wait in the spool");
   } else {
@@ -146,43 +168,177 @@ bool Publisher::Start(const Config& config, std::string* error) {
   return true;
 }
 
+bool Publisher::FindStream(std::string* name, std::string* error) {
+  Json::Value request(Json::objectValue);
+  request["subject"] = config_.subject;
+  natsMsg* reply = nullptr;
+  const natsStatus s = natsConnection_RequestString(
+      &reply, nc_, "$JS.API.STREAM.NAMES", toString(request).c_str(), 2000);
+  if (s != NATS_OK) {
+    *error = "cannot look up the stream of " + config_.subject + ": " +
+             StatusText(s);
+    return false;
+  }
+  Json::Value answer;
+  const std::string text(natsMsg_GetData(reply),
+                         static_cast<size_t>(natsMsg_GetDataLength(reply)));
+  natsMsg_Destroy(reply);
+  if (!fromString(text, answer) || !answer.isObject() ||
+      answer.isMember("error")) {
+    *error = "cannot look up the stream of " + config_.subject;
+    return false;
+  }
+  name->clear();
+  const Json::Value& streams = answer["streams"];
+  if (streams.isArray() && !streams.empty() && streams[0].isString()) {
+    *name = streams[0].asString();
+  }
+  return true;
+}
+
 Publisher::StreamResult Publisher::EnsureStream(std::string* error) {
-  if (config_.stream.empty() || stream_ready_) return StreamResult::kReady;
+  if (stream_ready_) return StreamResult::kReady;
   if (!connected()) {
     *error = "not connected";
     return StreamResult::kRetry;
   }
+  std::string name = config_.stream;
+  if (name.empty()) {
+    if (!FindStream(&name, error)) {
+      // Perhaps not allowed to list streams: publish all the same, one
+      // message at a time, which keeps the order in any stream.
+      own_stream_ = false;
+      stream_max_msg_ = 0;
+      stream_ready_ = true;
+      return StreamResult::kReady;
+    }
+    if (name.empty()) {
+      *error = "no stream takes subject " + config_.subject;
+      return StreamResult::kRetry;
+    }
+  }
   jsStreamInfo* si = nullptr;
   jsErrCode jerr = static_cast<jsErrCode>(0);
-  natsStatus s = js_GetStreamInfo(&si, js_, config_.stream.c_str(), nullptr, &jerr);
-  if (s == NATS_OK) {
-    jsStreamInfo_Destroy(si);
-    stream_ready_ = true;
-    return StreamResult::kReady;
-  }
-  if (s != NATS_NOT_FOUND) {
-    *error = "cannot look up stream " + config_.stream + ": " + StatusText(s);
-    return StreamResult::kRetry;
-  }
-  jsStreamConfig cfg;
-  jsStreamConfig_Init(&cfg);
-  const char* subjects[] = {config_.subject.c_str()};
-  cfg.Name = config_.stream.c_str();
-  cfg.Subjects = subjects;
-  cfg.SubjectsLen = 1;
-  cfg.Storage = js_FileStorage;
-  s = js_AddStream(&si, js_, &cfg, nullptr, &jerr);
-  if (s == NATS_OK) {
-    jsStreamInfo_Destroy(si);
+  natsStatus s = js_GetStreamInfo(&si, js_, name.c_str(), nullptr, &jerr);
+  if (s == NATS_NOT_FOUND && !config_.stream.empty()) {
+    jsStreamConfig cfg;
+    jsStreamConfig_Init(&cfg);
+    const char* subjects[] = {config_.subject.c_str()};
+    cfg.Name = config_.stream.c_str();
+    cfg.Subjects = subjects;
+    cfg.SubjectsLen = 1;
+    cfg.Storage = js_FileStorage;
+    s = js_AddStream(&si, js_, &cfg, nullptr, &jerr);
+    if (s != NATS_OK) {
+      *error = "cannot create stream " + config_.stream + ": " + StatusText(s) +
+               " (" + LastError() + ")";
+      // A server that answered and refused will refuse again.
+      return jerr != 0 ? StreamResult::kFailed : StreamResult::kRetry;
+    }
     ForwardLog("created stream %s for subject %s", config_.stream.c_str(),
                config_.subject.c_str());
-    stream_ready_ = true;
-    return StreamResult::kReady;
+  } else if (s != NATS_OK) {
+    *error = "cannot look up stream " + name + ": " + StatusText(s);
+    return StreamResult::kRetry;
   }
-  *error = "cannot create stream " + config_.stream + ": " + StatusText(s) +
-           " (" + nats_GetLastError(nullptr) + ")";
-  // A server that answered and refused will refuse again.
-  return jerr != 0 ? StreamResult::kFailed : StreamResult::kRetry;
+  const jsStreamConfig* cfg = si->Config;
+  own_stream_ = cfg != nullptr && cfg->SubjectsLen == 1 &&
+                cfg->Subjects[0] != nullptr &&
+                config_.subject == cfg->Subjects[0];
+  stream_max_msg_ = cfg != nullptr && cfg->MaxMsgSize > 0 ? cfg->MaxMsgSize : 0;
+  jsStreamInfo_Destroy(si);
+  stream_ready_ = true;
+  return StreamResult::kReady;
+}
+
+int64_t Publisher::LearnedLimit() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return static_cast<int64_t>(refused_size_);
+}
+
+size_t Publisher::MessageBytes(
+    size_t payload_bytes,
+    const std::vector<std::pair<std::string, std::string>>& headers) {
+  // "NATS/1.0\r\n", then "Key: Value\r\n" each, then "\r\n".
+  size_t bytes = payload_bytes + 10 + 2;
+  for (const auto& h : headers) bytes += h.first.size() + 2 + h.second.size() + 2;
+  return bytes;
+}
+
+size_t Publisher::SendGroup(const std::vector<SpooledLine>& lines,
+                            size_t first, size_t count, std::string* error) {
+  int64_t limit = natsConnection_GetMaxPayload(nc_);
+  for (const int64_t other : {stream_max_msg_, LearnedLimit()}) {
+    if (other > 0 && (limit <= 0 || other < limit)) limit = other;
+  }
+  size_t sent = 0;
+  for (size_t i = first; i < first + count; ++i) {
+    const SpooledLine& line = lines[i];
+    const std::string id = config_.id_prefix + std::to_string(line.seq);
+    std::vector<std::pair<std::string, std::string>> headers = {
+        {kMsgIdHeader, id},
+        {kHostHeader, config_.host},
+        {kEventHeader, EventOf(line.text)},
+    };
+    // Each message of a batch but the first names the one before it, so
+    // that nothing is stored after a message the server refused.
+    if (own_stream_ && !last_sent_id_.empty()) {
+      headers.emplace_back(kExpectedLastIdHeader, last_sent_id_);
+    }
+    const std::string* payload = &line.text;
+    std::string rescan;
+    if (limit > 0 &&
+        MessageBytes(line.text.size(), headers) > static_cast<size_t>(limit)) {
+      headers[2].second = std::to_string(QUEUE_EVENT_RESCAN);
+      const size_t overhead = MessageBytes(0, headers);
+      const bool fits = overhead < static_cast<size_t>(limit) &&
+                        RescanLineFor(line.text, limit - overhead, &rescan);
+      const bool log = line.seq >= oversize_logged_end_;
+      if (log) oversize_logged_end_ = line.seq + 1;
+      if (!fits) {
+        // Nothing of it can ever go; waiting would stop the queue for good.
+        if (log) {
+          ForwardLog("line %llu of the spool (%zu bytes) cannot be published: "
+                     "the server takes messages of at most %lld bytes, too few "
+                     "even for a rescan line; dropped",
+                     static_cast<unsigned long long>(line.seq),
+                     line.text.size(), static_cast<long long>(limit));
+        }
+        std::lock_guard<std::mutex> lock(mu_);
+        batch_status_[i] = 1;
+        ++sent;
+        continue;
+      }
+      if (log) {
+        ForwardLog("line %llu of the spool (%zu bytes) is larger than the "
+                   "server takes (%lld bytes a message): published a rescan "
+                   "line in its place",
+                   static_cast<unsigned long long>(line.seq), line.text.size(),
+                   static_cast<long long>(limit));
+      }
+      payload = &rescan;
+    }
+    natsMsg* msg = nullptr;
+    natsStatus s = natsMsg_Create(&msg, config_.subject.c_str(), nullptr,
+                                  payload->data(),
+                                  static_cast<int>(payload->size()));
+    for (const auto& h : headers) {
+      if (s == NATS_OK) s = natsMsgHeader_Set(msg, h.first.c_str(), h.second.c_str());
+    }
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      batch_bytes_[i] = MessageBytes(payload->size(), headers);
+    }
+    if (s == NATS_OK) s = js_PublishMsgAsync(js_, &msg, nullptr);
+    natsMsg_Destroy(msg);  // NULL when the library took it
+    if (s != NATS_OK) {
+      *error = "publish failed: " + StatusText(s);
+      break;
+    }
+    last_sent_id_ = id;
+    ++sent;
+  }
+  return sent;
 }
 
 size_t Publisher::PublishBatch(const std::vector<SpooledLine>& lines,
@@ -196,46 +352,52 @@ size_t Publisher::PublishBatch(const std::vector<SpooledLine>& lines,
     std::lock_guard<std::mutex> lock(mu_);
     batch_first_seq_ = lines.front().seq;
     batch_status_.assign(lines.size(), 0);
+    batch_bytes_.assign(lines.size(), 0);
     batch_error_.clear();
+    batch_refused_ = false;
   }
-  size_t sent = 0;
-  natsStatus s = NATS_OK;
-  for (const SpooledLine& line : lines) {
-    natsMsg* msg = nullptr;
-    s = natsMsg_Create(&msg, config_.subject.c_str(), nullptr, line.text.data(),
-                       static_cast<int>(line.text.size()));
-    const std::string id = config_.id_prefix + std::to_string(line.seq);
-    const std::string event = EventOf(line.text);
-    if (s == NATS_OK) s = natsMsgHeader_Set(msg, kMsgIdHeader, id.c_str());
-    if (s == NATS_OK) s = natsMsgHeader_Set(msg, "Yulotifyd-Host", config_.host.c_str());
-    if (s == NATS_OK) s = natsMsgHeader_Set(msg, "Yulotifyd-Event", event.c_str());
-    if (s == NATS_OK) s = js_PublishMsgAsync(js_, &msg, nullptr);
-    natsMsg_Destroy(msg);  // NULL when the library took it
-    if (s != NATS_OK) break;
-    ++sent;
-  }
-  jsPubOptions po;
-  jsPubOptions_Init(&po);
-  po.MaxWait = timeout_ms;
-  const natsStatus done = js_PublishAsyncComplete(js_, &po);
-  if (done != NATS_OK) {
-    // Forget what is still outstanding: it is sent again under the same
-    // ids, and a late acknowledgement must not count for the next batch.
-    natsMsgList pending;
-    if (js_PublishAsyncGetPendingList(&pending, js_) == NATS_OK) {
-      natsMsgList_Destroy(&pending);
+  last_sent_id_.clear();
+  // In a stream of our own the whole batch is in flight at once; in a
+  // shared one, one message at a time (see the header).
+  const size_t window = own_stream_ ? lines.size() : 1;
+  size_t acked = 0;
+  std::string send_error;
+  natsStatus done = NATS_OK;
+  while (acked < lines.size()) {
+    const size_t count = std::min(window, lines.size() - acked);
+    const size_t sent = SendGroup(lines, acked, count, &send_error);
+    // The library sends what it buffered a little later, to gather more;
+    // one message that waits for its acknowledgement gathers nothing.
+    if (window == 1 && sent > 0) natsConnection_FlushTimeout(nc_, timeout_ms);
+    jsPubOptions po;
+    jsPubOptions_Init(&po);
+    po.MaxWait = timeout_ms;
+    done = js_PublishAsyncComplete(js_, &po);
+    if (done != NATS_OK) {
+      // Forget what is still outstanding: it is sent again under the same
+      // ids, and a late acknowledgement must not count for the next batch.
+      natsMsgList pending;
+      if (js_PublishAsyncGetPendingList(&pending, js_) == NATS_OK) {
+        natsMsgList_Destroy(&pending);
+      }
     }
+    std::lock_guard<std::mutex> lock(mu_);
+    const size_t end = acked + sent;
+    while (acked < end && batch_status_[acked] == 1) ++acked;
+    if (acked < end || sent < count || done != NATS_OK) break;
   }
   std::lock_guard<std::mutex> lock(mu_);
-  size_t acked = 0;
-  while (acked < sent && batch_status_[acked] == 1) ++acked;
   if (acked < lines.size()) {
     if (!batch_error_.empty()) *error = batch_error_;
-    else if (s != NATS_OK) *error = "publish failed: " + StatusText(s);
+    else if (!send_error.empty()) *error = send_error;
     else if (done != NATS_OK) *error = "no acknowledgement: " + StatusText(done);
     else *error = "not acknowledged";
   }
+  // A refusal may come from a stream whose configuration changed (its
+  // maximum message size, its subjects): look again before the next batch.
+  if (batch_refused_) stream_ready_ = false;
   batch_status_.clear();
+  batch_bytes_.clear();
   return acked;
 }
 

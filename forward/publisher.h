@@ -7,6 +7,20 @@
 // Until it is connected nothing is published: the lines wait in the spool,
 // not in the library's buffers.
 //
+// Order. The stream keeps the order of the spool even when the server
+// refuses one message and would store the next: in a stream of its own
+// (whose only subject is ours), every message of a batch after the first
+// carries Nats-Expected-Last-Msg-Id, the id of the line before it, so that
+// after a refusal the server refuses the rest of the batch too, and the
+// batch is sent again from the refused line. In a stream shared with other
+// subjects that header cannot work (other publishers' messages come in
+// between), so there each message waits for the acknowledgement of the one
+// before it: slower, but in order.
+//
+// Size. A line whose message the server can never take (larger than its
+// maximum payload or the stream's maximum message size) is published as a
+// rescan line in its place (see oversize.h), logged once.
+//
 // Thread-safety: one thread calls the methods; the library's callbacks only
 // touch the acknowledgement table and the closed flag under the mutex and
 // the connection-state flags, which are atomic. The destructor waits (up to
@@ -21,6 +35,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "forward/spool.h"
@@ -52,15 +67,26 @@ class Publisher {
 
   enum class StreamResult { kReady, kRetry, kFailed };
   // With a stream name: makes sure the stream exists, creating it (file
-  // storage, our subject) when it does not. Done once per process.
+  // storage, our subject) when it does not. Without one: looks up the
+  // stream that takes our subject. Either way learns the stream's maximum
+  // message size and whether the subject is the stream's only one. Done
+  // once, and again after the server refused a message.
   StreamResult EnsureStream(std::string* error);
 
   // Publishes `lines` in order and waits up to `timeout_ms` for their
   // acknowledgements. Returns how many lines from the first one on were all
   // acknowledged (stored, or recognized as duplicates); `error` says why
-  // not all were.
+  // not all were. A line too large for the server counts as acknowledged
+  // once its rescan line is; one for which not even a rescan line fits
+  // counts as done, with a log line.
   size_t PublishBatch(const std::vector<SpooledLine>& lines,
                       int64_t timeout_ms, std::string* error);
+
+  // Bytes a message takes against the server's size limits: its payload
+  // and its headers as the protocol encodes them.
+  static size_t MessageBytes(
+      size_t payload_bytes,
+      const std::vector<std::pair<std::string, std::string>>& headers);
 
   // The "event" number of a queue line as text; "" when the line is not a
   // JSON object with a numeric "event".
@@ -74,12 +100,29 @@ class Publisher {
   static void OnClosed(natsConnection* nc, void* closure);
   static int64_t ReconnectDelay(natsConnection* nc, int attempts,
                                 void* closure);
+  // The name of the stream that takes our subject; "" when none does.
+  bool FindStream(std::string* name, std::string* error);
+  // The largest message size not refused yet; 0 when none was refused.
+  int64_t LearnedLimit();
+  // Publishes lines[first, first + count) without waiting; returns how many
+  // went out.
+  size_t SendGroup(const std::vector<SpooledLine>& lines, size_t first,
+                   size_t count, std::string* error);
 
   Config config_;
   natsOptions* opts_ = nullptr;
   natsConnection* nc_ = nullptr;
   jsCtx* js_ = nullptr;
   bool stream_ready_ = false;
+  // From the stream's configuration: its maximum message size (0 for
+  // none), and whether our subject is its only one.
+  int64_t stream_max_msg_ = 0;
+  bool own_stream_ = false;
+  // The id of the last message published in the current batch.
+  std::string last_sent_id_;
+  // The highest spool sequence number whose oversize was logged, plus one:
+  // a line sent again after a failure is not logged twice.
+  uint64_t oversize_logged_end_ = 0;
   std::atomic<bool> connected_{false};
   std::atomic<bool> closing_{false};  // our own Close: not worth a log line
 
@@ -87,6 +130,13 @@ class Publisher {
   uint64_t batch_first_seq_ = 0;
   std::vector<int8_t> batch_status_;  // 0 waiting, 1 acknowledged, -1 failed
   std::string batch_error_;
+  // A refusal for the size of a message (JetStream error 10054): the
+  // stream's limit is then looked up again.
+  bool batch_refused_ = false;
+  // The bytes of each message of the batch as sent, and the largest size
+  // not yet refused for its size (0: no refusal seen).
+  std::vector<size_t> batch_bytes_;
+  size_t refused_size_ = 0;
   bool closed_ = false;  // the closed callback has run
   std::condition_variable closed_cv_;
 };

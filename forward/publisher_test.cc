@@ -16,6 +16,13 @@ TEST(PublisherTest, EventHeaderIsTheLinesEventNumber) {
   EXPECT_EQ(Publisher::EventOf("[64]"), "");
 }
 
+TEST(PublisherTest, MessageSizeCountsTheHeadersAsTheProtocolEncodesThem) {
+  // "NATS/1.0\r\n" "Nats-Msg-Id: h:1\r\n" "\r\n" and 5 bytes of payload.
+  EXPECT_EQ(Publisher::MessageBytes(5, {{"Nats-Msg-Id", "h:1"}}),
+            10u + 11 + 2 + 3 + 2 + 2 + 5);
+  EXPECT_EQ(Publisher::MessageBytes(0, {}), 12u);
+}
+
 }  // namespace
 }  // namespace FORWARD
 }  // namespace YULOTIFYD

@@ -28,18 +28,6 @@ std::string Errno(const std::string& what, int err) {
   return what + ": " + ErrnoText(err);
 }
 
-bool MakeDirs(const std::string& dir, std::string* error) {
-  for (size_t pos = 1; pos <= dir.size(); ++pos) {
-    if (pos != dir.size() && dir[pos] != '/') continue;
-    const std::string part = dir.substr(0, pos);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = Errno("cannot create " + part, errno);
-      return false;
-    }
-  }
-  return true;
-}
-
 bool FsyncDir(const std::string& dir) {
   const UniqueFd fd(RetryOnEintr([&] {
     return open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -71,6 +59,18 @@ bool ReadAt(int fd, uint64_t offset, size_t size, std::string* out) {
 }
 
 }  // namespace
+
+bool Spool::MakeDirs(const std::string& dir, std::string* error) {
+  for (size_t pos = 1; pos <= dir.size(); ++pos) {
+    if (pos != dir.size() && dir[pos] != '/') continue;
+    const std::string part = dir.substr(0, pos);
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+      *error = Errno("cannot create " + part, errno);
+      return false;
+    }
+  }
+  return true;
+}
 
 std::string Spool::NameFor(const std::string& queue_path) {
   uint64_t hash = 1469598103934665603ull;  // FNV-1a
@@ -164,11 +164,16 @@ bool Spool::Open(const std::string& dir, const std::string& queue_path,
     size_ = complete_end;
   }
   Rewind();
-  return SaveState(error);
+  if (!SaveState(error)) return false;
+  // Everything acknowledged but the file not cut yet: a compaction that
+  // was stopped before its cut.
+  if (size_ > 0 && acked_offset_ == size_) return Compact(error);
+  return true;
 }
 
 bool Spool::Append(const std::vector<std::string>& lines, std::string* error) {
   if (lines.empty()) return true;
+  if (!SaveIfPending(error)) return false;
   std::string text;
   for (const std::string& line : lines) {
     text += line;
@@ -248,21 +253,33 @@ bool Spool::Acknowledge(uint64_t seq, std::string* error) {
   acked_seq_ = seq + 1;
   handed_ends_.erase(handed_ends_.begin(),
                      handed_ends_.begin() + static_cast<long>(count));
-  if (acked_offset_ == size_ && handed_ends_.empty()) {
-    // Everything is acknowledged: cut the file first, then save offset 0
-    // (see the header for why this order is safe).
-    // A failed cut leaves the file as it was; the next full
-    // acknowledgement tries again.
-    if (ftruncate(fd_.Get(), 0) == 0) {
-      size_ = 0;
-      acked_offset_ = 0;
-      read_offset_ = 0;
-    }
-  }
+  // The new position is on disk before the file may be cut: whatever
+  // happens next, a restart numbers new lines from acked_seq_ on.
+  if (!SaveState(error)) return false;
+  if (acked_offset_ == size_ && handed_ends_.empty()) return Compact(error);
+  return true;
+}
+
+bool Spool::Compact(std::string* error) {
+  // A failed cut leaves the file as it was and the saved state true to it;
+  // the next full acknowledgement (or the next Open) tries again.
+  if (ftruncate(fd_.Get(), 0) != 0) return true;
+  size_ = 0;
+  acked_offset_ = 0;
+  read_offset_ = 0;
+  // Until this second save succeeds the saved offset lies past the end of
+  // the file, which Open reads as offset 0; Append refuses meanwhile, so
+  // that the file cannot grow back under that stale offset.
   return SaveState(error);
 }
 
+bool Spool::SaveIfPending(std::string* error) {
+  return !state_pending_ || SaveState(error);
+}
+
 bool Spool::SaveState(std::string* error) {
+  // Cleared only once the new state is on disk.
+  state_pending_ = true;
   Json::Value state(Json::objectValue);
   state["epoch"] = Json::UInt64(epoch_);
   state["acked_offset"] = Json::UInt64(acked_offset_);
@@ -294,6 +311,7 @@ bool Spool::SaveState(std::string* error) {
     *error = Errno("cannot fsync " + dir_, errno);
     return false;
   }
+  state_pending_ = false;
   return true;
 }
 

@@ -16,9 +16,17 @@
 // reuse the message ids of an earlier one.
 //
 // When every line is acknowledged, the spool file is emptied (compacted):
-// it is cut first and the state written next, and nothing is appended in
-// between, so a state whose offset lies past the end of the file can only
-// mean a compaction that was interrupted, and is read as offset 0.
+// the state is saved with the new position first (offset at the end of the
+// file, the next sequence number), the file is cut next, and the state is
+// saved again with offset 0. Nothing is appended before that second save
+// has succeeded, so a state whose offset lies past the end of the file can
+// only mean a compaction that was interrupted after its cut, and is read as
+// offset 0; the sequence number saved first is already the new one, so a
+// restart at any point never gives a new line the number (and so the
+// message id) of a line already sent.
+//
+// A state that cannot be saved stops Append until a save succeeds: the
+// lines then stay in the queue file.
 //
 // Thread-safety: a Spool is used by one thread at a time. One process per
 // queue file: the spool file is flock()ed while open.
@@ -50,6 +58,9 @@ class Spool {
   // unique per path.
   static std::string NameFor(const std::string& queue_path);
 
+  // Creates `dir` and its missing parents (mode 0700).
+  static bool MakeDirs(const std::string& dir, std::string* error);
+
   // Opens (creating if needed) the spool of `queue_path` in `dir`, which is
   // created too. False with `error` when it cannot, or another process has
   // it open.
@@ -57,7 +68,8 @@ class Spool {
             std::string* error);
 
   // Appends `lines` and fsyncs. False (and the spool as before, as far as
-  // its readers can tell) when the write or the fsync fails.
+  // its readers can tell) when the write or the fsync fails, or when the
+  // state could not be saved since it last changed and still cannot.
   bool Append(const std::vector<std::string>& lines, std::string* error);
 
   // Up to `max_lines` lines from the first unacknowledged one (and at most
@@ -72,8 +84,13 @@ class Spool {
 
   // Every line up to and including `seq` is acknowledged; the position is
   // saved before this returns, and the spool is compacted when nothing is
-  // left.
+  // left. False when the state could not be saved (Append then refuses
+  // until a save succeeds).
   bool Acknowledge(uint64_t seq, std::string* error);
+
+  // Saves the state if an earlier save failed. False while it still fails.
+  bool SaveIfPending(std::string* error);
+  bool state_pending() const { return state_pending_; }
 
   uint64_t size_bytes() const { return size_; }
   uint64_t unacked_bytes() const { return size_ - acked_offset_; }
@@ -84,6 +101,8 @@ class Spool {
 
  private:
   bool SaveState(std::string* error);
+  // Cuts the file once every line in it is acknowledged and saved.
+  bool Compact(std::string* error);
 
   UniqueFd fd_;
   std::string dir_;
@@ -94,6 +113,8 @@ class Spool {
   uint64_t acked_offset_ = 0;
   uint64_t acked_seq_ = 0;
   uint64_t next_seq_ = 0;
+  // The state in memory differs from the one on disk (a save failed).
+  bool state_pending_ = false;
   // Where ReadNext goes on, and the number of the line there.
   uint64_t read_offset_ = 0;
   uint64_t read_seq_ = 0;

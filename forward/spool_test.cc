@@ -153,28 +153,91 @@ TEST_F(SpoolTest, NumbersGoOnAfterCompactionAndRestart) {
   EXPECT_EQ(all[0].text, "c");
 }
 
-TEST_F(SpoolTest, InterruptedCompactionIsFinishedOnOpen) {
+// The two moments a compaction can be cut short at (a crash after the
+// state moved forward, or after the cut), rebuilt on disk: either way the
+// next line gets a number no line had before.
+TEST_F(SpoolTest, CompactionStoppedAtAnyPointNeverReusesANumber) {
+  for (const bool cut : {false, true}) {
+    SCOPED_TRACE(cut ? "stopped after the cut" : "stopped before the cut");
+    testing::TempDir scratch("spool");
+    const std::string dir = scratch.path() + "/spool";
+    std::string error;
+    std::string spool_path, state_path;
+    uint64_t epoch;
+    {
+      Spool s;
+      ASSERT_TRUE(s.Open(dir, queue_, &error)) << error;
+      ASSERT_TRUE(s.Append({"a", "b", "c"}, &error));
+      spool_path = s.spool_path();
+      state_path = dir + "/" + Spool::NameFor(queue_) + ".state";
+      epoch = s.epoch();
+    }
+    // What the first save of the compaction of a, b, c leaves: offset at
+    // the end, next number 3.
+    std::ofstream(state_path, std::ios::trunc)
+        << "{\"acked_offset\":6,\"acked_seq\":3,\"epoch\":" << epoch << "}\n";
+    if (cut) fs::resize_file(spool_path, 0);
+    Spool s;
+    ASSERT_TRUE(s.Open(dir, queue_, &error)) << error;
+    EXPECT_TRUE(All(&s).empty());
+    EXPECT_EQ(s.size_bytes(), 0u);  // the compaction is finished
+    ASSERT_TRUE(s.Append({"d"}, &error));
+    const auto all = All(&s);
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].text, "d");
+    EXPECT_EQ(all[0].seq, 3u);
+    EXPECT_EQ(s.epoch(), epoch);
+  }
+}
+
+TEST_F(SpoolTest, TheNewPositionIsSavedBeforeTheFileIsCut) {
+  Spool s;
   std::string error;
-  std::string path;
+  ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
+  ASSERT_TRUE(s.Append({"a", "b"}, &error));
+  std::vector<SpooledLine> batch;
+  ASSERT_TRUE(s.ReadNext(10, 1 << 20, &batch, &error));
+  // The state cannot be replaced (its temporary file is taken by a
+  // directory): the file must not be cut, since the saved state would
+  // still number the next line 0.
+  const std::string tmp = dir_ + "/" + Spool::NameFor(queue_) + ".state.tmp";
+  ASSERT_TRUE(fs::create_directory(tmp));
+  EXPECT_FALSE(s.Acknowledge(1, &error));
+  EXPECT_NE(error.find("cannot"), std::string::npos) << error;
+  EXPECT_EQ(Read(s.spool_path()), "a\nb\n");
+  EXPECT_TRUE(s.state_pending());
+}
+
+TEST_F(SpoolTest, AStateThatCannotBeSavedStopsTakingLinesUntilItCan) {
+  std::string error;
+  const std::string tmp = dir_ + "/" + Spool::NameFor(queue_) + ".state.tmp";
   {
     Spool s;
-    ASSERT_TRUE(s.Open(dir_, queue_, &error));
+    ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
     ASSERT_TRUE(s.Append({"a", "b", "c"}, &error));
     std::vector<SpooledLine> batch;
     ASSERT_TRUE(s.ReadNext(2, 1 << 20, &batch, &error));
-    ASSERT_TRUE(s.Acknowledge(1, &error));  // offset 4, seq 2
-    path = s.spool_path();
+    ASSERT_TRUE(fs::create_directory(tmp));
+    EXPECT_FALSE(s.Acknowledge(1, &error));
+    // Refused, and nothing of it written.
+    EXPECT_FALSE(s.Append({"d"}, &error));
+    EXPECT_NE(error.find("cannot"), std::string::npos) << error;
+    EXPECT_EQ(Read(s.spool_path()), "a\nb\nc\n");
+    EXPECT_EQ(s.next_seq(), 3u);
+    // Once the state can be saved again, lines are taken again.
+    ASSERT_TRUE(fs::remove(tmp));
+    ASSERT_TRUE(s.Append({"d"}, &error)) << error;
+    EXPECT_FALSE(s.state_pending());
   }
-  // As if "c" had been acknowledged, the file cut, and the state not yet
-  // written: it still says offset 4, past the end.
-  fs::resize_file(path, 0);
+  // The position saved on the way is the acknowledged one.
   Spool s;
   ASSERT_TRUE(s.Open(dir_, queue_, &error)) << error;
-  EXPECT_TRUE(All(&s).empty());
-  ASSERT_TRUE(s.Append({"d"}, &error));
   const auto all = All(&s);
-  ASSERT_EQ(all.size(), 1u);
-  EXPECT_EQ(all[0].text, "d");
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].seq, 2u);
+  EXPECT_EQ(all[0].text, "c");
+  EXPECT_EQ(all[1].seq, 3u);
+  EXPECT_EQ(all[1].text, "d");
 }
 
 TEST_F(SpoolTest, SecondOpenOfTheSameSpoolIsRefused) {
