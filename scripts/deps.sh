@@ -10,7 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   python3 python3-pytest
   util-linux procps inotify-tools
-  git rsync tar linux-perf
+  git rsync tar linux-perf strace
   systemd
   nats-server libnats-dev
 )
