@@ -13,7 +13,8 @@ sys.path.insert(0, str(HERE))
 sys.path.insert(0, str(HERE.parent / "e2e"))
 
 import container  # noqa: E402
-from harness import CONF_ROOT, RUN_STATUS_PATH  # noqa: E402
+from harness import (CONF_ROOT, RUN_STATUS_PATH, end_all,  # noqa: E402
+                     machine_problems)
 
 # The packages a system runs: the daemon with its libraries, and the
 # forwarder. The development package has nothing to run.
@@ -31,13 +32,9 @@ def pytest_addoption(parser):
 def debs(pytestconfig):
     """The .deb files under test, by package name; fails every test clearly
     when the machine cannot run them."""
-    problems = []
-    if os.geteuid() != 0:
-        problems.append("the system tests must run as root (they boot "
-                        "systemd in new namespaces)")
-    for tool in ("unshare", "nsenter", "pivot_root", "setpriv"):
-        if shutil.which(tool) is None:
-            problems.append("%s (util-linux) is not installed" % tool)
+    problems = machine_problems("they boot systemd in new namespaces",
+                                ("unshare", "nsenter", "pivot_root",
+                                 "setpriv"))
     if not Path("/lib/systemd/systemd").exists():
         problems.append("systemd is not installed")
     if shutil.which("nats-server") is None:
@@ -77,14 +74,7 @@ def make_container(tmp_path_factory):
         return box
 
     yield factory
-    errors = []
-    for box in made:
-        try:
-            box.close()
-        except Exception as e:  # keep cleaning the others
-            errors.append(e)
-    if errors:
-        raise errors[0]
+    end_all(made, container.Container.close)
 
 
 def install(box, debs):

@@ -85,15 +85,15 @@ class Container:
             log.close()
         self.pid = wait_for(self._init_pid, 10, "the container's PID 1")
         wait_for(lambda: self._comm(self.pid) == "systemd" or
-                   self.unshare.poll() is not None, 10, "systemd to start")
+                 self.unshare.poll() is not None, 10, "systemd to start")
         if self.unshare.poll() is not None:
             raise ContainerError("the container did not boot:\n" +
                                  self.log_path.read_text(errors="replace"))
         self.mnt_fd = os.open("/proc/%d/ns/mnt" % self.pid, os.O_RDONLY |
                               os.O_CLOEXEC)
         wait_for(lambda: Path("/proc/%d/root/run/systemd/private" %
-                                self.pid).exists(), timeout,
-                   "systemd's private socket")
+                              self.pid).exists(), timeout,
+                 "systemd's private socket")
         state = self.run(["systemctl", "is-system-running", "--wait"],
                          check=False, timeout=timeout).stdout.strip()
         if state not in ("running", "degraded"):
@@ -153,7 +153,7 @@ class Container:
                             reverse=True) + [self.cgroup]
             for group in groups:
                 wait_for(lambda: self._rmdir(group), 10,
-                           "cgroup %s to empty" % group)
+                         "cgroup %s to empty" % group)
 
     @staticmethod
     def _rmdir(path):
