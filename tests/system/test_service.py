@@ -6,6 +6,7 @@ the last one powers the container off.
 """
 
 import json
+import shutil
 
 import pytest
 
@@ -51,13 +52,14 @@ ExecStart=/bin/true
 ExecStop=/bin/sh -c 'sleep 0.5; for i in 1 2 3; do echo x > %s/at-stop-$i; done'
 """ % (VOLUME, SHARE)
 
+# (The container's / is the host's: the host's nats-server.)
 NATS_UNIT = """\
 [Unit]
 Description=test NATS server with JetStream
 
 [Service]
-ExecStart=/usr/sbin/nats-server -js -a 127.0.0.1 -p 4222 -sd /var/lib/test-nats
-"""
+ExecStart=%s -js -a 127.0.0.1 -p 4222 -sd /var/lib/test-nats
+""" % shutil.which("nats-server")
 
 
 def show(box, prop, unit="yulotifyd.service"):
