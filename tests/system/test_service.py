@@ -6,6 +6,7 @@ the last one powers the container off.
 """
 
 import json
+import pwd
 import shutil
 
 import pytest
@@ -167,6 +168,10 @@ def test_group_member_uses_the_daemon_an_outsider_is_refused(box):
                                       "as root or as a member of group "
                                       "yulotifyd")
     assert outsider.stdout == ""
+    # The users exist in the container only.
+    for name in ("alice", "bob"):
+        with pytest.raises(KeyError):
+            pwd.getpwnam(name)
 
 
 def test_user_subscription_writes_with_the_users_rights(box):
