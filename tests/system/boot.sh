@@ -88,7 +88,7 @@ for unit in \
   rm -rf "${etc:?}/$unit"
   ln -s /dev/null "$etc/$unit"
 done
-# The container s own small target: the basic system and nothing else.
+# A small target for the container: the basic system and nothing else.
 cat >"$etc/$target" <<UNIT
 [Unit]
 Description=throw-away test container
