@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds yulotifyd three ways (plain, ASan+UBSan,
 # TSan) and runs every test: the unit tests of each build, the Debian
-# packages (scripts/package.sh), and the
+# packages (scripts/package.sh) and the same packages under a real systemd
+# in a throw-away container (tests/system), and the
 # end-to-end tests against the installed plain build (and the pipeline ones
 # against the TSan build). Run as root: the tests
 # mount file systems in private mount namespaces and use fanotify. Last, a
@@ -23,6 +24,11 @@ bash scripts/build.sh "$out/plain" "$out/plain-install" -DCMAKE_BUILD_TYPE=RelWi
 # tests not labelled "root" as user nobody), linted, installed and purged.
 echo "== Debian packages"
 bash scripts/package.sh "$out/package"
+
+# Those packages installed and run by a real systemd, booted as PID 1 of a
+# throw-away container (tests/system/README.md); nothing outside it changes.
+echo "== system tests: the packages under systemd"
+YULOTIFYD_PACKAGE_DIR="$out/package" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/system"
 
 echo "== end-to-end tests"
 YULOTIFYD_PREFIX="$out/plain-install" /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/e2e"

@@ -1,7 +1,5 @@
 """pytest wiring of the end-to-end harness (see harness.py and README.md)."""
 
-import os
-import shutil
 import sys
 from pathlib import Path
 
@@ -27,13 +25,9 @@ def pytest_addoption(parser):
 def yulotifyd_prefix(pytestconfig) -> Path:
     """The install prefix under test; fails every test clearly if there is
     no usable installation or the machine cannot run the harness."""
-    problems = []
-    if os.geteuid() != 0:
-        problems.append("the end-to-end tests must run as root "
-                        "(they create mount namespaces)")
-    for tool in ("unshare", "nsenter", "mount", "setpriv"):
-        if shutil.which(tool) is None:
-            problems.append("%s (util-linux) is not installed" % tool)
+    problems = harness.machine_problems(
+        "they create mount namespaces",
+        ("unshare", "nsenter", "mount", "setpriv"))
     try:
         prefix = harness.find_prefix(pytestconfig.getoption("--prefix"))
         harness.daemon_binary(prefix)
@@ -64,14 +58,7 @@ def make_appliance(tmp_path, yulotifyd_prefix, pytestconfig):
         return appliance
 
     yield factory
-    errors = []
-    for appliance in created:
-        try:
-            appliance.stop()
-        except Exception as e:  # keep cleaning the others
-            errors.append(e)
-    if errors:
-        raise errors[0]
+    harness.end_all(created, harness.Appliance.stop)
 
 
 @pytest.fixture

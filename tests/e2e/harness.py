@@ -857,6 +857,31 @@ class Appliance:
         return "\n--- stderr ---\n" + data.decode(errors="replace")
 
 
+def machine_problems(why_root: str, tools) -> List[str]:
+    """What keeps this machine from running a suite: not root (`why_root`
+    says why it must be), or util-linux `tools` missing."""
+    problems = []
+    if os.geteuid() != 0:
+        problems.append("the tests must run as root (%s)" % why_root)
+    for tool in tools:
+        if shutil.which(tool) is None:
+            problems.append("%s (util-linux) is not installed" % tool)
+    return problems
+
+
+def end_all(things, end: Callable[[object], None]):
+    """Calls `end` on every one of `things`, even after one fails; then
+    raises the first failure, if any (a fixture's teardown)."""
+    errors = []
+    for thing in things:
+        try:
+            end(thing)
+        except Exception as e:  # keep ending the others
+            errors.append(e)
+    if errors:
+        raise errors[0]
+
+
 def _setpriv() -> str:
     path = shutil.which("setpriv")
     if path is None:

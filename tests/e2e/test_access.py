@@ -304,6 +304,30 @@ def test_directory_writable_by_others_needs_the_sticky_bit(appliance):
     assert_clean_exit(app)
 
 
+def test_user_d_made_as_a_crontab_spool_takes_a_users_own_file(appliance):
+    # Mode 1733, as the package makes user.d: a user adds a file of their
+    # own, cannot list the others', and the daemon loads the file and
+    # writes its queue file with that user's rights.
+    app = appliance
+    root_q = configure(app)
+    os.chmod(app.conf_dir("user"), 0o1733)
+    app.start()
+    app.wait_ready()
+    prepare_users(app)
+    user_d = "/usr/yulo/etc/yulotifyd/user.d"
+    conf = {"queue": "/vol1/users/nobody/events.queue",
+            "monitors": [monitor("Public")]}
+    wrote = app.run_as(["sh", "-c", "umask 022 && cat > %s/nobody.json" %
+                        user_d], input=json.dumps(conf).encode())
+    assert wrote.returncode == 0, wrote.stderr
+    assert app.run_as(["ls", user_d]).returncode != 0
+
+    create_and_wait(app, root_q, "a")
+    wait_nobodys_line(app, "/vol1/users/nobody/events.queue", "a")
+    assert app.count_logs(UNSAFE % ".*") == 0
+    assert_clean_exit(app)
+
+
 # ----------------------------------------------------------------------
 # Queue files written with their subscription owner's rights.
 
@@ -311,6 +335,16 @@ def test_directory_writable_by_others_needs_the_sticky_bit(appliance):
 def give_to_nobody(path, mode=0o644):
     os.chown(path, NOBODY, NOGROUP)
     os.chmod(path, mode)
+
+
+def wait_nobodys_line(app, queue, name):
+    """Waits for the line of /vol1/Public/<name> in `queue` (a path in the
+    namespace), which must be a file of nobody's."""
+    path = app.ns_path(queue)
+    wait_lines(app, path, lambda ls: any(l["path"] == "/vol1/Public/" + name
+                                         for l in ls))
+    st = os.stat(path)
+    assert (st.st_uid, st.st_gid) == (NOBODY, NOGROUP)
 
 
 def prepare_users(app):
@@ -350,11 +384,7 @@ def test_nobodys_queue_in_nobodys_directory_belongs_to_nobody(appliance):
     app.start(before_exec=prepare_users)
     app.wait_ready()
     create_and_wait(app, root_q, "a")
-    queue = app.ns_path("/vol1/users/nobody/q.queue")
-    wait_lines(app, queue, lambda ls: any(l["path"] == "/vol1/Public/a"
-                                          for l in ls))
-    st = os.stat(queue)
-    assert (st.st_uid, st.st_gid) == (NOBODY, NOGROUP)
+    wait_nobodys_line(app, "/vol1/users/nobody/q.queue", "a")
     assert_clean_exit(app)
 
 

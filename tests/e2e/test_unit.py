@@ -11,14 +11,15 @@ import os
 import re
 import shutil
 import signal
+import stat
 import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-from harness import (RUN_STATUS_PATH, SOCKET_PATH, monitor, unit_capabilities,
-                     wait_until)
+from harness import (CONF_ROOT, RUN_STATUS_PATH, SOCKET_PATH, monitor,
+                     unit_capabilities, wait_until)
 
 # The exposure rating must stay at or below this ("OK" or better).
 MAX_EXPOSURE = 5.0
@@ -119,6 +120,45 @@ def test_run_status_and_socket_directories_stay_writable(unit):
                 for p in " ".join(values(unit, "ReadWritePaths")).split()}
     assert writable == {os.path.dirname(RUN_STATUS_PATH),
                         os.path.dirname(SOCKET_PATH)}, writable
+
+
+def test_tmpfiles_make_the_configuration_directories(yulotifyd_prefix,
+                                                    tmp_path):
+    # The installed tmpfiles.d file, applied under a scratch root as
+    # systemd-tmpfiles applies it at install and boot: the three
+    # directories, root's, user.d open to every user as a crontab spool.
+    conf = Path(yulotifyd_prefix) / "lib" / "tmpfiles.d" / "yulotifyd.conf"
+    assert conf.is_file(), "%s is not installed" % conf
+    result = subprocess.run(["systemd-tmpfiles", "--create",
+                             "--root=%s" % tmp_path, str(conf)],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            timeout=60)
+    assert result.returncode == 0, result.stdout.decode()
+    root = Path(str(tmp_path) + CONF_ROOT)
+    modes = {}
+    for name in ("system.d", "app.d", "user.d"):
+        st = os.lstat(root / name)
+        assert stat.S_ISDIR(st.st_mode)
+        modes[name] = (stat.S_IMODE(st.st_mode), st.st_uid, st.st_gid)
+    assert modes == {"system.d": (0o755, 0, 0), "app.d": (0o755, 0, 0),
+                     "user.d": (0o1733, 0, 0)}
+
+
+def test_path_unit_starts_the_service_and_the_service_waits_for_work(unit):
+    # The service starts only with a subscription (no start-stop loop on a
+    # fresh install); the path unit starts it when one appears.
+    globs = values(unit, "ConditionPathExistsGlob")
+    assert sorted(globs) == sorted("|%s/%s/*.json" % (CONF_ROOT, d)
+                                   for d in ("system.d", "app.d", "user.d"))
+    path_unit = unit.parent / "yulotifyd.path"
+    assert path_unit.is_file(), "%s is not installed" % path_unit
+    assert sorted(values(path_unit, "PathChanged")) == sorted(
+        "%s/%s" % (CONF_ROOT, d) for d in ("system.d", "app.d", "user.d"))
+    assert values(path_unit, "Unit") == ["yulotifyd.service"]
+    result = subprocess.run(["systemd-analyze", "verify", str(path_unit)],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            timeout=120)
+    assert result.returncode == 0, result.stdout.decode()
 
 
 # ----------------------------------------------------------------------
