@@ -12,7 +12,9 @@
 // Ownership: owns the listening socket, closed by Close or on destruction;
 // `handler` is not owned and outlives the server.
 // Thread-safety: none; the daemon's main thread only. Serving a connection
-// blocks until its request arrived or its time ran out.
+// takes at most kRequestTimeoutMillis to read the request and
+// kReplyTimeoutMillis to send the reply, whatever the client does; the
+// accept never waits.
 #ifndef YULOTIFYD_DAEMON_CONTROL_SERVER_H_
 #define YULOTIFYD_DAEMON_CONTROL_SERVER_H_
 
@@ -57,11 +59,13 @@ class ControlServer {
 
   // A command is a few hundred bytes; anything longer is refused unread.
   static constexpr uint64_t kMaxBodyLength = 1024 * 1024;
-  // A client that stalls mid-request must not hold the main loop: the whole
-  // request has to arrive within this time after the connection is
-  // accepted. A client that sends a byte now and then gets no more than one
-  // that stops.
-  static constexpr int kClientTimeoutSeconds = 5;
+  // A client must not hold the main loop: the whole request has to arrive
+  // within this time after the connection is accepted (a client that sends
+  // a byte now and then gets no more than one that stops), and the whole
+  // reply has to be taken within the second after the command was carried
+  // out. Real clients need a millisecond for either.
+  static constexpr int64_t kRequestTimeoutMillis = 1000;
+  static constexpr int64_t kReplyTimeoutMillis = 1000;
 
   // Listens at `socket_path`; besides root, the members of `socket_group`
   // may connect (empty or unknown: nobody but root) when `rule` lets them.
@@ -89,6 +93,7 @@ class ControlServer {
 
   // Serves the connected stream socket `conn`: reads one request, carries
   // it out, sends the reply and closes `conn`. Returns the reply (0 or -1).
+  // Paths and share names with a ".." component are refused (-1, logged).
   // No peer check: ServeOne makes it before. Any connected stream socket
   // will do (a socketpair in tests and the fuzzer).
   int32_t ServeConnection(int conn);

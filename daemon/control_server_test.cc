@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -39,6 +40,7 @@ class RecordingHandler : public ControlHandler {
     Json::Value status(Json::objectValue);
     status["volumes"] = 2;
     status["name"] = "made up";
+    if (big_status) status["padding"] = std::string(8 * 1024 * 1024, 'x');
     return status;
   }
   void InjectEvent(uint32_t event, const std::string& path,
@@ -58,6 +60,8 @@ class RecordingHandler : public ControlHandler {
   }
 
   std::vector<std::string> calls;
+  // Makes the status object far bigger than a socket buffer.
+  bool big_status = false;
 };
 
 class ControlServerTest : public ::testing::Test {
@@ -346,6 +350,90 @@ TEST_F(ControlServerTest, RefusedCallerGetsMinusOneUnread) {
       std::string::npos,
       lines[0].find("Refused command from uid=" + std::to_string(geteuid()) +
                     ", pid=" + std::to_string(getpid())));
+}
+
+// How long `serve` took, in milliseconds.
+template <typename Serve>
+int64_t MillisTaken(Serve serve) {
+  const auto start = std::chrono::steady_clock::now();
+  serve();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+TEST_F(ControlServerTest, SilentClientIsDroppedAtTheRequestDeadline) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  // Half a length, then nothing: the connection stays open.
+  ASSERT_EQ(3, write(pair[0], "\x10\0\0", 3));
+  int32_t reply = 0;
+  const int64_t took =
+      MillisTaken([&] { reply = server_.ServeConnection(pair[1]); });
+  EXPECT_EQ(-1, reply);
+  EXPECT_GE(took, ControlServer::kRequestTimeoutMillis - 50);
+  EXPECT_LT(took, ControlServer::kRequestTimeoutMillis + 1000);
+  EXPECT_EQ(-1, ReplyOf(ReadToEnd(pair[0])));
+  close(pair[0]);
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, Logged(lines, "Failed to read from domain socket, "
+                              "reason=Resource temporarily unavailable"));
+  EXPECT_EQ(1u, Logged(lines, "Receive command length failed"));
+}
+
+TEST_F(ControlServerTest, ClientThatStopsReadingIsDroppedAtTheReplyDeadline) {
+  handler_.big_status = true;
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  ASSERT_TRUE(
+      SendRequest(pair[0], FrameCommand(R"({"type":"status","data":{}})")));
+  // The client never reads: the 8 MiB object cannot all go out.
+  const int64_t took =
+      MillisTaken([&] { server_.ServeConnection(pair[1]); });
+  close(pair[0]);
+  EXPECT_GE(took, ControlServer::kReplyTimeoutMillis - 50);
+  EXPECT_LT(took, ControlServer::kReplyTimeoutMillis + 1000);
+  EXPECT_EQ(1u, Logged(TakeLogLines(),
+                       "Client too slow to take the reply, dropped"));
+}
+
+TEST_F(ControlServerTest, PathsWithDotDotAreRefused) {
+  for (const char* command : {
+           R"({"type":"notify","data":{"event":64,"path":"/vol1/P/../../etc/x"}})",
+           R"({"type":"notify","data":{"event":256,"path":"/vol1/P/b","path_old":"/vol1/P/.."}})",
+           R"({"type":"mount_share","data":{"share_name":"../Public"}})",
+           R"({"type":"umount_share","data":{"share_name":".."}})",
+           R"({"type":"mount_volume","data":{"mount_point":"/vol1/.."}})",
+           R"({"type":"umount_volume","data":{"mount_point":"/vol1/../vol2"}})",
+       }) {
+    EXPECT_EQ(-1, ServeReply(FrameCommand(command))) << command;
+  }
+  EXPECT_TRUE(handler_.calls.empty());
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "/vol1/P/../../etc/x"));
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "/vol1/P/.."));
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "../Public"));
+  // Two dots inside a name are just a name.
+  EXPECT_EQ(0, ServeReply(FrameCommand(
+                   R"({"type":"notify","data":{"event":64,"path":"/vol1/P/a..b"}})")));
+  EXPECT_EQ((std::vector<std::string>{"inject 64 /vol1/P/a..b "}),
+            handler_.calls);
+}
+
+TEST_F(ControlServerTest, NothingToAcceptReturnsAtOnce) {
+  ControlServer server(dir_.File("s.sock"), "", &handler_);
+  ASSERT_TRUE(server.Open());
+  // A client that connected and left before the accept leaves nothing:
+  // the main loop must not wait for the next client.
+  const int64_t took = MillisTaken([&] { server.ServeOne(); });
+  EXPECT_LT(took, 500);
+  EXPECT_TRUE(LinesWithMessage(TakeLogLines(), "accept failed, reason="
+                                               "Resource temporarily unavailable",
+                               "domain_socket")
+                  .empty());
 }
 
 }  // namespace

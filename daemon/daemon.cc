@@ -205,14 +205,14 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
   ReportKillSignal();
   if (g_stop_flag.load()) return false;
   if (ready > 0) {
-    // The configuration watch goes first, so a command that arrives
-    // together with a configuration change already sees the new
-    // configuration.
+    // A configuration change only notes a reload; it runs once the changes
+    // were gathered and the previous reload is far enough back.
     if (FD_ISSET(config_.fd(), &readable)) HandleInotify();
     if (FD_ISSET(control_.fd(), &readable)) HandleDomainSocket();
     sources_.Handle(readable, exceptional, clock_->NowMillis());
   }
   FollowSources();
+  if (config_.TakeDue(clock_->NowMillis())) ReloadMonitorQueues();
   // What the service manager shows follows what is watched.
   const auto watching = std::make_pair(volumes_.size(), monitor_queues.size());
   if (watching != shown_) {
@@ -269,9 +269,7 @@ void Daemon::SaveDaemonRunStatus() {
 
 bool Daemon::SetupInotify() { return config_.Open(); }
 
-void Daemon::HandleInotify() {
-  if (config_.ReadChanges()) ReloadMonitorQueues();
-}
+void Daemon::HandleInotify() { config_.Handle(clock_->NowMillis()); }
 
 void Daemon::ReloadMonitorQueues() {
   NotifyState("reloading");
@@ -288,6 +286,9 @@ void Daemon::ReloadMonitorQueues() {
   }
   DestroyReloadSemaphore();
   NotifyWatching();
+  // Whatever asked for it, the next reload for a configuration change
+  // keeps its distance from this one.
+  config_.Reloaded(clock_->NowMillis());
 }
 
 void Daemon::CreateReloadSemaphore() {
