@@ -1,8 +1,8 @@
 #include "daemon/control_server.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <grp.h>
+#include <poll.h>
 #include <stddef.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -16,6 +16,7 @@ import time
 
 from control_util import LINE, ctl_binary, send  # noqa: F401 (fixture)
 from harness import monitor, wait_lines, wait_until
+from test_access import configure as access_configure, prepare_users
 
 NOBODY = 65534
 NOGROUP = 65534
@@ -23,30 +24,23 @@ USER_D = "/usr/yulo/etc/yulotifyd/user.d"
 LOADED = LINE + r"loaded \d+ monitor queues from "
 
 
-# nobody's own directory, off every share (made by prepare).
+# nobody's own directory, off every share (made by prepare_users).
 NOBODYS = "/vol1/users/nobody"
 
 
 def configure(app):
-    """Volume 1 with share Public and /vol1/users; a root queue for
+    """test_access's volume, share Public, /vol1/users and root queue for
     creations in Public; user.d open to all, as /tmp is."""
-    app.add_volume(1, "/vol1")
-    app.add_share("Public", "/vol1/Public")
-    app.dirs.append("/vol1/users")
-    root_q = app.queue_path("root.queue")
-    app.add_queue("system", "10-root.json", root_q,
-                  [monitor("Public", events=["create"])])
+    root_q = access_configure(app)
     app.conf_dir("user").mkdir(parents=True, exist_ok=True)
     os.chmod(app.conf_dir("user"), 0o1777)
     return root_q
 
 
 def prepare(app):
-    """In the namespace: nobody's directory, and /vol1/Public/private,
-    root's, mode 0700."""
-    nobodys = app.ns_path(NOBODYS)
-    nobodys.mkdir(mode=0o755)
-    os.chown(nobodys, NOBODY, NOGROUP)
+    """In the namespace: nobody's directory (test_access's users), and
+    /vol1/Public/private, root's, mode 0700."""
+    prepare_users(app)
     private = app.ns_path("/vol1/Public/private")
     private.mkdir(mode=0o700)
     os.chmod(private, 0o700)
