@@ -13,6 +13,7 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -27,8 +28,7 @@ namespace YULOTIFYD {
 
 namespace {
 
-// The source name these lines have always carried.
-constexpr char kLogSource[] = "domain_socket";
+constexpr const char* kLogSource = kControlLogSource;
 constexpr int kListenBacklog = 10;
 // The socket file's mode when it has a group: root and the group.
 constexpr mode_t kGroupSocketMode = 0660;
@@ -157,7 +157,10 @@ ControlServer::ControlServer(std::string socket_path, std::string socket_group,
 
 ControlServer::~ControlServer() { Close(); }
 
-void ControlServer::Close() { fd_.Reset(); }
+void ControlServer::Close() {
+  clients_.clear();
+  fd_.Reset();
+}
 
 void ControlServer::RemoveSocketFile() { unlink(socket_path_.c_str()); }
 
@@ -296,7 +299,83 @@ void ControlServer::ServeOne() {
     close(conn);
     return;
   }
-  ServeConnection(conn);
+  auto client = std::make_unique<ControlConnection>(
+      UniqueFd(conn), MonotonicMillis() + kRequestTimeoutMillis,
+      kMaxBodyLength);
+  // A request that is all there already (the usual case) is served now.
+  Progress(client.get());
+  if (client->state() != ControlConnection::State::kDone) {
+    clients_.push_back(std::move(client));
+  }
+}
+
+void ControlServer::Progress(ControlConnection* client) {
+  if (client->state() == ControlConnection::State::kReading) client->Read();
+  if (client->state() == ControlConnection::State::kRunnable) {
+    const int32_t reply = Execute(client->TakeRequest());
+    client->Reply(reply, reply_payload_,
+                  MonotonicMillis() + kReplyTimeoutMillis);
+    reply_payload_.clear();
+  } else if (client->state() == ControlConnection::State::kReplying) {
+    client->Write();
+  }
+}
+
+void ControlServer::AddToSets(fd_set* readable, fd_set* writable,
+                              int* width) const {
+  // At the limit, new clients wait in the listen backlog.
+  if (fd_.Valid() && clients_.size() < kMaxClients) {
+    FD_SET(fd_.Get(), readable);
+    *width = std::max(*width, fd_.Get() + 1);
+  }
+  for (const auto& client : clients_) {
+    const bool reading =
+        client->state() == ControlConnection::State::kReading;
+    FD_SET(client->fd(), reading ? readable : writable);
+    *width = std::max(*width, client->fd() + 1);
+  }
+}
+
+void ControlServer::Handle(const fd_set& readable, const fd_set& writable) {
+  // The clients in progress first: a new one is served as it is accepted.
+  for (auto& client : clients_) {
+    if (FD_ISSET(client->fd(), &readable) ||
+        FD_ISSET(client->fd(), &writable)) {
+      Progress(client.get());
+    }
+  }
+  DropFinished();
+  if (fd_.Valid() && FD_ISSET(fd_.Get(), &readable) &&
+      clients_.size() < kMaxClients) {
+    ServeOne();
+  }
+}
+
+void ControlServer::ExpireClients() {
+  const int64_t now = MonotonicMillis();
+  for (auto& client : clients_) {
+    if (client->deadline_ms() <= now) client->Expire();
+  }
+  DropFinished();
+}
+
+int64_t ControlServer::MillisUntilDeadline() const {
+  if (clients_.empty()) return -1;
+  int64_t first = clients_.front()->deadline_ms();
+  for (const auto& client : clients_) {
+    first = std::min(first, client->deadline_ms());
+  }
+  return std::max<int64_t>(0, first - MonotonicMillis());
+}
+
+void ControlServer::DropFinished() {
+  clients_.erase(
+      std::remove_if(clients_.begin(), clients_.end(),
+                     [](const std::unique_ptr<ControlConnection>& client) {
+                       return client->state() ==
+                              ControlConnection::State::kDone;
+                     }),
+      clients_.end());
 }
 
 int32_t ControlServer::ServeConnection(int conn) {
@@ -323,24 +402,8 @@ int32_t ControlServer::ServeConnection(int conn) {
     // forgot it.
     const char* end =
         static_cast<const char*>(std::memchr(body.data(), '\0', body.size()));
-    const std::string text(body.data(),
-                           end == nullptr ? body.size() : end - body.data());
-    Json::Value command;
-    std::string type;
-    if (!fromString(text, command) || !command.isObject() ||
-        !command.isMember("type") || !command.isMember("data") ||
-        !command["data"].isObject() || !GetString(command, "type", &type)) {
-      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
-      break;
-    }
-    const Json::Value data = command["data"];
-    YULO_LOG_INFO_AS(kLogSource, "Got command: %s", toString(command).c_str());
-    const int32_t result = Dispatch(type, data);
-    if (result == kMalformed) {
-      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
-      break;
-    }
-    reply = result;
+    reply = Execute(std::string(
+        body.data(), end == nullptr ? body.size() : end - body.data()));
   } while (false);
 
   YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
@@ -364,6 +427,26 @@ int32_t ControlServer::ServeConnection(int conn) {
   reply_payload_.clear();
   close(conn);
   return reply;
+}
+
+int32_t ControlServer::Execute(const std::string& text) {
+  Json::Value command;
+  std::string type;
+  if (!fromString(text, command) || !command.isObject() ||
+      !command.isMember("type") || !command.isMember("data") ||
+      !command["data"].isObject() || !GetString(command, "type", &type)) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
+    return -1;
+  }
+  const Json::Value data = command["data"];
+  YULO_LOG_INFO_AS(kLogSource, "Got command: %s", toString(command).c_str());
+  const int32_t result = Dispatch(type, data);
+  if (result == kMalformed) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
+    reply_payload_.clear();
+    return -1;
+  }
+  return result;
 }
 
 // Whether the caller at the other end of `conn` may drive the daemon: root,

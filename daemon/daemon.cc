@@ -191,26 +191,29 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
   pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
   sigdelset(&wait_mask, SIGTERM);
   sigdelset(&wait_mask, SIGINT);
-  fd_set readable, exceptional;
+  fd_set readable, writable, exceptional;
   FD_ZERO(&readable);
+  FD_ZERO(&writable);
   FD_ZERO(&exceptional);
   FD_SET(config_.fd(), &readable);
-  FD_SET(control_.fd(), &readable);
-  int width = std::max(control_.fd(), config_.fd()) + 1;
+  int width = config_.fd() + 1;
+  control_.AddToSets(&readable, &writable, &width);
   sources_.AddToSets(&readable, &exceptional, &width);
   struct timespec timeout = FollowTimeout(max_wait);
   // Time-outs, interruptions and errors alike just end the round.
   const int ready =
-      pselect(width, &readable, nullptr, &exceptional, &timeout, &wait_mask);
+      pselect(width, &readable, &writable, &exceptional, &timeout, &wait_mask);
   ReportKillSignal();
   if (g_stop_flag.load()) return false;
   if (ready > 0) {
     // A configuration change only notes a reload; it runs once the changes
     // were gathered and the previous reload is far enough back.
     if (FD_ISSET(config_.fd(), &readable)) HandleInotify();
-    if (FD_ISSET(control_.fd(), &readable)) HandleDomainSocket();
+    HandleDomainSocket(readable, writable);
     sources_.Handle(readable, exceptional, clock_->NowMillis());
   }
+  // Control clients that ran out of time, ready or not.
+  control_.ExpireClients();
   FollowSources();
   if (config_.TakeDue(clock_->NowMillis())) ReloadMonitorQueues();
   // What the service manager shows follows what is watched.
@@ -324,7 +327,10 @@ void Daemon::PostReloadSemaphore() {
 
 bool Daemon::SetupDomainSocket() { return control_.Open(); }
 
-void Daemon::HandleDomainSocket() { control_.ServeOne(); }
+void Daemon::HandleDomainSocket(const fd_set& readable,
+                                const fd_set& writable) {
+  control_.Handle(readable, writable);
+}
 
 int32_t Daemon::HandleConnection(int conn) {
   return control_.ServeConnection(conn);

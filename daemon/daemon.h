@@ -29,6 +29,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
+#include <sys/select.h>
 #include <time.h>
 
 #include <json/json.h>
@@ -150,7 +151,8 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // Control socket.
   bool SetupDomainSocket();
-  void HandleDomainSocket();
+  // Serves the control clients that select found ready.
+  void HandleDomainSocket(const fd_set& readable, const fd_set& writable);
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
 
   // ControlHandler: the commands.
@@ -181,8 +183,9 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // Following the mount table, the volume table and the shares (follow.cc).
   void SetupFollow();
-  // How long the main loop may wait: until followed changes or a
-  // configuration reload fall due, at most `longest`.
+  // How long the main loop may wait: until followed changes, a
+  // configuration reload or a control client's deadline fall due, at most
+  // `longest`.
   struct timespec FollowTimeout(std::chrono::milliseconds longest) const;
   // Carries out the followed changes that are due, if any.
   void FollowSources();

@@ -400,6 +400,31 @@ TEST_F(DaemonTest, ChangesInALoopReloadAtMostOnceASecond) {
             fakes_.TakeJournal());
 }
 
+TEST_F(DaemonTest, AStalledControlClientDoesNotHoldTheMainLoop) {
+  ASSERT_TRUE(Start());
+  // Half a length, then nothing, for as long as the test runs.
+  const int stalled =
+      ConnectAndSend(dir_.File("control.sock"), std::string("\x10\0", 2));
+  ASSERT_GE(stalled, 0);
+  const auto start = std::chrono::steady_clock::now();
+  Step();
+  // Other clients and configuration changes are served meanwhile.
+  EXPECT_EQ(1, Status()["monitor_queues"].asInt());
+  AddQueue("app.d/20-thumbs.json", "thumbs", "Media");
+  Step();
+  clock_.Advance(milliseconds(ConfigWatch::kGatherMillis));
+  Step();
+  EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
+  EXPECT_LT(std::chrono::steady_clock::now() - start,
+            milliseconds(ControlServer::kRequestTimeoutMillis / 2));
+  // The stalled one is answered -1 once its time ran out; the round that
+  // does it waits no longer than that.
+  ASSERT_TRUE(daemon_->Step(seconds(10)));
+  EXPECT_EQ(-1, ReplyOf(ReadToEnd(stalled)));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+  close(stalled);
+}
+
 TEST_F(DaemonTest, TheWaitEndsWhenAReloadFallsDue) {
   ASSERT_TRUE(Start());
   AddQueue("app.d/20-thumbs.json", "thumbs", "Media");

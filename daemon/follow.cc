@@ -62,7 +62,8 @@ struct timespec Daemon::FollowTimeout(std::chrono::milliseconds longest) const {
   int64_t millis = std::max<int64_t>(0, longest.count());
   const int64_t now = clock_->NowMillis();
   for (const int64_t due :
-       {sources_.MillisUntilDue(now), config_.MillisUntilDue(now)}) {
+       {sources_.MillisUntilDue(now), config_.MillisUntilDue(now),
+        control_.MillisUntilDeadline()}) {
     if (due >= 0) millis = std::min(millis, due);
   }
   struct timespec timeout;
