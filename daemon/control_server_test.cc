@@ -475,7 +475,11 @@ class ListeningServerTest : public ControlServerTest {
   }
 
   std::string server_path_ = dir_.File("l.sock");
-  ControlServer server_{server_path_, "", &handler_};
+  // Whoever runs the test is let in.
+  ControlServer server_{server_path_, "", &handler_,
+                        [](const PeerCredentials& peer, const gid_t*) {
+                          return peer.uid == geteuid();
+                        }};
 };
 
 TEST_F(ListeningServerTest, AStalledClientDoesNotHoldTheOthers) {

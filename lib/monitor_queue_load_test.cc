@@ -428,7 +428,9 @@ TEST_F(MonitorQueueTest, ConcurrentReloadAndCopy) {
   }
   for (int i = 0; i < 5; ++i) {
     const std::string dir = MonitorQueue::GetConfDir(
-        i < 2 ? MONITOR_QUEUE_TYPE_SYSTEM : MONITOR_QUEUE_TYPE_USER, root_b);
+        // Not user.d: its monitors need directories their owner may list,
+        // and these do not exist.
+        i < 2 ? MONITOR_QUEUE_TYPE_SYSTEM : MONITOR_QUEUE_TYPE_APP, root_b);
     fs::create_directories(dir);
     const std::string queue = "/q/b" + std::to_string(i);
     WriteText(dir + "/" + std::to_string(i) + ".json",
