@@ -78,5 +78,16 @@ std::string JoinPath(const std::string& dir, const std::string& name) {
   return DirPrefix(dir) + name;
 }
 
+bool HasDotDotComponent(std::string_view path) {
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    if (path.substr(start, end - start) == "..") return true;
+    start = end + 1;
+  }
+  return false;
+}
+
 }  // namespace YULOTIFYD
 }  // namespace YULO

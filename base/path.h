@@ -32,6 +32,10 @@ inline bool PathAtOrBelow(std::string_view dir, std::string_view path) {
   return PathRelativeTo(dir, path, nullptr);
 }
 
+// Whether one of the "/"-separated components of `path` is "..": "..",
+// "/a/../b" and "a/.." have one, "/a..b" and "/..." do not.
+bool HasDotDotComponent(std::string_view path);
+
 // `path` lies below `dir` and is not `dir` itself.
 bool PathBelow(std::string_view dir, std::string_view path);
 

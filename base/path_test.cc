@@ -76,6 +76,17 @@ TEST(PathBelowTest, ExcludesTheDirectoryItself) {
   EXPECT_FALSE(PathBelow("/", "/"));
 }
 
+TEST(HasDotDotComponentTest, OnlyAWholeComponentCounts) {
+  for (const char* yes : {"..", "/..", "../a", "/a/../b", "a/..", "/a/b/..",
+                          "/a//../"}) {
+    EXPECT_TRUE(HasDotDotComponent(yes)) << yes;
+  }
+  for (const char* no : {"", "/", ".", "/a..b", "/...", "/a/.../b", "..a",
+                         "a..", "/vol1/Public/x"}) {
+    EXPECT_FALSE(HasDotDotComponent(no)) << no;
+  }
+}
+
 TEST(ParentDirTest, Cases) {
   EXPECT_EQ("/vol1", ParentDir("/vol1/share"));
   EXPECT_EQ("/", ParentDir("/vol1"));

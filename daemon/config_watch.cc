@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/unique_fd.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -34,7 +35,7 @@ ConfigWatch::ConfigWatch(std::string conf_root)
 ConfigWatch::~ConfigWatch() { Close(); }
 
 bool ConfigWatch::Open() {
-  fd_.Reset(inotify_init1(IN_CLOEXEC));
+  fd_.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   if (!fd_.Valid()) {
     YULO_LOG_ALWAYS("inotify failed, reason=%m");
     return false;
@@ -71,11 +72,47 @@ void ConfigWatch::Close() {
 }
 
 bool ConfigWatch::ReadChanges() {
-  std::fill(buffer_.begin(), buffer_.end(), 0);
   YULO_LOG_DEBUG("HandleInotify");
-  const ssize_t n = read(fd_.Get(), buffer_.data(), buffer_.size());
-  if (n <= 0) return false;
-  return RecordsCallForReload(buffer_.data(), static_cast<size_t>(n));
+  bool reload = false;
+  // Drained to the end: a writer in a loop leaves many records, and each
+  // wake-up of the main loop should cost one pass, not one per buffer.
+  for (;;) {
+    const ssize_t n = RetryOnEintr(
+        [&] { return read(fd_.Get(), buffer_.data(), buffer_.size()); });
+    if (n <= 0) break;  // drained (EAGAIN), or nothing to be done about it
+    if (RecordsCallForReload(buffer_.data(), static_cast<size_t>(n))) {
+      reload = true;
+    }
+  }
+  return reload;
+}
+
+void ConfigWatch::Handle(int64_t now_ms) {
+  if (ReadChanges()) Note(now_ms);
+}
+
+void ConfigWatch::Note(int64_t now_ms) {
+  if (wanted_) return;
+  wanted_ = true;
+  first_ms_ = now_ms;
+}
+
+int64_t ConfigWatch::MillisUntilDue(int64_t now_ms) const {
+  if (!wanted_) return -1;
+  int64_t due = first_ms_ + kGatherMillis;
+  if (reloaded_) due = std::max(due, reloaded_ms_ + kReloadIntervalMillis);
+  return std::max<int64_t>(0, due - now_ms);
+}
+
+bool ConfigWatch::TakeDue(int64_t now_ms) {
+  if (MillisUntilDue(now_ms) != 0) return false;
+  wanted_ = false;
+  return true;
+}
+
+void ConfigWatch::Reloaded(int64_t now_ms) {
+  reloaded_ = true;
+  reloaded_ms_ = now_ms;
 }
 
 bool ConfigWatch::RecordsCallForReload(const char* data, size_t size) {

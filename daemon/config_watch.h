@@ -4,9 +4,19 @@
 // A configuration file (a non-directory whose name ends in ".json", as the
 // loader reads them) written, renamed into or out of a directory, or
 // removed, changes the configuration; so does a queue overflow, after which
-// nobody knows what changed. One read is at most one reload, however many
-// files changed. A directory that cannot be watched is logged and only
-// loses its live reload.
+// nobody knows what changed. A directory that cannot be watched is logged
+// and only loses its live reload.
+//
+// Reloads are paced, since anybody who may write in user.d can change the
+// configuration as often as they like: changes are gathered for
+// kGatherMillis after the first (an editor's temporary file and rename, a
+// package installing several files, come as one reload), and a reload
+// falls due no sooner than kReloadIntervalMillis after the previous one
+// ended. However many changes come, the main loop reloads at most about
+// once a second, and a change is never held back longer than that. The
+// main loop asks how long it may wait (MillisUntilDue) and takes the
+// reload when it is due (TakeDue); times are milliseconds on the monotonic
+// clock, passed in, so that tests can step through them.
 //
 // Ownership: owns its descriptor, closed by Close or on destruction.
 // Thread-safety: none; the daemon's main thread only.
@@ -14,6 +24,7 @@
 #define YULOTIFYD_DAEMON_CONFIG_WATCH_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +37,8 @@ class ConfigWatch {
  public:
   // 32 records of a 16-byte header and a 256-byte name.
   static constexpr size_t kBufferSize = 8704;
+  static constexpr int64_t kGatherMillis = 200;
+  static constexpr int64_t kReloadIntervalMillis = 1000;
 
   explicit ConfigWatch(std::string conf_root);
   ~ConfigWatch();
@@ -44,9 +57,25 @@ class ConfigWatch {
   // How many directories are watched.
   size_t watch_count() const { return watch_descriptors_.size(); }
 
-  // Reads what the instance holds and returns whether it calls for a
-  // reload. Blocks until something arrives: call it when fd() is readable.
+  // Reads everything the instance holds and returns whether it calls for a
+  // reload. Never blocks.
   bool ReadChanges();
+
+  // After select found fd() readable: reads the changes and, when they call
+  // for a reload, notes one as wanted at `now_ms`.
+  void Handle(int64_t now_ms);
+  // Notes a reload as wanted at `now_ms`.
+  void Note(int64_t now_ms);
+  // Milliseconds until the wanted reload falls due (0: due now); -1 when
+  // none is wanted.
+  int64_t MillisUntilDue(int64_t now_ms) const;
+  // Whether a wanted reload is due at `now_ms`; if so it is no longer
+  // wanted, and the caller reloads and then calls Reloaded.
+  bool TakeDue(int64_t now_ms);
+  // The reload ended at `now_ms`: the next falls due kReloadIntervalMillis
+  // later at the soonest. Reloads for other reasons (the shares changed)
+  // count too.
+  void Reloaded(int64_t now_ms);
 
   // Whether the inotify records in `data` (`size` bytes, as read from the
   // instance) call for a reload. An incomplete last record is ignored.
@@ -59,6 +88,10 @@ class ConfigWatch {
   UniqueFd fd_;
   std::vector<int> watch_descriptors_;
   std::vector<char> buffer_;
+  bool wanted_ = false;
+  int64_t first_ms_ = 0;  // when the first change of the wanted reload came
+  bool reloaded_ = false;
+  int64_t reloaded_ms_ = 0;  // when the last reload ended
 };
 
 }  // namespace YULOTIFYD

@@ -113,6 +113,43 @@ TEST_F(ConfigWatchTest, ReadIsTracedAtDebugLevel) {
       LinesWithMessage(TakeLogLines(), "HandleInotify", "config_watch").size());
 }
 
+TEST_F(ConfigWatchTest, ManyChangesAreReadInOnePass) {
+  ASSERT_TRUE(watch_.Open());
+  // Far more records than one buffer holds.
+  for (int i = 0; i < 200; ++i) {
+    dir_.Write("conf/user.d/f" + std::to_string(i) + ".json", "{}");
+  }
+  watch_.Handle(1000);
+  EXPECT_FALSE(Pending());
+  EXPECT_EQ(ConfigWatch::kGatherMillis, watch_.MillisUntilDue(1000));
+}
+
+TEST(ConfigWatchPacingTest, ChangesAreGatheredThenReloadsKeepTheirDistance) {
+  ConfigWatch watch("/nonexistent");
+  EXPECT_EQ(-1, watch.MillisUntilDue(0));
+  EXPECT_FALSE(watch.TakeDue(0));
+
+  // Gathered for 200 ms from the first change; later ones join it.
+  watch.Note(1000);
+  watch.Note(1150);
+  EXPECT_EQ(50, watch.MillisUntilDue(1150));
+  EXPECT_FALSE(watch.TakeDue(1199));
+  EXPECT_TRUE(watch.TakeDue(1200));
+  EXPECT_EQ(-1, watch.MillisUntilDue(1200));
+  watch.Reloaded(1300);  // the reload took 100 ms
+
+  // The next change falls due a second after that reload ended.
+  watch.Note(1310);
+  EXPECT_EQ(990, watch.MillisUntilDue(1310));
+  EXPECT_FALSE(watch.TakeDue(2299));
+  EXPECT_TRUE(watch.TakeDue(2300));
+  watch.Reloaded(2300);
+
+  // Long after, only the gathering counts.
+  watch.Note(9000);
+  EXPECT_EQ(ConfigWatch::kGatherMillis, watch.MillisUntilDue(9000));
+}
+
 // Records as the kernel lays them out: header, then the name padded with
 // zeros to `name_length` bytes.
 std::string Record(uint32_t mask, const std::string& name,

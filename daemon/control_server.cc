@@ -2,21 +2,23 @@
 
 #include <errno.h>
 #include <grp.h>
+#include <poll.h>
 #include <stddef.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "base/clock.h"
+#include "base/path.h"
 #include "yulotifyd/fs_ids.h"
 #include "yulotifyd/json_util.h"
 #include "yulotifyd/log.h"
@@ -26,8 +28,7 @@ namespace YULOTIFYD {
 
 namespace {
 
-// The source name these lines have always carried.
-constexpr char kLogSource[] = "domain_socket";
+constexpr const char* kLogSource = kControlLogSource;
 constexpr int kListenBacklog = 10;
 // The socket file's mode when it has a group: root and the group.
 constexpr mode_t kGroupSocketMode = 0660;
@@ -57,27 +58,33 @@ bool GetUInt(const Json::Value& data, const char* key, uint32_t* out) {
   return true;
 }
 
-double MonotonicSeconds() { return MonotonicMillis() / 1000.0; }
-
-// Before each read on a client connection: limits the read to what is left
-// of the request's time. Returns false, with errno EAGAIN as for a read that
-// timed out, when nothing is left.
-bool ArmReadTimeout(int fd, double deadline) {
-  const double left = deadline - MonotonicSeconds();
-  if (left <= 0) {
-    errno = EAGAIN;
-    return false;
-  }
-  struct timeval timeout;
-  timeout.tv_sec = static_cast<time_t>(left);
-  timeout.tv_usec = static_cast<suseconds_t>((left - timeout.tv_sec) * 1e6);
-  if (timeout.tv_sec == 0 && timeout.tv_usec == 0) timeout.tv_usec = 1;
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-  return true;
+// How many milliseconds are left until `deadline_ms`; 0 when none is left.
+int MillisLeft(int64_t deadline_ms) {
+  const int64_t left = deadline_ms - MonotonicMillis();
+  if (left <= 0) return 0;
+  return static_cast<int>(std::min<int64_t>(left, 60 * 1000));
 }
 
-// ReadSocket with a deadline on the monotonic clock (0: none).
-bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
+// Waits until `fd` is ready for `events` or `deadline_ms` passed. False,
+// with errno EAGAIN, when time ran out.
+bool WaitReady(int fd, short events, int64_t deadline_ms) {
+  for (;;) {
+    const int left = MillisLeft(deadline_ms);
+    if (left == 0) {
+      errno = EAGAIN;
+      return false;
+    }
+    struct pollfd p = {fd, events, 0};
+    const int ready = poll(&p, 1, left);
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+}
+
+// ReadSocket with a deadline on the monotonic clock (0: none). With a
+// deadline nothing blocks past it: every read waits in poll for what is left
+// of the time and then takes what is there without blocking.
+bool ReadUntil(int fd, uint64_t length, char* buffer, int64_t deadline_ms) {
   if (length == 0) return true;
   int retries = kReadRetries;
   uint64_t done = 0;
@@ -85,8 +92,12 @@ bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
     const size_t want =
         static_cast<size_t>(std::min<uint64_t>(length - done, kReadChunk));
     ssize_t n = -1;
-    if (deadline == 0 || ArmReadTimeout(fd, deadline)) {
+    if (deadline_ms == 0) {
       n = read(fd, buffer + done, want);
+    } else if (WaitReady(fd, POLLIN, deadline_ms)) {
+      n = recv(fd, buffer + done, want, MSG_DONTWAIT);
+      // Readable but nothing there after all: wait again.
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
     }
     if (n <= 0) {
       if (n < 0 && errno == EINTR && retries > 0) {
@@ -103,19 +114,35 @@ bool ReadUntil(int fd, uint64_t length, char* buffer, double deadline) {
   return true;
 }
 
-// Sends all of `data`, carrying on after short sends and interruptions;
-// false when the client is gone or the send time-out passed.
-bool SendAll(int fd, const void* data, size_t size) {
+// Sends all of `data` by `deadline_ms`, carrying on after short sends and
+// interruptions, never blocking past the deadline; false when the client is
+// gone or too slow to take it.
+bool SendUntil(int fd, const void* data, size_t size, int64_t deadline_ms) {
   const char* p = static_cast<const char*>(data);
   while (size > 0) {
-    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n < 0) {
       if (errno == EINTR) continue;
+      if ((errno == EAGAIN || errno == EWOULDBLOCK) &&
+          WaitReady(fd, POLLOUT, deadline_ms)) {
+        continue;
+      }
       return false;
     }
     p += n;
     size -= static_cast<size_t>(n);
   }
+  return true;
+}
+
+// Whether a path (or share name) in a command is refused for a ".."
+// component, which is then logged. Paths in commands are compared with the
+// shares and mount points, never resolved: ".." would lead out of whatever
+// the path seems to lie below.
+bool RefusedForDotDot(const std::string& path) {
+  if (!HasDotDotComponent(path)) return false;
+  YULO_LOG_ALWAYS_AS(kLogSource, "Refused path with a \"..\" component: %s",
+                     path.c_str());
   return true;
 }
 
@@ -130,12 +157,15 @@ ControlServer::ControlServer(std::string socket_path, std::string socket_group,
 
 ControlServer::~ControlServer() { Close(); }
 
-void ControlServer::Close() { fd_.Reset(); }
+void ControlServer::Close() {
+  clients_.clear();
+  fd_.Reset();
+}
 
 void ControlServer::RemoveSocketFile() { unlink(socket_path_.c_str()); }
 
 bool ControlServer::Open() {
-  fd_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  fd_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd_.Valid()) {
     YULO_LOG_ALWAYS_AS(kLogSource, "socket failed, reason=%m");
     return false;
@@ -246,8 +276,14 @@ bool ControlServer::ReadSocket(int fd, uint64_t length, char* buffer) {
 void ControlServer::ServeOne() {
   YULO_LOG_DEBUG_AS(kLogSource, "HandleDomainSocket");
   int32_t reply = -1;
-  const int conn = accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC);
+  // Non-blocking: a client that connected and went away before this call
+  // leaves nothing to accept, and the main loop must not wait for the next.
+  const int conn =
+      accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (conn < 0) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED) {
+      return;
+    }
     YULO_LOG_ALWAYS_AS(kLogSource, "accept failed, reason=%m");
     YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
     return;
@@ -263,17 +299,88 @@ void ControlServer::ServeOne() {
     close(conn);
     return;
   }
-  ServeConnection(conn);
+  auto client = std::make_unique<ControlConnection>(
+      UniqueFd(conn), MonotonicMillis() + kRequestTimeoutMillis,
+      kMaxBodyLength);
+  // A request that is all there already (the usual case) is served now.
+  Progress(client.get());
+  if (client->state() != ControlConnection::State::kDone) {
+    clients_.push_back(std::move(client));
+  }
+}
+
+void ControlServer::Progress(ControlConnection* client) {
+  if (client->state() == ControlConnection::State::kReading) client->Read();
+  if (client->state() == ControlConnection::State::kRunnable) {
+    const int32_t reply = Execute(client->TakeRequest());
+    client->Reply(reply, reply_payload_,
+                  MonotonicMillis() + kReplyTimeoutMillis);
+    reply_payload_.clear();
+  } else if (client->state() == ControlConnection::State::kReplying) {
+    client->Write();
+  }
+}
+
+void ControlServer::AddToSets(fd_set* readable, fd_set* writable,
+                              int* width) const {
+  // At the limit, new clients wait in the listen backlog.
+  if (fd_.Valid() && clients_.size() < kMaxClients) {
+    FD_SET(fd_.Get(), readable);
+    *width = std::max(*width, fd_.Get() + 1);
+  }
+  for (const auto& client : clients_) {
+    const bool reading =
+        client->state() == ControlConnection::State::kReading;
+    FD_SET(client->fd(), reading ? readable : writable);
+    *width = std::max(*width, client->fd() + 1);
+  }
+}
+
+void ControlServer::Handle(const fd_set& readable, const fd_set& writable) {
+  // The clients in progress first: a new one is served as it is accepted.
+  for (auto& client : clients_) {
+    if (FD_ISSET(client->fd(), &readable) ||
+        FD_ISSET(client->fd(), &writable)) {
+      Progress(client.get());
+    }
+  }
+  DropFinished();
+  if (fd_.Valid() && FD_ISSET(fd_.Get(), &readable) &&
+      clients_.size() < kMaxClients) {
+    ServeOne();
+  }
+}
+
+void ControlServer::ExpireClients() {
+  const int64_t now = MonotonicMillis();
+  for (auto& client : clients_) {
+    if (client->deadline_ms() <= now) client->Expire();
+  }
+  DropFinished();
+}
+
+int64_t ControlServer::MillisUntilDeadline() const {
+  if (clients_.empty()) return -1;
+  int64_t first = clients_.front()->deadline_ms();
+  for (const auto& client : clients_) {
+    first = std::min(first, client->deadline_ms());
+  }
+  return std::max<int64_t>(0, first - MonotonicMillis());
+}
+
+void ControlServer::DropFinished() {
+  clients_.erase(
+      std::remove_if(clients_.begin(), clients_.end(),
+                     [](const std::unique_ptr<ControlConnection>& client) {
+                       return client->state() ==
+                              ControlConnection::State::kDone;
+                     }),
+      clients_.end());
 }
 
 int32_t ControlServer::ServeConnection(int conn) {
   int32_t reply = -1;
-  const double deadline = MonotonicSeconds() + kClientTimeoutSeconds;
-  // The reply is 4 bytes into an empty socket buffer; this only guards
-  // against the unthinkable.
-  struct timeval send_timeout = {kClientTimeoutSeconds, 0};
-  setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &send_timeout,
-             sizeof(send_timeout));
+  const int64_t deadline = MonotonicMillis() + kRequestTimeoutMillis;
 
   do {
     uint64_t length = 0;
@@ -295,42 +402,51 @@ int32_t ControlServer::ServeConnection(int conn) {
     // forgot it.
     const char* end =
         static_cast<const char*>(std::memchr(body.data(), '\0', body.size()));
-    const std::string text(body.data(),
-                           end == nullptr ? body.size() : end - body.data());
-    Json::Value command;
-    std::string type;
-    if (!fromString(text, command) || !command.isObject() ||
-        !command.isMember("type") || !command.isMember("data") ||
-        !command["data"].isObject() || !GetString(command, "type", &type)) {
-      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
-      break;
-    }
-    const Json::Value data = command["data"];
-    YULO_LOG_INFO_AS(kLogSource, "Got command: %s", toString(command).c_str());
-    const int32_t result = Dispatch(type, data);
-    if (result == kMalformed) {
-      YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
-      break;
-    }
-    reply = result;
+    reply = Execute(std::string(
+        body.data(), end == nullptr ? body.size() : end - body.data()));
   } while (false);
 
   YULO_LOG_DEBUG_AS(kLogSource, "Replying socket: %d", reply);
-  // A client that went away is its own business: no SIGPIPE, whether or not
-  // the process ignores it.
-  ssize_t ignored = send(conn, &reply, sizeof(reply), MSG_NOSIGNAL);
-  (void)ignored;
-  if (reply == 0 && !reply_payload_.empty()) {
-    // "status": its object follows, as an 8-byte length and the text. The
-    // send time-out bounds what a client that stops reading can cost.
+  // The whole reply has its own deadline: a client that stops reading (a
+  // "status" object is bigger than a socket buffer on a busy daemon) is
+  // dropped when it runs out. A client that went away is its own business:
+  // no SIGPIPE, whether or not the process ignores it.
+  const int64_t reply_deadline = MonotonicMillis() + kReplyTimeoutMillis;
+  bool sent = SendUntil(conn, &reply, sizeof(reply), reply_deadline);
+  if (sent && reply == 0 && !reply_payload_.empty()) {
+    // "status": its object follows, as an 8-byte length and the text.
     const uint64_t length = reply_payload_.size();
-    if (SendAll(conn, &length, sizeof(length))) {
-      SendAll(conn, reply_payload_.data(), reply_payload_.size());
+    sent = SendUntil(conn, &length, sizeof(length), reply_deadline) &&
+           SendUntil(conn, reply_payload_.data(), reply_payload_.size(),
+                     reply_deadline);
+    if (!sent && errno == EAGAIN) {
+      YULO_LOG_ALWAYS_AS(kLogSource,
+                         "Client too slow to take the reply, dropped");
     }
   }
   reply_payload_.clear();
   close(conn);
   return reply;
+}
+
+int32_t ControlServer::Execute(const std::string& text) {
+  Json::Value command;
+  std::string type;
+  if (!fromString(text, command) || !command.isObject() ||
+      !command.isMember("type") || !command.isMember("data") ||
+      !command["data"].isObject() || !GetString(command, "type", &type)) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
+    return -1;
+  }
+  const Json::Value data = command["data"];
+  YULO_LOG_INFO_AS(kLogSource, "Got command: %s", toString(command).c_str());
+  const int32_t result = Dispatch(type, data);
+  if (result == kMalformed) {
+    YULO_LOG_ALWAYS_AS(kLogSource, "Malformed command: %s", text.c_str());
+    reply_payload_.clear();
+    return -1;
+  }
+  return result;
 }
 
 // Whether the caller at the other end of `conn` may drive the daemon: root,
@@ -378,12 +494,14 @@ int32_t ControlServer::Dispatch(const std::string& type,
         !GetString(data, "path_old", &path_old)) {
       return kMalformed;
     }
+    if (RefusedForDotDot(path) || RefusedForDotDot(path_old)) return -1;
     handler_->InjectEvent(event, path, path_old);
     return 0;
   }
   if (type == "mount_share" || type == "umount_share") {
     std::string share;
     if (!GetString(data, "share_name", &share)) return kMalformed;
+    if (RefusedForDotDot(share)) return -1;
     if (!handler_->SwitchShare(share, type == "mount_share")) {
       YULO_LOG_ALWAYS_AS(kLogSource, "Cannot get volume manager, share: %s",
                          share.c_str());
@@ -394,6 +512,7 @@ int32_t ControlServer::Dispatch(const std::string& type,
   if (type == "mount_volume" || type == "umount_volume") {
     std::string mount_point;
     if (!GetString(data, "mount_point", &mount_point)) return kMalformed;
+    if (RefusedForDotDot(mount_point)) return -1;
     if (type == "mount_volume") {
       handler_->ReportVolumeMounted(mount_point);
     } else {

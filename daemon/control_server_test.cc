@@ -2,10 +2,13 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -39,6 +42,7 @@ class RecordingHandler : public ControlHandler {
     Json::Value status(Json::objectValue);
     status["volumes"] = 2;
     status["name"] = "made up";
+    if (big_status) status["padding"] = std::string(8 * 1024 * 1024, 'x');
     return status;
   }
   void InjectEvent(uint32_t event, const std::string& path,
@@ -58,6 +62,8 @@ class RecordingHandler : public ControlHandler {
   }
 
   std::vector<std::string> calls;
+  // Makes the status object far bigger than a socket buffer.
+  bool big_status = false;
 };
 
 class ControlServerTest : public ::testing::Test {
@@ -346,6 +352,225 @@ TEST_F(ControlServerTest, RefusedCallerGetsMinusOneUnread) {
       std::string::npos,
       lines[0].find("Refused command from uid=" + std::to_string(geteuid()) +
                     ", pid=" + std::to_string(getpid())));
+}
+
+// How long `serve` took, in milliseconds.
+template <typename Serve>
+int64_t MillisTaken(Serve serve) {
+  const auto start = std::chrono::steady_clock::now();
+  serve();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+TEST_F(ControlServerTest, SilentClientIsDroppedAtTheRequestDeadline) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  // Half a length, then nothing: the connection stays open.
+  ASSERT_EQ(3, write(pair[0], "\x10\0\0", 3));
+  int32_t reply = 0;
+  const int64_t took =
+      MillisTaken([&] { reply = server_.ServeConnection(pair[1]); });
+  EXPECT_EQ(-1, reply);
+  EXPECT_GE(took, ControlServer::kRequestTimeoutMillis - 50);
+  EXPECT_LT(took, ControlServer::kRequestTimeoutMillis + 1000);
+  EXPECT_EQ(-1, ReplyOf(ReadToEnd(pair[0])));
+  close(pair[0]);
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, Logged(lines, "Failed to read from domain socket, "
+                              "reason=Resource temporarily unavailable"));
+  EXPECT_EQ(1u, Logged(lines, "Receive command length failed"));
+}
+
+TEST_F(ControlServerTest, ClientThatStopsReadingIsDroppedAtTheReplyDeadline) {
+  handler_.big_status = true;
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  ASSERT_TRUE(
+      SendRequest(pair[0], FrameCommand(R"({"type":"status","data":{}})")));
+  // The client never reads: the 8 MiB object cannot all go out.
+  const int64_t took =
+      MillisTaken([&] { server_.ServeConnection(pair[1]); });
+  close(pair[0]);
+  EXPECT_GE(took, ControlServer::kReplyTimeoutMillis - 50);
+  EXPECT_LT(took, ControlServer::kReplyTimeoutMillis + 1000);
+  EXPECT_EQ(1u, Logged(TakeLogLines(),
+                       "Client too slow to take the reply, dropped"));
+}
+
+TEST_F(ControlServerTest, PathsWithDotDotAreRefused) {
+  for (const char* command : {
+           R"({"type":"notify","data":{"event":64,"path":"/vol1/P/../../etc/x"}})",
+           R"({"type":"notify","data":{"event":256,"path":"/vol1/P/b","path_old":"/vol1/P/.."}})",
+           R"({"type":"mount_share","data":{"share_name":"../Public"}})",
+           R"({"type":"umount_share","data":{"share_name":".."}})",
+           R"({"type":"mount_volume","data":{"mount_point":"/vol1/.."}})",
+           R"({"type":"umount_volume","data":{"mount_point":"/vol1/../vol2"}})",
+       }) {
+    EXPECT_EQ(-1, ServeReply(FrameCommand(command))) << command;
+  }
+  EXPECT_TRUE(handler_.calls.empty());
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "/vol1/P/../../etc/x"));
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "/vol1/P/.."));
+  EXPECT_EQ(1u, Logged(lines, "Refused path with a \"..\" component: "
+                              "../Public"));
+  // Two dots inside a name are just a name.
+  EXPECT_EQ(0, ServeReply(FrameCommand(
+                   R"({"type":"notify","data":{"event":64,"path":"/vol1/P/a..b"}})")));
+  EXPECT_EQ((std::vector<std::string>{"inject 64 /vol1/P/a..b "}),
+            handler_.calls);
+}
+
+TEST_F(ControlServerTest, NothingToAcceptReturnsAtOnce) {
+  ControlServer server(dir_.File("s.sock"), "", &handler_);
+  ASSERT_TRUE(server.Open());
+  // A client that connected and left before the accept leaves nothing:
+  // the main loop must not wait for the next client.
+  const int64_t took = MillisTaken([&] { server.ServeOne(); });
+  EXPECT_LT(took, 500);
+  EXPECT_TRUE(LinesWithMessage(TakeLogLines(), "accept failed, reason="
+                                               "Resource temporarily unavailable",
+                               "domain_socket")
+                  .empty());
+}
+
+// A listening server driven as the main loop drives it: one select round
+// at a time.
+class ListeningServerTest : public ControlServerTest {
+ protected:
+  void SetUp() override {
+    ControlServerTest::SetUp();
+    ASSERT_TRUE(server_.Open());
+  }
+
+  // One round: waits at most `wait_ms` for what the server waits on, serves
+  // it, drops the clients whose time ran out.
+  void Round(int wait_ms = 0) {
+    fd_set readable, writable;
+    FD_ZERO(&readable);
+    FD_ZERO(&writable);
+    int width = 0;
+    server_.AddToSets(&readable, &writable, &width);
+    struct timeval timeout = {wait_ms / 1000, (wait_ms % 1000) * 1000};
+    if (select(width, &readable, &writable, nullptr, &timeout) <= 0) {
+      FD_ZERO(&readable);
+      FD_ZERO(&writable);
+    }
+    server_.Handle(readable, writable);
+    server_.ExpireClients();
+  }
+
+  int Connect(const std::string& request) {
+    return ConnectAndSend(server_path_, request);
+  }
+
+  // Whether `fd` has something to read (or was closed) now.
+  static bool Answered(int fd) {
+    struct pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+  }
+
+  std::string server_path_ = dir_.File("l.sock");
+  // Whoever runs the test is let in.
+  ControlServer server_{server_path_, "", &handler_,
+                        [](const PeerCredentials& peer, const gid_t*) {
+                          return peer.uid == geteuid();
+                        }};
+};
+
+TEST_F(ListeningServerTest, AStalledClientDoesNotHoldTheOthers) {
+  // Half a length, then nothing.
+  const int stalled = Connect(std::string("\x10\0\0", 3));
+  ASSERT_GE(stalled, 0);
+  const int64_t took = MillisTaken([&] { Round(100); });
+  EXPECT_LT(took, 500);
+  EXPECT_EQ(1u, server_.client_count());
+  EXPECT_FALSE(Answered(stalled));
+
+  // Meanwhile another client is served at once.
+  const int next = Connect(FrameCommand(
+      R"({"type":"mount_volume","data":{"mount_point":"/vol1"}})"));
+  Round(100);
+  EXPECT_EQ(0, ReplyOf(ReadToEnd(next)));
+  close(next);
+  EXPECT_EQ((std::vector<std::string>{"mounted /vol1"}), handler_.calls);
+  const int64_t left = server_.MillisUntilDeadline();
+  EXPECT_GT(left, 0);
+  EXPECT_LE(left, ControlServer::kRequestTimeoutMillis);
+
+  // Its time runs out: -1, as for a read that timed out.
+  TakeLogLines();
+  while (!Answered(stalled)) Round(static_cast<int>(left) + 10);
+  EXPECT_EQ(-1, ReplyOf(ReadToEnd(stalled)));
+  close(stalled);
+  EXPECT_EQ(0u, server_.client_count());
+  EXPECT_EQ(-1, server_.MillisUntilDeadline());
+  const std::vector<std::string> lines = TakeLogLines();
+  EXPECT_EQ(1u, Logged(lines, "Failed to read from domain socket, "
+                              "reason=Resource temporarily unavailable"));
+  EXPECT_EQ(1u, Logged(lines, "Receive command length failed"));
+}
+
+TEST_F(ListeningServerTest, ARequestInPiecesIsServedWhenWhole) {
+  const std::string request =
+      FrameCommand(R"({"type":"umount_share","data":{"share_name":"Public"}})");
+  const int fd = Connect(request.substr(0, 11));
+  Round(100);
+  EXPECT_TRUE(handler_.calls.empty());
+  ASSERT_TRUE(SendRequest(fd, request.substr(11)));
+  Round(100);
+  EXPECT_EQ(0, ReplyOf(ReadToEnd(fd)));
+  close(fd);
+  EXPECT_EQ((std::vector<std::string>{"umount share Public"}), handler_.calls);
+}
+
+TEST_F(ListeningServerTest, AClientThatDoesNotReadTheStatusIsDropped) {
+  handler_.big_status = true;
+  const int slow = Connect(FrameCommand(R"({"type":"status","data":{}})"));
+  Round(100);
+  // The object is far bigger than the socket takes: the rest waits.
+  EXPECT_EQ(1u, server_.client_count());
+  // Others are served meanwhile.
+  handler_.big_status = false;
+  const int next = Connect(FrameCommand(R"({"type":"status","data":{}})"));
+  Round(100);
+  Json::Value status;
+  EXPECT_TRUE(StatusObjectOf(ReadToEnd(next), &status));
+  close(next);
+  EXPECT_EQ("made up", status["name"].asString());
+  // Until the reply's time runs out.
+  const auto start = std::chrono::steady_clock::now();
+  while (server_.client_count() > 0 &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
+    Round(50);
+  }
+  close(slow);
+  EXPECT_EQ(0u, server_.client_count());
+  EXPECT_EQ(1u, Logged(TakeLogLines(),
+                       "Client too slow to take the reply, dropped"));
+}
+
+TEST_F(ListeningServerTest, AtTheLimitNewClientsWaitInTheBacklog) {
+  std::vector<int> stalled;
+  for (size_t i = 0; i < ControlServer::kMaxClients; ++i) {
+    stalled.push_back(Connect(std::string("\x10", 1)));
+    Round(100);
+  }
+  EXPECT_EQ(ControlServer::kMaxClients, server_.client_count());
+  fd_set readable, writable;
+  FD_ZERO(&readable);
+  FD_ZERO(&writable);
+  int width = 0;
+  server_.AddToSets(&readable, &writable, &width);
+  EXPECT_FALSE(FD_ISSET(server_.fd(), &readable));
+  for (int fd : stalled) close(fd);
+  // Closed clients are dropped as their close is read.
+  Round(100);
+  EXPECT_EQ(0u, server_.client_count());
 }
 
 }  // namespace

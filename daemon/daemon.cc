@@ -191,28 +191,31 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
   pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
   sigdelset(&wait_mask, SIGTERM);
   sigdelset(&wait_mask, SIGINT);
-  fd_set readable, exceptional;
+  fd_set readable, writable, exceptional;
   FD_ZERO(&readable);
+  FD_ZERO(&writable);
   FD_ZERO(&exceptional);
   FD_SET(config_.fd(), &readable);
-  FD_SET(control_.fd(), &readable);
-  int width = std::max(control_.fd(), config_.fd()) + 1;
+  int width = config_.fd() + 1;
+  control_.AddToSets(&readable, &writable, &width);
   sources_.AddToSets(&readable, &exceptional, &width);
   struct timespec timeout = FollowTimeout(max_wait);
   // Time-outs, interruptions and errors alike just end the round.
   const int ready =
-      pselect(width, &readable, nullptr, &exceptional, &timeout, &wait_mask);
+      pselect(width, &readable, &writable, &exceptional, &timeout, &wait_mask);
   ReportKillSignal();
   if (g_stop_flag.load()) return false;
   if (ready > 0) {
-    // The configuration watch goes first, so a command that arrives
-    // together with a configuration change already sees the new
-    // configuration.
+    // A configuration change only notes a reload; it runs once the changes
+    // were gathered and the previous reload is far enough back.
     if (FD_ISSET(config_.fd(), &readable)) HandleInotify();
-    if (FD_ISSET(control_.fd(), &readable)) HandleDomainSocket();
+    HandleDomainSocket(readable, writable);
     sources_.Handle(readable, exceptional, clock_->NowMillis());
   }
+  // Control clients that ran out of time, ready or not.
+  control_.ExpireClients();
   FollowSources();
+  if (config_.TakeDue(clock_->NowMillis())) ReloadMonitorQueues();
   // What the service manager shows follows what is watched.
   const auto watching = std::make_pair(volumes_.size(), monitor_queues.size());
   if (watching != shown_) {
@@ -269,9 +272,7 @@ void Daemon::SaveDaemonRunStatus() {
 
 bool Daemon::SetupInotify() { return config_.Open(); }
 
-void Daemon::HandleInotify() {
-  if (config_.ReadChanges()) ReloadMonitorQueues();
-}
+void Daemon::HandleInotify() { config_.Handle(clock_->NowMillis()); }
 
 void Daemon::ReloadMonitorQueues() {
   NotifyState("reloading");
@@ -288,6 +289,9 @@ void Daemon::ReloadMonitorQueues() {
   }
   DestroyReloadSemaphore();
   NotifyWatching();
+  // Whatever asked for it, the next reload for a configuration change
+  // keeps its distance from this one.
+  config_.Reloaded(clock_->NowMillis());
 }
 
 void Daemon::CreateReloadSemaphore() {
@@ -323,7 +327,10 @@ void Daemon::PostReloadSemaphore() {
 
 bool Daemon::SetupDomainSocket() { return control_.Open(); }
 
-void Daemon::HandleDomainSocket() { control_.ServeOne(); }
+void Daemon::HandleDomainSocket(const fd_set& readable,
+                                const fd_set& writable) {
+  control_.Handle(readable, writable);
+}
 
 int32_t Daemon::HandleConnection(int conn) {
   return control_.ServeConnection(conn);

@@ -29,6 +29,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
+#include <sys/select.h>
 #include <time.h>
 
 #include <json/json.h>
@@ -102,9 +103,9 @@ class Daemon : public VolumeContext, private ControlHandler {
   // serve; either way Cleanup must follow. REQUIRES: called once.
   bool Start();
   // One round of the main loop: waits at most `max_wait` (less when
-  // followed changes fall due earlier) for the configuration watch, the
-  // control socket or a followed source, serves what is ready, then carries
-  // out the followed changes that are due. Returns false, having served
+  // followed changes or a reload fall due earlier) for the configuration
+  // watch, the control socket or a followed source, serves what is ready,
+  // then carries out the followed changes and the reload that are due. Returns false, having served
   // nothing, once a stop was requested. REQUIRES: Start returned true.
   bool Step(std::chrono::milliseconds max_wait);
   // The teardown: closes the socket and the watches, stops every volume,
@@ -141,14 +142,17 @@ class Daemon : public VolumeContext, private ControlHandler {
   bool SetupInotify();
   void HandleInotify();
   // Has every processor take its queued events, reloads the monitor queues
-  // and waits until every receiver has re-added its watches.
+  // and waits until every receiver has re-added its watches. Configuration
+  // changes lead here through ConfigWatch's pacing (at most about one a
+  // second); share changes through SourceWatch's settling.
   void ReloadMonitorQueues();
   void CreateReloadSemaphore();
   void DestroyReloadSemaphore();
 
   // Control socket.
   bool SetupDomainSocket();
-  void HandleDomainSocket();
+  // Serves the control clients that select found ready.
+  void HandleDomainSocket(const fd_set& readable, const fd_set& writable);
   static bool ReadSocket(int fd, uint64_t length, char* buffer);
 
   // ControlHandler: the commands.
@@ -179,8 +183,9 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // Following the mount table, the volume table and the shares (follow.cc).
   void SetupFollow();
-  // How long the main loop may wait: until followed changes fall due, at
-  // most `longest`.
+  // How long the main loop may wait: until followed changes, a
+  // configuration reload or a control client's deadline fall due, at most
+  // `longest`.
   struct timespec FollowTimeout(std::chrono::milliseconds longest) const;
   // Carries out the followed changes that are due, if any.
   void FollowSources();

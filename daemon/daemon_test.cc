@@ -352,28 +352,89 @@ TEST_F(DaemonTest, VolumeCommands) {
   EXPECT_EQ((Journal{"1 made"}), fakes_.TakeJournal());
 }
 
-TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueues) {
+TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueuesOnceGathered) {
   ASSERT_TRUE(Start());
   fakes_.TakeJournal();
   AddQueue("user.d/20-sync.json", "sync", "Public");
   Step();
+  // Gathered first: more changes may follow.
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  AddQueue("user.d/30-more.json", "more", "Public");
+  clock_.Advance(milliseconds(ConfigWatch::kGatherMillis - 1));
+  Step();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  clock_.Advance(milliseconds(1));
+  Step();
+  // Both changes in one reload.
   EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
             fakes_.TakeJournal());
-  EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
+  EXPECT_EQ(3u, daemon_->GetMonitorQueues().size());
   // Other names change nothing.
   dir_.Write("conf/user.d/30-x.json.tmp", "{}");
+  Step();
+  clock_.Advance(seconds(2));
   Step();
   EXPECT_TRUE(fakes_.TakeJournal().empty());
 }
 
-TEST_F(DaemonTest, ConfigurationIsServedBeforeACommandOfTheSameRound) {
+TEST_F(DaemonTest, ChangesInALoopReloadAtMostOnceASecond) {
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  // A user rewrites a file of user.d every 10 ms for 3 seconds.
+  int reloads = 0;
+  for (int i = 0; i < 300; ++i) {
+    AddQueue("user.d/20-sync.json", "sync" + std::to_string(i % 2), "Public");
+    Step();
+    for (const std::string& entry : fakes_.TakeJournal()) {
+      if (entry == "1 NotifyProcessor") ++reloads;
+    }
+    clock_.Advance(milliseconds(10));
+  }
+  // The first after 200 ms, then one a second: 3 in 3 seconds.
+  EXPECT_EQ(3, reloads);
+  // The last change is not lost: it is loaded a second after the last
+  // reload at the latest.
+  clock_.Advance(milliseconds(ConfigWatch::kReloadIntervalMillis));
+  Step();
+  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
+            fakes_.TakeJournal());
+}
+
+TEST_F(DaemonTest, AStalledControlClientDoesNotHoldTheMainLoop) {
+  ASSERT_TRUE(Start());
+  // Half a length, then nothing, for as long as the test runs.
+  const int stalled =
+      ConnectAndSend(dir_.File("control.sock"), std::string("\x10\0", 2));
+  ASSERT_GE(stalled, 0);
+  const auto start = std::chrono::steady_clock::now();
+  Step();
+  // Other clients and configuration changes are served meanwhile.
+  EXPECT_EQ(1, Status()["monitor_queues"].asInt());
+  AddQueue("app.d/20-thumbs.json", "thumbs", "Media");
+  Step();
+  clock_.Advance(milliseconds(ConfigWatch::kGatherMillis));
+  Step();
+  EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
+  EXPECT_LT(std::chrono::steady_clock::now() - start,
+            milliseconds(ControlServer::kRequestTimeoutMillis / 2));
+  // The stalled one is answered -1 once its time ran out; the round that
+  // does it waits no longer than that.
+  ASSERT_TRUE(daemon_->Step(seconds(10)));
+  EXPECT_EQ(-1, ReplyOf(ReadToEnd(stalled)));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+  close(stalled);
+}
+
+TEST_F(DaemonTest, TheWaitEndsWhenAReloadFallsDue) {
   ASSERT_TRUE(Start());
   AddQueue("app.d/20-thumbs.json", "thumbs", "Media");
-  const int fd = Send(R"({"type":"status","data":{}})");
   Step();
-  Json::Value status;
-  EXPECT_EQ(0, Reply(fd, &status));
-  EXPECT_EQ(2u, status["monitor_queues"].asUInt());
+  clock_.Advance(milliseconds(ConfigWatch::kGatherMillis));
+  // Nothing is ready, but the reload is due: the round waits for nothing.
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(daemon_->Step(seconds(10)));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+  EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
 }
 
 TEST_F(DaemonTest, VolumeTableChangesAreFollowedOnceSettled) {

@@ -60,8 +60,12 @@ void Daemon::SetupFollow() {
 
 struct timespec Daemon::FollowTimeout(std::chrono::milliseconds longest) const {
   int64_t millis = std::max<int64_t>(0, longest.count());
-  const int64_t due = sources_.MillisUntilDue(clock_->NowMillis());
-  if (due >= 0) millis = std::min(millis, due);
+  const int64_t now = clock_->NowMillis();
+  for (const int64_t due :
+       {sources_.MillisUntilDue(now), config_.MillisUntilDue(now),
+        control_.MillisUntilDeadline()}) {
+    if (due >= 0) millis = std::min(millis, due);
+  }
   struct timespec timeout;
   timeout.tv_sec = static_cast<time_t>(millis / 1000);
   timeout.tv_nsec = static_cast<long>(millis % 1000) * 1000000L;

@@ -4,7 +4,7 @@
 // input with HandleConnection, exactly as the main loop serves an accepted
 // client: the 8-byte length, the body, JSON parsing, member conversion and
 // every command. The client's end is closed for writing after the request,
-// so a short request ends in the end-of-data path instead of the 5-second
+// so a short request ends in the end-of-data path instead of the 1-second
 // time-out. The reply must be the 4 bytes of 0 or -1, equal to what the
 // handler returned.
 //

@@ -5,8 +5,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <string_view>
 #include <vector>
 
+#include "base/clock.h"
+#include "base/text_escape.h"
+#include "log_repeat.h"
 #include "log_format.h"
 
 namespace YULO {
@@ -17,6 +23,26 @@ std::atomic<int32_t> LOG_LEVEL{3};
 namespace {
 
 std::atomic<LogSink> g_sink{nullptr};
+
+// The system log is shared by the whole machine: a line that repeats (the
+// same failure again and again, a client that keeps sending bad commands)
+// is thinned out before it gets there. A sink installed with SetLogSink
+// gets every line.
+std::mutex g_repeat_lock;
+LogRepeatLimiter g_repeats;
+
+void WriteToSyslog(const std::string& line) {
+  std::vector<std::string> summaries;
+  bool admit;
+  {
+    std::lock_guard<std::mutex> guard(g_repeat_lock);
+    admit = g_repeats.Admit(line, MonotonicMillis(), &summaries);
+  }
+  for (const std::string& summary : summaries) {
+    syslog(LOG_ERR, "log:%d %s", __LINE__, summary.c_str());
+  }
+  if (admit) syslog(LOG_ERR, "%s", line.c_str());
+}
 
 }  // namespace
 
@@ -59,14 +85,23 @@ std::string FormatLogLine(const char* file, int line, int saved_errno,
   const int n = std::vsnprintf(small, sizeof(small), fmt, copy);
   va_end(copy);
   if (n < 0) return text;
-  if (static_cast<size_t>(n) < sizeof(small)) {
-    text.append(small, n);
-    return text;
+  std::vector<char> big;
+  std::string_view message(small, static_cast<size_t>(n));
+  if (static_cast<size_t>(n) >= sizeof(small)) {
+    big.resize(static_cast<size_t>(n) + 1);
+    errno = saved_errno;
+    std::vsnprintf(big.data(), big.size(), fmt, args);
+    message = std::string_view(big.data(), static_cast<size_t>(n));
   }
-  std::vector<char> big(static_cast<size_t>(n) + 1);
-  errno = saved_errno;
-  std::vsnprintf(big.data(), big.size(), fmt, args);
-  text.append(big.data(), n);
+  // File names, subscription texts and command arguments end up in
+  // messages: escaped here, one place for every line, so that none of them
+  // can start a forged line or reach a terminal as control sequences. The
+  // prefix above is plain text.
+  if (NeedsEscape(message)) {
+    text += EscapeText(message);
+  } else {
+    text.append(message);
+  }
   return text;
 }
 
@@ -82,7 +117,7 @@ void LogWrite(const char* file, int line, const char* fmt, ...) {
   if (sink != nullptr) {
     sink(LOG_ERR, text.c_str());
   } else {
-    syslog(LOG_ERR, "%s", text.c_str());
+    WriteToSyslog(text);
   }
   errno = saved_errno;
 }

@@ -11,7 +11,9 @@ namespace YULO {
 namespace YULOTIFYD {
 
 // The text LogWrite hands to syslog, without writing it. `saved_errno` is
-// what "%m" expands to.
+// what "%m" expands to. The formatted message is escaped (EscapeText in
+// base/text_escape.h): a line feed, an escape sequence or a broken UTF-8
+// byte from a file name comes out as "\xNN".
 std::string FormatLogLine(const char* file, int line, int saved_errno,
                           const char* fmt, va_list args)
     __attribute__((format(printf, 4, 0)));

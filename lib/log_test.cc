@@ -59,6 +59,17 @@ TEST(LogTest, LongMessagesAreNotCut) {
   EXPECT_EQ(s, "f:1 path=" + big);
 }
 
+TEST(LogTest, ControlCharactersInTheMessageAreEscaped) {
+  // One line stays one line; an escape sequence reaches nobody's terminal.
+  EXPECT_EQ(Format("monitor_queue", 9, 0, "skipped %s: %s",
+                   "/etc/u/a\nmonitor_queue:1 forged.json", "\x1b[2J"),
+            "monitor_queue:9 skipped /etc/u/a\\x0amonitor_queue:1 "
+            "forged.json: \\x1b[2J");
+  const std::string big(600, 'x');
+  EXPECT_EQ(Format("f.cc", 1, 0, "%s\r", big.c_str()),
+            "f:1 " + big + "\\x0d");
+}
+
 TEST(LogTest, LogWriteKeepsErrno) {
   errno = EACCES;
   LogWrite(__FILE__, __LINE__, "test line from log_test, reason=%m");

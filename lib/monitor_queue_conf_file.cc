@@ -8,12 +8,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "base/errno_text.h"
 #include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "lib/monitor_queue_internal.h"
+#include "yulotifyd/fs_ids.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -128,6 +130,42 @@ bool ReadConfFile(const std::string& file, ConfFile* conf,
     }
   }
   return ok;
+}
+
+bool OwnerMayList(const std::string& dir, uid_t uid, gid_t gid,
+                  std::string* reason) {
+  if (uid == 0) return true;
+  std::optional<ScopedFsIds> ids;
+  if (ScopedFsIds::CurrentFsUid() != uid ||
+      ScopedFsIds::CurrentFsGid() != gid) {
+    ids.emplace(uid, gid);
+    if (!ids->ok()) {
+      *reason = "cannot check with the rights of uid " + std::to_string(uid) +
+                ": " + ErrnoText(errno);
+      return false;
+    }
+  }
+  // Opening the directory for reading takes search on the way there and
+  // read on it; looking up "." in it takes search on it. O_DIRECTORY: any
+  // other kind of file is refused unopened (a FIFO cannot block us).
+  int err = 0;
+  {
+    UniqueFd fd(RetryOnEintr([&] {
+      return open(dir.c_str(),
+                  O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+    }));
+    struct stat st;
+    if (!fd.Valid() || fstatat(fd.Get(), ".", &st, 0) != 0) err = errno;
+  }
+  if (ids && !ids->Restore()) {
+    *reason = "cannot restore the daemon's own rights";
+    return false;
+  }
+  if (err != 0) {
+    *reason = ErrnoText(err);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace monitor_queue_internal

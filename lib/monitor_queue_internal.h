@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,18 +55,36 @@ struct ConfFile {
 bool ReadConfFile(const std::string& file, ConfFile* conf,
                   std::string* reason);
 
+// Whether the user `uid` (group `gid`, no supplementary groups: as the
+// daemon writes queue files) may list `dir`: search every directory on the
+// way, read and search `dir` itself. Checked by the kernel with the calling
+// thread's file-system ids switched to `uid` and `gid` (which takes
+// CAP_SETUID and CAP_SETGID unless they are the thread's own already), so
+// ACLs count too. False, with `reason` set, when not, or when it cannot be
+// checked. Always true for root.
+bool OwnerMayList(const std::string& dir, uid_t uid, gid_t gid,
+                  std::string* reason);
+
 // monitor_queue_parse.cc
+
+// The queue event codes a subscription in user.d may not ask for: they tell
+// who reads which file, which is nobody else's business.
+constexpr uint32_t kOwnerOnlyEvents =
+    QUEUE_EVENT_ACCESS | QUEUE_EVENT_OPEN | QUEUE_EVENT_CLOSE_NOWRITE;
 
 // Reads and parses one configuration file into `out` (when given). False,
 // with `reason` set, when the whole file is to be skipped; never throws.
 // `reports`, when given, receives one entry per monitor and nothing is
 // logged; else every dropped monitor is logged. `unsafe`, when given, is set
 // when the file was refused as unsafe.
+// `type` is the directory the file was found in: a file of user.d is held
+// to what its owner could see (see MonitorQueue::LoadAll).
 bool LoadFileGuarded(const std::string& file,
                      const MonitorQueue::ShareResolver& resolve,
                      MonitorQueue* out, std::string* reason,
                      std::vector<MonitorQueue::MonitorReport>* reports,
-                     bool* unsafe);
+                     bool* unsafe,
+                     _tag_monitor_queue_type_ type = MONITOR_QUEUE_TYPE_SYSTEM);
 
 }  // namespace monitor_queue_internal
 }  // namespace YULOTIFYD

@@ -164,7 +164,8 @@ int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues,
       MonitorQueue queue;
       std::string reason;
       bool unsafe = false;
-      if (LoadFileGuarded(file, resolve, &queue, &reason, nullptr, &unsafe)) {
+      if (LoadFileGuarded(file, resolve, &queue, &reason, nullptr, &unsafe,
+                          type)) {
         YULO_LOG_DEBUG_AS(
             kLogSource,
             "loaded monitor queue file %s: queue %s, %zu monitors, owner "
@@ -236,7 +237,7 @@ std::vector<MonitorQueue::FileReport> MonitorQueue::Describe(
       MonitorQueue queue;
       std::string why;
       report.loaded = LoadFileGuarded(report.file, resolve, &queue, &why,
-                                      &report.monitors, nullptr);
+                                      &report.monitors, nullptr, type);
       if (report.loaded) {
         report.queue_path = queue.GetQueuePath();
         report.owner_uid = queue.GetOwnerUid();

@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "lib/monitor_queue_test_fixture.h"
+#include "yulotifyd/log.h"
+#include "yulotifyd/fs_ids.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -167,6 +169,161 @@ TEST_F(MonitorQueueTest, BadFilesAreSkippedOthersLoad) {
 }
 
 // ---------------------------------------------------------------------------
+// user.d: what a user's subscription may see
+
+// The lines logged while it is installed (SetLogSink).
+std::vector<std::string>& SunkLines() {
+  static std::vector<std::string> lines;
+  return lines;
+}
+void SinkLine(int, const char* line) { SunkLines().push_back(line); }
+
+// The monitors of `file` as Describe reports them.
+std::vector<MonitorQueue::MonitorReport> MonitorsOf(
+    const std::vector<MonitorQueue::FileReport>& files,
+    const std::string& file) {
+  for (const auto& f : files) {
+    if (f.file == file) return f.monitors;
+  }
+  ADD_FAILURE() << file << " not described";
+  return {};
+}
+
+TEST_F(MonitorQueueTest, UserSubscriptionsMayNotAskWhoReadsWhat) {
+  const std::string share = root_ + "/share";
+  ASSERT_TRUE(fs::create_directories(share));
+  resolve_ = MapResolver({{"Public", share}});
+  const std::string text = R"({"queue": "/q/u", "monitors": [
+      {"share": "Public", "events": ["access", "create"]},
+      {"share": "Public", "events": 1023},
+      {"share": "Public", "events": ["open"]},
+      {"share": "Public"},
+      {"share": "Public", "events": ["create", "close_write"]}]})";
+  const std::string user = WriteConf(MONITOR_QUEUE_TYPE_USER, "u.json", text);
+  const std::string system =
+      WriteConf(MONITOR_QUEUE_TYPE_SYSTEM, "s.json", text);
+
+  const auto files = MonitorQueue::Describe(root_, resolve_, nullptr);
+  const auto monitors = MonitorsOf(files, user);
+  ASSERT_EQ(5u, monitors.size());
+  const uint32_t kOthers = QUEUE_EVENT_ALL & ~(QUEUE_EVENT_ACCESS |
+                                               QUEUE_EVENT_OPEN |
+                                               QUEUE_EVENT_CLOSE_NOWRITE);
+  const std::string left_out =
+      "access, open and close_nowrite left out: subscriptions in user.d do "
+      "not get them";
+  ASSERT_TRUE(monitors[0].loaded) << monitors[0].reason;
+  EXPECT_EQ(QUEUE_EVENT_CREATE, monitors[0].config.events);
+  EXPECT_EQ(left_out, monitors[0].reason);
+  ASSERT_TRUE(monitors[1].loaded) << monitors[1].reason;
+  EXPECT_EQ(kOthers, monitors[1].config.events);
+  EXPECT_EQ(left_out, monitors[1].reason);
+  // Nothing left: dropped.
+  EXPECT_FALSE(monitors[2].loaded);
+  EXPECT_EQ("asks only for access, open or close_nowrite, which "
+            "subscriptions in user.d do not get",
+            monitors[2].reason);
+  // Without "events": everything else, nothing to say.
+  ASSERT_TRUE(monitors[3].loaded) << monitors[3].reason;
+  EXPECT_EQ(kOthers, monitors[3].config.events);
+  EXPECT_EQ("", monitors[3].reason);
+  ASSERT_TRUE(monitors[4].loaded);
+  EXPECT_EQ(QUEUE_EVENT_CREATE | QUEUE_EVENT_CLOSE_WRITE,
+            monitors[4].config.events);
+  EXPECT_EQ("", monitors[4].reason);
+  // The same file in system.d asks for what it likes.
+  for (const auto& m : MonitorsOf(files, system)) {
+    EXPECT_TRUE(m.loaded) << m.index << ": " << m.reason;
+    EXPECT_EQ("", m.reason);
+  }
+
+  // LoadAll does the same, with a line for each.
+  SunkLines().clear();
+  const LogSink before = SetLogSink(&SinkLine);
+  std::vector<MonitorQueue> queues;
+  const int loaded = MonitorQueue::LoadAll(queues, root_, resolve_);
+  SetLogSink(before);
+  ASSERT_EQ(2, loaded);
+  EXPECT_EQ(5u, queues[0].GetConfigs().size());  // system.d first
+  ASSERT_EQ(4u, queues[1].GetConfigs().size());
+  EXPECT_EQ(QUEUE_EVENT_CREATE, queues[1].GetConfigs()[0].events);
+  std::vector<std::string> lines;
+  for (const std::string& line : SunkLines()) {
+    if (line.find(user) != std::string::npos) {
+      lines.push_back(line.substr(line.find(' ') + 1));
+    }
+  }
+  EXPECT_EQ((std::vector<std::string>{
+                "monitor queue file " + user + ": monitors[0]: " + left_out,
+                "monitor queue file " + user + ": monitors[1]: " + left_out,
+                "monitor queue file " + user +
+                    ": monitors[2] skipped: asks only for access, open or "
+                    "close_nowrite, which subscriptions in user.d do not get"}),
+            lines);
+}
+
+// Labelled "root" in CMakeLists.txt: it switches to another user's ids.
+TEST_F(MonitorQueueTest, UserSubscriptionNeedsItsOwnerToListTheDirectory) {
+  ASSERT_EQ(0u, geteuid()) << "needs root to check as another user";
+  constexpr uid_t kUser = 65534;
+  constexpr gid_t kGroup = 65534;
+  ASSERT_EQ(0, chmod(root_.c_str(), 0755));
+  const std::string share = root_ + "/share";
+  for (const auto& [dir, mode] :
+       std::vector<std::pair<std::string, mode_t>>{{"", 0755},
+                                                   {"/open", 0755},
+                                                   {"/closed", 0700},
+                                                   {"/search-only", 0711},
+                                                   {"/open/sub", 0755}}) {
+    fs::create_directories(share + dir);
+    ASSERT_EQ(0, chmod((share + dir).c_str(), mode));
+  }
+  resolve_ = MapResolver({{"Public", share}});
+  const std::string text = R"({"queue": "/q/u", "monitors": [
+      {"share": "Public", "dir": "open", "events": 64},
+      {"share": "Public", "dir": "closed", "events": 64},
+      {"share": "Public", "dir": "search-only", "events": 64},
+      {"share": "Public", "dir": "closed/sub", "events": 64},
+      {"share": "Public", "dir": "missing", "events": 64},
+      {"share": "Public", "dir": "open/sub", "events": 64}]})";
+  const std::string user = WriteConf(MONITOR_QUEUE_TYPE_USER, "u.json", text);
+  ASSERT_EQ(0, chown(user.c_str(), kUser, kGroup));
+  // Files of system.d and app.d are trusted with any directory.
+  const std::string app = WriteConf(MONITOR_QUEUE_TYPE_APP, "a.json", text);
+  ASSERT_EQ(0, chown(app.c_str(), kUser, kGroup));
+
+  const auto files = MonitorQueue::Describe(root_, resolve_, nullptr);
+  const auto monitors = MonitorsOf(files, user);
+  ASSERT_EQ(6u, monitors.size());
+  EXPECT_TRUE(monitors[0].loaded) << monitors[0].reason;
+  EXPECT_EQ("its owner, uid 65534, cannot list " + share +
+                "/closed: Permission denied",
+            monitors[1].reason);
+  EXPECT_EQ("its owner, uid 65534, cannot list " + share +
+                "/search-only: Permission denied",
+            monitors[2].reason);
+  EXPECT_EQ("its owner, uid 65534, cannot list " + share +
+                "/closed/sub: Permission denied",
+            monitors[3].reason);
+  EXPECT_EQ("its owner, uid 65534, cannot list " + share +
+                "/missing: No such file or directory",
+            monitors[4].reason);
+  EXPECT_TRUE(monitors[5].loaded) << monitors[5].reason;
+  for (const auto& m : MonitorsOf(files, app)) {
+    EXPECT_TRUE(m.loaded || m.index == 4) << m.index << ": " << m.reason;
+  }
+  // The checks leave the thread's own rights as they were.
+  EXPECT_EQ(0u, ScopedFsIds::CurrentFsUid());
+  EXPECT_EQ(0u, ScopedFsIds::CurrentFsGid());
+
+  std::vector<MonitorQueue> queues;
+  ASSERT_EQ(2, MonitorQueue::LoadAll(queues, root_, resolve_));
+  ASSERT_EQ(2u, queues[1].GetConfigs().size());
+  EXPECT_EQ(share + "/open", queues[1].GetConfigs()[0].directory);
+  EXPECT_EQ(share + "/open/sub", queues[1].GetConfigs()[1].directory);
+}
+
+// ---------------------------------------------------------------------------
 // LoadFile: file-level failures
 
 TEST_F(MonitorQueueTest, FileLevelReasons) {
@@ -271,7 +428,9 @@ TEST_F(MonitorQueueTest, ConcurrentReloadAndCopy) {
   }
   for (int i = 0; i < 5; ++i) {
     const std::string dir = MonitorQueue::GetConfDir(
-        i < 2 ? MONITOR_QUEUE_TYPE_SYSTEM : MONITOR_QUEUE_TYPE_USER, root_b);
+        // Not user.d: its monitors need directories their owner may list,
+        // and these do not exist.
+        i < 2 ? MONITOR_QUEUE_TYPE_SYSTEM : MONITOR_QUEUE_TYPE_APP, root_b);
     fs::create_directories(dir);
     const std::string queue = "/q/b" + std::to_string(i);
     WriteText(dir + "/" + std::to_string(i) + ".json",

@@ -71,10 +71,16 @@ bool ParseEvents(const Json::Value& value, uint32_t* events,
 // Reads one entry of "monitors". Returns false, having logged why (or, when
 // `problem_out` is given, stored why instead), when the monitor is to be
 // dropped.
+//
+// `user`, for a file of user.d, is that file: its owner may only watch
+// directories they may list, and never gets the events that tell who reads
+// what (kOwnerOnlyEvents). Asking for them leaves them out, with `note` set
+// to say so; a monitor left with no event is dropped.
 bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
                   const std::string& file,
                   const MonitorQueue::ShareResolver& resolve,
-                  MonitorQueue::MonitorQueueConfig* out,
+                  const ConfFile* user,
+                  MonitorQueue::MonitorQueueConfig* out, std::string* note,
                   std::string* problem_out = nullptr) {
   const unsigned number = static_cast<unsigned>(index);
   auto drop = [&](const std::string& problem) {
@@ -136,9 +142,19 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
   }
 
   uint32_t events = QUEUE_EVENT_ALL;
+  if (user != nullptr) events &= ~kOwnerOnlyEvents;
   if (m.isMember("events")) {
     std::string problem;
     if (!ParseEvents(m["events"], &events, &problem)) return drop(problem);
+    if (user != nullptr && (events & kOwnerOnlyEvents) != 0) {
+      events &= ~kOwnerOnlyEvents;
+      if (events == 0) {
+        return drop("asks only for access, open or close_nowrite, which "
+                    "subscriptions in user.d do not get");
+      }
+      *note = "access, open and close_nowrite left out: subscriptions in "
+              "user.d do not get them";
+    }
   }
 
   std::vector<std::string> exclude;
@@ -178,9 +194,17 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
     }
   }
 
-  *out = MonitorQueue::MakeConfig(share, normalized_share_path, dir,
-                                  recursive, events);
-  out->exclude = std::move(exclude);
+  MonitorQueue::MonitorQueueConfig config = MonitorQueue::MakeConfig(
+      share, normalized_share_path, dir, recursive, events);
+  std::string why;
+  if (user != nullptr && !config.directory.empty() &&
+      !OwnerMayList(config.directory, user->owner_uid, user->owner_gid,
+                    &why)) {
+    return drop("its owner, uid " + std::to_string(user->owner_uid) +
+                ", cannot list " + config.directory + ": " + why);
+  }
+  config.exclude = std::move(exclude);
+  *out = std::move(config);
   return true;
 }
 
@@ -189,8 +213,8 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
 bool LoadFileUnguarded(
     const std::string& file, const MonitorQueue::ShareResolver& resolve,
     MonitorQueue* out, std::string* reason,
-    std::vector<MonitorQueue::MonitorReport>* reports = nullptr,
-    bool* unsafe = nullptr) {
+    std::vector<MonitorQueue::MonitorReport>* reports,
+    bool* unsafe, _tag_monitor_queue_type_ type) {
   if (!resolve) {
     *reason = "no share resolver";
     return false;
@@ -241,13 +265,23 @@ bool LoadFileUnguarded(
       MonitorQueue::MonitorQueueConfig config;
       MonitorQueue::MonitorReport report;
       report.index = static_cast<unsigned>(i);
+      std::string note;
       const bool loaded =
-          ParseMonitor(monitors[i], i, file, resolve, &config,
+          ParseMonitor(monitors[i], i, file, resolve,
+                       type == MONITOR_QUEUE_TYPE_USER ? &conf : nullptr,
+                       &config, &note,
                        reports != nullptr ? &report.reason : nullptr);
       if (reports != nullptr) {
         report.loaded = loaded;
-        if (loaded) report.config = config;
+        if (loaded) {
+          report.config = config;
+          report.reason = note;
+        }
         reports->push_back(std::move(report));
+      } else if (loaded && !note.empty()) {
+        YULO_LOG_ALWAYS_AS(kLogSource, "monitor queue file %s: monitors[%u]: %s",
+                           file.c_str(), static_cast<unsigned>(i),
+                           note.c_str());
       }
       if (loaded) configs.push_back(std::move(config));
     }
@@ -267,9 +301,11 @@ bool LoadFileUnguarded(
 bool LoadFileGuarded(
     const std::string& file, const MonitorQueue::ShareResolver& resolve,
     MonitorQueue* out, std::string* reason,
-    std::vector<MonitorQueue::MonitorReport>* reports, bool* unsafe) {
+    std::vector<MonitorQueue::MonitorReport>* reports, bool* unsafe,
+    _tag_monitor_queue_type_ type) {
   try {
-    return LoadFileUnguarded(file, resolve, out, reason, reports, unsafe);
+    return LoadFileUnguarded(file, resolve, out, reason, reports, unsafe,
+                             type);
   } catch (const std::exception& e) {
     *reason = std::string("unexpected error: ") + e.what();
   } catch (...) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/text_escape.h"
 #include "tools/ctl.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/monitor_queue.h"
@@ -105,6 +106,7 @@ int RunQueues(const Args& args) {
           if (!m.loaded) {
             mv["reason"] = m.reason;
           } else {
+            if (!m.reason.empty()) mv["note"] = m.reason;
             if (m.config.share.empty()) {
               mv["path"] = m.config.share_path;
             } else {
@@ -132,20 +134,26 @@ int RunQueues(const Args& args) {
     return std::cout.good() ? kExitOk : kExitFailed;
   }
 
+  // Every text below may come from a user (file names in user.d, queue
+  // paths, share names and directories, reasons quoting them): escaped, so
+  // that none can end its line early or drive the terminal. --json keeps
+  // the raw values, which its writer escapes as JSON wants.
+  const auto E = [](const std::string& text) { return EscapeText(text); };
   for (const auto& d : dirs) {
     if (!d.exists) {
-      std::cout << "(" << d.dir << " does not exist)\n";
+      std::cout << "(" << E(d.dir) << " does not exist)\n";
     } else if (!d.error.empty()) {
-      std::cout << "(" << d.dir << " cannot be read: " << d.error << ")\n";
+      std::cout << "(" << E(d.dir) << " cannot be read: " << E(d.error)
+                << ")\n";
     }
   }
   for (const auto& f : files) {
-    std::cout << f.file << "\n";
+    std::cout << E(f.file) << "\n";
     if (!f.loaded) {
-      std::cout << "  skipped: " << f.reason << "\n";
+      std::cout << "  skipped: " << E(f.reason) << "\n";
       continue;
     }
-    std::cout << "  queue " << f.queue_path;
+    std::cout << "  queue " << E(f.queue_path);
     if (f.owner_uid != 0) {
       std::cout << ", written as uid " << f.owner_uid << " gid "
                 << f.owner_gid;
@@ -155,16 +163,16 @@ int RunQueues(const Args& args) {
     for (const auto& m : f.monitors) {
       std::cout << "  monitors[" << m.index << "] ";
       if (!m.loaded) {
-        std::cout << "skipped: " << m.reason << "\n";
+        std::cout << "skipped: " << E(m.reason) << "\n";
         continue;
       }
       const auto& c = m.config;
       if (c.share.empty()) {
-        std::cout << "path " << c.share_path;
+        std::cout << "path " << E(c.share_path);
       } else {
-        std::cout << "share \"" << c.share << "\" at " << c.share_path;
+        std::cout << "share \"" << E(c.share) << "\" at " << E(c.share_path);
       }
-      std::cout << ", dir \"" << c.dir << "\", "
+      std::cout << ", dir \"" << E(c.dir) << "\", "
                 << (c.recursive ? "recursive" : "not recursive")
                 << ", events " << c.events << " (" << EventNames(c.events)
                 << ")";
@@ -177,14 +185,15 @@ int RunQueues(const Args& args) {
       if (c.directory.empty()) {
         std::cout << ": matches nothing";
       } else {
-        std::cout << ": watches " << c.directory;
+        std::cout << ": watches " << E(c.directory);
       }
+      if (!m.reason.empty()) std::cout << " (" << E(m.reason) << ")";
       std::cout << "\n";
     }
   }
   std::cout << loaded << (loaded == 1 ? " queue" : " queues") << " from "
             << files.size() << (files.size() == 1 ? " file" : " files")
-            << " under " << conf_root << std::endl;
+            << " under " << E(conf_root) << std::endl;
   return std::cout.good() ? kExitOk : kExitFailed;
 }
 

@@ -5,14 +5,18 @@
 #include <sstream>
 #include <vector>
 
+#include "base/text_escape.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 
 namespace {
 
+// A member as table text. Strings (paths, error texts) may come from any
+// user: their control characters are escaped before a terminal sees them.
 std::string Text(const Json::Value& v, const char* key) {
   const Json::Value& m = v[key];
-  if (m.isString()) return m.asString();
+  if (m.isString()) return EscapeText(m.asString());
   if (m.isNull()) return "-";
   if (m.isBool()) return m.asBool() ? "yes" : "no";
   std::ostringstream out;
@@ -111,7 +115,7 @@ std::string StatusTable(const Json::Value& status) {
     std::string shares;
     for (const Json::Value& s : v["watched_shares"]) {
       if (!shares.empty()) shares += " ";
-      shares += s.asString();
+      shares += EscapeText(s.asString());
     }
     out << Pad(Text(v, "id"), 8) << Pad(Text(v, "mount_point"), 20)
         << Pad(Number(v, "events_read"), 12)
@@ -127,7 +131,7 @@ std::string StatusTable(const Json::Value& status) {
   for (const Json::Value& f : status["queue_files"]) {
     out << Pad(Text(f, "state"), 9) << Pad(Number(f, "lines_written"), 12)
         << Pad(Number(f, "lines_kept"), 8) << Text(f, "path") << "\n";
-    const std::string error = f["last_error"].asString();
+    const std::string error = EscapeText(f["last_error"].asString());
     if (!error.empty()) {
       out << "         last error " << Time(f, "last_error_time") << ": "
           << error << "\n";

@@ -14,7 +14,9 @@ namespace YULO {
 namespace YULOTIFYD {
 
 // A few aligned lines: the daemon, then one line per volume and per queue
-// file. Members the object lacks show as "-" or 0.
+// file. Members the object lacks show as "-" or 0. Texts are escaped
+// (EscapeText): a queue path with a line feed or an escape sequence stays
+// on its line and cannot drive the terminal.
 std::string StatusTable(const Json::Value& status);
 
 // Every counter and gauge, names prefixed "yulotifyd_", each with its HELP

@@ -78,6 +78,21 @@ TEST(StatusFormatTest, TableShowsVolumesAndFailingFiles) {
       << text;
 }
 
+TEST(StatusFormatTest, TableEscapesTextsFromUsers) {
+  Json::Value status = Sample();
+  status["queue_files"][0]["path"] = "/home/u/q\n\x1b]0;owned\x07";
+  status["queue_files"][0]["last_error"] = "bad\rname";
+  status["volumes"][0]["watched_shares"][0] = "/vol1/\x1b[2J";
+  const std::string text = StatusTable(status);
+  EXPECT_EQ(std::string::npos, text.find('\x1b')) << text;
+  EXPECT_EQ(std::string::npos, text.find('\r')) << text;
+  EXPECT_NE(std::string::npos,
+            text.find("/home/u/q\\x0a\\x1b]0;owned\\x07\n"))
+      << text;
+  EXPECT_NE(std::string::npos, text.find("bad\\x0dname")) << text;
+  EXPECT_NE(std::string::npos, text.find("/vol1/\\x1b[2J")) << text;
+}
+
 TEST(StatusFormatTest, LabelEscapes) {
   EXPECT_EQ(PrometheusLabel("a\\b\"c\nd"), "a\\\\b\\\"c\\nd");
 }

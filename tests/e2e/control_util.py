@@ -36,8 +36,8 @@ def command(type_, data):
 
 def connect(app, timeout=10.0):
     """A connection to the daemon. With a time-out set, Python's connect is
-    non-blocking underneath: a full listen backlog (the daemon serves one
-    client at a time) gives EAGAIN at once, so that is retried."""
+    non-blocking underneath: a full listen backlog (the daemon serves 16
+    clients at a time) gives EAGAIN at once, so that is retried."""
     deadline = time.monotonic() + timeout
     while True:
         s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)

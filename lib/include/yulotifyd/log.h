@@ -11,6 +11,12 @@
 //   YULO_LOG_DEBUG   tracing; written only when LOG_LEVEL is 7
 // "%m" in a format is errno's text, as in syslog(3); errno is preserved from
 // the call site even if evaluating the gate or the arguments changes it.
+// The formatted message is escaped: its control characters, DEL and bytes
+// that are not well-formed UTF-8 come out as "\xNN", so a file name with a
+// line feed or an escape sequence stays on its one line, inert. Lines that
+// repeat are thinned out on their way to syslog: of lines alike but for
+// their numbers, at most 100 go out within 10 seconds, then one line says
+// how many were left out.
 //
 // Thread-safety: all functions may be called from any thread. LOG_LEVEL is
 // read without a lock by every thread and written by the daemon's main thread.
@@ -44,8 +50,9 @@ YULOTIFYD_EXPORT void LogWrite(const char* file, int line, const char* fmt,
 // must be safe to call from any thread at once.
 using LogSink = void (*)(int priority, const char* line);
 
-// Sends every later line to `sink` instead of syslog; nullptr sends them to
-// syslog again. Returns the sink it replaces (nullptr: syslog). Tests
+// Sends every later line to `sink` instead of syslog (every line: the
+// thinning out of repeats is syslog's alone); nullptr sends them to syslog
+// again. Returns the sink it replaces (nullptr: syslog). Tests
 // capture the log this way; a program may send the lines elsewhere.
 YULOTIFYD_EXPORT LogSink SetLogSink(LogSink sink);
 

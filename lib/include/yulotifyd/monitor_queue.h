@@ -121,6 +121,14 @@ class YULOTIFYD_EXPORT MonitorQueue {
   // Replaces `queues` with every queue configured under the compiled-in
   // configuration root, shares resolved through the platform library.
   // Returns how many queues were loaded.
+  //
+  // A subscription in user.d sees only what its owner could: a monitor
+  // whose directory the file's owner cannot list (search and read, checked
+  // by the kernel with the owner's user and group ids, as the queue file is
+  // written) is dropped; access, open and close_nowrite, which tell who
+  // reads what, are left out of its events (logged; a monitor left with no
+  // event is dropped), and without "events" it gets every code but those
+  // three. Each is logged (and reported by Describe) like any other drop.
   static int LoadAll(std::vector<MonitorQueue>& queues);
   // The same from another configuration root and share resolver.
   static int LoadAll(std::vector<MonitorQueue>& queues,
@@ -133,7 +141,8 @@ class YULOTIFYD_EXPORT MonitorQueue {
   // (for a symbolic link made by anyone but root, the link's owner). A file
   // is refused as unsafe, whatever it holds, when it is writable by its group
   // or by others, or lies in a directory writable by others without the
-  // sticky bit; `reason` then begins with "unsafe: ".
+  // sticky bit; `reason` then begins with "unsafe: ". The file is read as
+  // one of system.d or app.d, without user.d's limits (see LoadAll).
   static bool LoadFile(const std::string& file, const ShareResolver& resolve,
                        MonitorQueue* out, std::string* reason);
 
@@ -143,7 +152,8 @@ class YULOTIFYD_EXPORT MonitorQueue {
   struct MonitorReport {
     unsigned index = 0;         // position in the file's "monitors" list
     bool loaded = false;        // false: LoadAll drops this monitor
-    std::string reason;         // why it is dropped
+    std::string reason;         // why it is dropped; for a loaded monitor,
+                                // what was left out of it ("" when nothing)
     MonitorQueueConfig config;  // the monitor, when loaded
   };
   struct FileReport {
