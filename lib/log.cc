@@ -96,12 +96,16 @@ std::string FormatLogLine(const char* file, int line, int saved_errno,
   // File names, subscription texts and command arguments end up in
   // messages: escaped here, one place for every line, so that none of them
   // can start a forged line or reach a terminal as control sequences. The
-  // prefix above is plain text.
+  // prefix above is plain text. One line feed that ends a message (the
+  // kernel layer's lines carry one) ends the line; it forges nothing.
+  const bool ends_line = !message.empty() && message.back() == '\n';
+  if (ends_line) message.remove_suffix(1);
   if (NeedsEscape(message)) {
     text += EscapeText(message);
   } else {
     text.append(message);
   }
+  if (ends_line) text += '\n';
   return text;
 }
 

@@ -68,6 +68,9 @@ TEST(LogTest, ControlCharactersInTheMessageAreEscaped) {
   const std::string big(600, 'x');
   EXPECT_EQ(Format("f.cc", 1, 0, "%s\r", big.c_str()),
             "f:1 " + big + "\\x0d");
+  // A line feed that ends the message only ends the line.
+  EXPECT_EQ(Format("yulotify.cc", 5, 0, "add %s to watch\n", "/a\nb"),
+            "yulotify:5 add /a\\x0ab to watch\n");
 }
 
 TEST(LogTest, LogWriteKeepsErrno) {
