@@ -256,6 +256,8 @@ def test_forwarder_unit_moves_lines_to_the_stream(box):
     write(box, CONF_ROOT + "/system.d/20-forward.json",
           subscription(forward_queue, events=["create"]))
     box.run(["mkdir", "-p", "/etc/yulotifyd/forward"])
+    # A configuration others can read is refused (it may hold secrets).
+    box.run(["sh", "-c", "umask 077 && : > /etc/yulotifyd/forward/fwd1.conf"])
     write(box, "/etc/yulotifyd/forward/fwd1.conf",
           "server=nats://127.0.0.1:4222\nsubject=yulotest.events\n"
           "stream=YULOTEST\nqueue=%s\n" % forward_queue)
