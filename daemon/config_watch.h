@@ -7,6 +7,14 @@
 // nobody knows what changed. A directory that cannot be watched is logged
 // and only loses its live reload.
 //
+// The three directories may come and go while the daemon runs (a package
+// installed after it, an administrator who removes one and makes it
+// again): their parent, the configuration root, is watched too. A
+// directory made or renamed into it is watched from then on and calls for
+// a reload (it may already hold files); one removed or renamed away calls
+// for a reload too, since its files are gone. One missing at start is
+// logged once at info level and watched for, not counted as a failure.
+//
 // Reloads are paced, since anybody who may write in user.d can change the
 // configuration as often as they like: changes are gathered for
 // kGatherMillis after the first (an editor's temporary file and rename, a
@@ -54,8 +62,8 @@ class ConfigWatch {
   void Close();
   // The descriptor to wait on; -1 when not open.
   int fd() const { return fd_.Get(); }
-  // How many directories are watched.
-  size_t watch_count() const { return watch_descriptors_.size(); }
+  // How many of the three directories are watched.
+  size_t watch_count() const;
 
   // Reads everything the instance holds and returns whether it calls for a
   // reload. Never blocks.
@@ -78,15 +86,28 @@ class ConfigWatch {
   void Reloaded(int64_t now_ms);
 
   // Whether the inotify records in `data` (`size` bytes, as read from the
-  // instance) call for a reload. An incomplete last record is ignored.
+  // instance) call for a reload as far as configuration files go. An
+  // incomplete last record is ignored.
   static bool RecordsCallForReload(const char* data, size_t size);
 
  private:
-  void AddWatch(const std::string& path);
+  static constexpr int kTypes = 3;
+
+  // Watches the directory of queue type `type` if it is not watched yet;
+  // `at_start` logs a missing one at info level rather than as a failure.
+  void AddDirWatch(int type, bool at_start);
+  // The records of one read: the files' rule above, and the directories
+  // coming and going. True when they call for a reload.
+  bool HandleRecords(const char* data, size_t size);
+  // The queue type whose directory is named `name` (a record of the
+  // root's), or -1.
+  int TypeOfName(const char* name, size_t length) const;
 
   const std::string conf_root_;
   UniqueFd fd_;
-  std::vector<int> watch_descriptors_;
+  int root_wd_ = -1;
+  int dir_wd_[kTypes] = {-1, -1, -1};
+  std::string dir_name_[kTypes];
   std::vector<char> buffer_;
   bool wanted_ = false;
   int64_t first_ms_ = 0;  // when the first change of the wanted reload came

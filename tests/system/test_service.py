@@ -281,6 +281,29 @@ def test_forwarder_unit_moves_lines_to_the_stream(box):
         "active"
 
 
+def test_configuration_directory_made_later_is_watched(box):
+    # app.d removed, the daemon started without it, then app.d made again
+    # by hand with a subscription in it: no restart needed.
+    box.run(["rm", "-rf", CONF_ROOT + "/app.d"])
+    box.run(["systemctl", "restart", "yulotifyd"])
+    box.run(["mkdir", "-m", "0755", CONF_ROOT + "/app.d"])
+    late = QUEUES + "/late.queue"
+    write(box, CONF_ROOT + "/app.d/late.json",
+          subscription(late, events=["create"]))
+    wait_for(lambda: "late.json" in box.run(["yulotifyctl", "queues"]).stdout,
+             10, "the subscription in the new directory to be listed")
+
+    # A new file each round: the first made after the reload gets a line.
+    tries = []
+
+    def created():
+        tries.append(SHARE + "/late-%d.txt" % len(tries))
+        box.run(["touch", tries[-1]])
+        return any(line["event"] == 64 and line["path"] in tries
+                   for line in queue_lines(box, late))
+    wait_for(created, LINE_TIMEOUT, "the new directory's queue to get a line")
+
+
 def test_poweroff_stops_the_daemon_after_the_file_server(box):
     write(box, "/etc/systemd/system/smbd.service", SMBD_UNIT)
     box.run(["systemctl", "daemon-reload"])
