@@ -12,6 +12,7 @@
 #include <string>
 
 #include "forward/redact.h"
+#include "yulo_build_config.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ using YULO::YULOTIFYD::FORWARD::WithoutUserInfo;
 
 const char kHelp[] =
     "usage: yulotify-forward-dump --server URL --stream NAME [--count]\n"
+    "       yulotify-forward-dump --help | --version\n"
     "\n"
     "Prints every message of stream NAME, one a line:\n"
     "SEQ, Nats-Msg-Id, Yulotifyd-Host, Yulotifyd-Event and the payload,\n"
@@ -85,6 +87,10 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
       fputs(kHelp, stdout);
+      return 0;
+    }
+    if (arg == "--version") {
+      printf("yulotify-forward-dump %s\n", YULOTIFYD_VERSION);
       return 0;
     }
     if (arg == "--count") {

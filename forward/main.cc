@@ -34,6 +34,7 @@
 #include "forward/publisher.h"
 #include "forward/spool.h"
 #include "forward/startup.h"
+#include "yulo_build_config.h"
 #include "yulotifyd/queue_consumer.h"
 
 namespace {
@@ -86,6 +87,7 @@ const char kHelp[] =
     "                         spool-max, interval, queue, user, hidden-dirs; the\n"
     "                         command line wins. Must not be readable or\n"
     "                         writable by others.\n"
+    "  --help, --version      this text; the program's version\n"
     "\n"
     "Stops on SIGTERM or SIGINT, after waiting up to 5 s for the\n"
     "acknowledgements of what it has sent.\n"
@@ -301,6 +303,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  if (options.version) {
+    printf("yulotify-forward %s\n", YULOTIFYD_VERSION);
     return kExitOk;
   }
   // Blocked before the library starts its threads, so that they inherit

@@ -229,6 +229,10 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
       options->help = true;
       return true;
     }
+    if (arg == "--version") {
+      options->version = true;
+      return true;
+    }
     if (arg == "--config" || arg.rfind("--config=", 0) == 0) {
       std::string path;
       if (arg == "--config") {

@@ -38,11 +38,12 @@ struct Options {
   // file under one is refused.
   std::vector<std::string> hidden_dirs;
   bool help = false;
+  bool version = false;
 };
 
 // Parses argv (argv[0] is the program). Returns false with a one-line
-// `error` on a usage error. With --help, returns true and sets `help`
-// without checking the rest.
+// `error` on a usage error. With --help (or --version), returns true and
+// sets `help` (or `version`) without checking the rest.
 bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error);
 

@@ -77,6 +77,14 @@ TEST(OptionsTest, HelpWinsOverEverythingElse) {
   EXPECT_TRUE(o.help);
 }
 
+TEST(OptionsTest, VersionWinsOverEverythingElse) {
+  Options o;
+  std::string error;
+  ASSERT_TRUE(Parse({"--server", "--version"}, &o, &error)) << error;
+  EXPECT_TRUE(o.version);
+  EXPECT_FALSE(o.help);
+}
+
 TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
   char path[] = "/tmp/forward_options_test.XXXXXX";
   const int fd = mkstemp(path);
