@@ -31,7 +31,7 @@ std::atomic<LogSink> g_sink{nullptr};
 std::mutex g_repeat_lock;
 LogRepeatLimiter g_repeats;
 
-void WriteToSyslog(const std::string& line) {
+void WriteToSyslog(int priority, const std::string& line) {
   std::vector<std::string> summaries;
   bool admit;
   {
@@ -39,9 +39,24 @@ void WriteToSyslog(const std::string& line) {
     admit = g_repeats.Admit(line, MonotonicMillis(), &summaries);
   }
   for (const std::string& summary : summaries) {
-    syslog(LOG_ERR, "log:%d %s", __LINE__, summary.c_str());
+    syslog(LOG_NOTICE, "log:%d %s", __LINE__, summary.c_str());
   }
-  if (admit) syslog(LOG_ERR, "%s", line.c_str());
+  if (admit) syslog(priority, "%s", line.c_str());
+}
+
+void WriteLine(int priority, const char* file, int line, const char* fmt,
+               va_list args) {
+  const int saved_errno = errno;
+  const std::string text = FormatLogLine(file, line, saved_errno, fmt, args);
+  // No openlog: the identity is the program's name, the facility the
+  // default one.
+  const LogSink sink = g_sink.load(std::memory_order_acquire);
+  if (sink != nullptr) {
+    sink(priority, text.c_str());
+  } else {
+    WriteToSyslog(priority, text);
+  }
+  errno = saved_errno;
 }
 
 }  // namespace
@@ -109,21 +124,31 @@ std::string FormatLogLine(const char* file, int line, int saved_errno,
   return text;
 }
 
-void LogWrite(const char* file, int line, const char* fmt, ...) {
-  const int saved_errno = errno;
+int GatePriority(LogGate gate) {
+  switch (gate) {
+    case LogGate::kAlways:
+      return LOG_ERR;
+    case LogGate::kInfo:
+      return LOG_INFO;
+    case LogGate::kDebug:
+      return LOG_DEBUG;
+  }
+  return LOG_ERR;
+}
+
+void LogWriteAt(int priority, const char* file, int line, const char* fmt,
+                ...) {
   va_list args;
   va_start(args, fmt);
-  const std::string text = FormatLogLine(file, line, saved_errno, fmt, args);
+  WriteLine(priority, file, line, fmt, args);
   va_end(args);
-  // No openlog: the identity is the program's name, the facility the
-  // default one, and every line uses LOG_ERR whatever its meaning.
-  const LogSink sink = g_sink.load(std::memory_order_acquire);
-  if (sink != nullptr) {
-    sink(LOG_ERR, text.c_str());
-  } else {
-    WriteToSyslog(text);
-  }
-  errno = saved_errno;
+}
+
+void LogWrite(const char* file, int line, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  WriteLine(LOG_ERR, file, line, fmt, args);
+  va_end(args);
 }
 
 }  // namespace YULOTIFYD

@@ -103,6 +103,33 @@ TEST(LogSinkTest, LinesGoToTheSinkUntilItIsRemoved) {
             SunkLines()[0].second);
 }
 
+TEST(LogSinkTest, EachKindOfLineHasItsPriority) {
+  SunkLines().clear();
+  const LogSink before = SetLogSink(&Sink);
+  const int32_t level = LOG_LEVEL;
+  LOG_LEVEL = 7;
+  YULO_LOG_ALWAYS("a failure");
+  YULO_LOG_WARNING("a loss made good");
+  YULO_LOG_NOTICE("worth knowing");
+  YULO_LOG_INFO("progress");
+  YULO_LOG_DEBUG("a trace");
+  YULO_LOG_WARNING_AS("event_processor", "from another file");
+  LOG_LEVEL = 3;
+  YULO_LOG_WARNING("still written at the default level");
+  YULO_LOG_NOTICE("this one too");
+  YULO_LOG_INFO("not this one");
+  LOG_LEVEL = level;
+  SetLogSink(before);
+  std::vector<int> priorities;
+  for (const auto& line : SunkLines()) priorities.push_back(line.first);
+  EXPECT_EQ(priorities,
+            (std::vector<int>{LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO,
+                              LOG_DEBUG, LOG_WARNING, LOG_WARNING,
+                              LOG_NOTICE}));
+  ASSERT_EQ(8u, SunkLines().size());
+  EXPECT_EQ(0u, SunkLines()[5].second.rfind("event_processor:", 0));
+}
+
 TEST_F(LogLevelTest, GatesFollowTheLevel) {
   struct Case {
     int32_t level;
