@@ -16,9 +16,7 @@ namespace YULO {
 namespace YULOTIFYD {
 namespace ctl {
 
-namespace {
-
-const char* TypeName(int type) {
+const char* QueueTypeName(int type) {
   switch (type) {
     case MONITOR_QUEUE_TYPE_SYSTEM:
       return "system";
@@ -29,6 +27,8 @@ const char* TypeName(int type) {
   }
   return "?";
 }
+
+namespace {
 
 std::string EventNames(uint32_t events) {
   if ((events & 1023u) == 1023u) return "all";
@@ -80,7 +80,7 @@ int RunQueues(const Args& args) {
     root["dirs"] = Json::Value(Json::arrayValue);
     for (const auto& d : dirs) {
       Json::Value v(Json::objectValue);
-      v["type"] = TypeName(d.type);
+      v["type"] = QueueTypeName(d.type);
       v["dir"] = d.dir;
       v["exists"] = d.exists;
       if (!d.error.empty()) v["error"] = d.error;
@@ -90,7 +90,7 @@ int RunQueues(const Args& args) {
     for (const auto& f : files) {
       Json::Value v(Json::objectValue);
       v["file"] = f.file;
-      v["type"] = TypeName(f.type);
+      v["type"] = QueueTypeName(f.type);
       v["loaded"] = f.loaded;
       if (!f.loaded) {
         v["reason"] = f.reason;
