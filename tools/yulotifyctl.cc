@@ -78,45 +78,44 @@ struct Command {
   const char* help;
   std::vector<std::string> flags;
   std::vector<std::string> valued;
-  bool talks_to_daemon;
   std::function<int(const Globals&, const Args&)> run;
 };
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"set-log-level", kSetLogLevelHelp, {}, {}, true, RunSetLogLevel},
-      {"notify", kNotifyHelp, {}, {}, true, RunNotify},
-      {"mount-share", kMountShareHelp, {}, {}, true,
+      {"set-log-level", kSetLogLevelHelp, {}, {}, RunSetLogLevel},
+      {"notify", kNotifyHelp, {}, {}, RunNotify},
+      {"mount-share", kMountShareHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "mount-share", "mount_share",
                                "share_name", "NAME");
        }},
-      {"umount-share", kUmountShareHelp, {}, {}, true,
+      {"umount-share", kUmountShareHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "umount-share", "umount_share",
                                "share_name", "NAME");
        }},
-      {"mount-volume", kMountVolumeHelp, {}, {}, true,
+      {"mount-volume", kMountVolumeHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "mount-volume", "mount_volume",
                                "mount_point", "MOUNT_POINT");
        }},
-      {"umount-volume", kUmountVolumeHelp, {}, {}, true,
+      {"umount-volume", kUmountVolumeHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "umount-volume", "umount_volume",
                                "mount_point", "MOUNT_POINT");
        }},
-      {"send", kSendHelp, {}, {}, true, RunSend},
-      {"status", kStatusHelp, {"--json", "--prometheus"}, {}, true, RunStatus},
+      {"send", kSendHelp, {}, {}, RunSend},
+      {"status", kStatusHelp, {"--json", "--prometheus"}, {}, RunStatus},
       {"consume", kConsumeHelp, {"--follow", "--wait"},
-       {"--interval", "--lock-timeout", "--owner", "--max-read"}, false,
+       {"--interval", "--lock-timeout", "--owner", "--max-read"},
        [](const Globals&, const Args& a) { return RunConsume(a); }},
       {"peek", kPeekHelp, {"--follow", "--wait"},
-       {"--interval", "--lock-timeout", "--owner", "--max-read"}, false,
+       {"--interval", "--lock-timeout", "--owner", "--max-read"},
        [](const Globals&, const Args& a) { return RunPeek(a); }},
-      {"queues", kQueuesHelp, {"--json"}, {"--conf-root"}, false,
+      {"queues", kQueuesHelp, {"--json"}, {"--conf-root"},
        [](const Globals&, const Args& a) { return RunQueues(a); }},
-      {"check", kCheckHelp, {"--json"}, {"--conf-root"}, false,
+      {"check", kCheckHelp, {"--json"}, {"--conf-root"},
        [](const Globals&, const Args& a) { return RunCheck(a); }},
   };
   return commands;
