@@ -16,6 +16,7 @@
 #include "base/text_escape.h"
 #include "tools/conf_check.h"
 #include "tools/ctl.h"
+#include "tools/ctl_conf.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -35,49 +36,23 @@ std::string Plural(int n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
-void PrintJson(const std::string& conf_root,
-               const std::vector<MonitorQueue::DirReport>& dirs,
-               const std::vector<MonitorQueue::FileReport>& files,
-               const std::vector<FileCheck>& checks,
+void PrintJson(const ConfView& view, const std::vector<FileCheck>& checks,
                const CheckTotals& totals) {
+  const std::vector<MonitorQueue::FileReport>& files = view.files;
   Json::Value root(Json::objectValue);
-  root["conf_root"] = conf_root;
+  root["conf_root"] = view.conf_root;
   root["passed"] = totals.Passed();
-  root["dirs"] = Json::Value(Json::arrayValue);
-  for (const auto& d : dirs) {
-    Json::Value v(Json::objectValue);
-    v["type"] = QueueTypeName(d.type);
-    v["dir"] = d.dir;
-    v["exists"] = d.exists;
-    if (!d.error.empty()) v["error"] = d.error;
-    root["dirs"].append(v);
-  }
+  root["dirs"] = ConfDirsJson(view.dirs);
   root["files"] = Json::Value(Json::arrayValue);
   for (size_t i = 0; i < files.size(); ++i) {
     const MonitorQueue::FileReport& f = files[i];
-    Json::Value v(Json::objectValue);
-    v["file"] = f.file;
-    v["type"] = QueueTypeName(f.type);
-    v["loaded"] = f.loaded;
-    if (!f.loaded) {
-      v["reason"] = f.reason;
-    } else {
-      v["queue"] = f.queue_path;
-      v["owner_uid"] = static_cast<Json::UInt>(f.owner_uid);
-      v["owner_gid"] = static_cast<Json::UInt>(f.owner_gid);
-    }
+    Json::Value v = FileJson(f);
     v["warnings"] = Strings(checks[i].warnings);
     v["monitors"] = Json::Value(Json::arrayValue);
     for (size_t j = 0; j < f.monitors.size(); ++j) {
       const MonitorQueue::MonitorReport& m = f.monitors[j];
-      Json::Value mv(Json::objectValue);
-      mv["index"] = m.index;
-      mv["loaded"] = m.loaded;
-      if (!m.loaded) {
-        mv["reason"] = m.reason;
-      } else {
-        mv["directory"] = m.config.directory;
-      }
+      Json::Value mv = MonitorJson(m);
+      if (m.loaded) mv["directory"] = m.config.directory;
       mv["warnings"] = Strings(checks[i].monitor_warnings[j]);
       v["monitors"].append(mv);
     }
@@ -95,22 +70,13 @@ void PrintJson(const std::string& conf_root,
   std::cout << Json::writeString(builder, root) << std::endl;
 }
 
-void PrintText(const std::string& conf_root,
-               const std::vector<MonitorQueue::DirReport>& dirs,
-               const std::vector<MonitorQueue::FileReport>& files,
-               const std::vector<FileCheck>& checks,
+void PrintText(const ConfView& view, const std::vector<FileCheck>& checks,
                const CheckTotals& totals) {
+  const std::vector<MonitorQueue::FileReport>& files = view.files;
   // File names, paths and reasons may come from users (user.d): escaped,
   // as `queues` does, so that none can start a line or drive the terminal.
   const auto E = [](const std::string& text) { return EscapeText(text); };
-  for (const auto& d : dirs) {
-    if (!d.exists) {
-      std::cout << "(" << E(d.dir) << " does not exist)\n";
-    } else if (!d.error.empty()) {
-      std::cout << "warning: " << E(d.dir) << " cannot be read: "
-                << E(d.error) << "\n";
-    }
-  }
+  PrintConfDirs(view.dirs, true);
   for (size_t i = 0; i < files.size(); ++i) {
     const MonitorQueue::FileReport& f = files[i];
     std::cout << E(f.file) << ": ";
@@ -118,12 +84,7 @@ void PrintText(const std::string& conf_root,
       std::cout << "skipped: " << E(f.reason) << "\n";
       continue;
     }
-    std::cout << "loaded, queue " << E(f.queue_path);
-    if (f.owner_uid != 0) {
-      std::cout << " written as uid " << f.owner_uid << " gid "
-                << f.owner_gid;
-    }
-    std::cout << "\n";
+    std::cout << "loaded, " << QueueText(f) << "\n";
     for (const std::string& w : checks[i].warnings) {
       std::cout << "  warning: " << E(w) << "\n";
     }
@@ -149,7 +110,7 @@ void PrintText(const std::string& conf_root,
   }
   std::cout << (totals.Passed() ? "passed: " : "failed: ")
             << Plural(totals.files, "file", "files") << " under "
-            << E(conf_root) << ", "
+            << E(view.conf_root) << ", "
             << Plural(totals.queues, "queue", "queues") << " loaded, "
             << Plural(totals.files_skipped, "file", "files") << " and "
             << Plural(totals.monitors_skipped, "monitor", "monitors")
@@ -182,13 +143,6 @@ const char kCheckHelp[] =
     "  --json           one JSON object instead of text\n";
 
 int RunCheck(const Args& args) {
-  const std::string cmd = "check";
-  if (!args.positional.empty()) return UsageError(cmd, "takes no arguments");
-  std::string conf_root = YULOTIFYD_CONF_DIR;
-  if (args.options.count("--conf-root") != 0) {
-    conf_root = args.options.at("--conf-root");
-    if (conf_root.empty()) return UsageError(cmd, "--conf-root is empty");
-  }
   // The daemon keeps no supplementary groups, so that a subscription's
   // owner is judged by the ids of its file alone; the checks made with
   // those ids must not count root's groups either. Root needs none of them
@@ -198,19 +152,19 @@ int RunCheck(const Args& args) {
           "; they count in the checks below");
   }
 
-  std::vector<MonitorQueue::DirReport> dirs;
-  const std::vector<MonitorQueue::FileReport> files = MonitorQueue::Describe(
-      conf_root, &MonitorQueue::ResolveSharePath, &dirs);
+  ConfView view;
+  int status = kExitOk;
+  if (!ReadConfView("check", args, &view, &status)) return status;
   SystemCheckProbe probe;
   std::vector<FileCheck> checks;
-  checks.reserve(files.size());
-  for (const auto& f : files) checks.push_back(CheckFile(f, &probe));
-  const CheckTotals totals = Tally(dirs, files, checks);
+  checks.reserve(view.files.size());
+  for (const auto& f : view.files) checks.push_back(CheckFile(f, &probe));
+  const CheckTotals totals = Tally(view.dirs, view.files, checks);
 
   if (args.options.count("--json") != 0) {
-    PrintJson(conf_root, dirs, files, checks, totals);
+    PrintJson(view, checks, totals);
   } else {
-    PrintText(conf_root, dirs, files, checks, totals);
+    PrintText(view, checks, totals);
   }
   if (!std::cout.good()) return kExitFailed;
   return totals.Passed() ? kExitOk : kExitFailed;

@@ -742,26 +742,6 @@ def test_consume_of_a_missing_file_fails_unless_told_to_wait(
     assert not q.exists(), "the consumer must not create the queue file"
 
 
-def test_consume_follow_waits_for_the_file_when_told_to(tmp_path,
-                                                        ctl_binary):
-    q = tmp_path / "not-yet.queue"
-    proc = subprocess.Popen([str(ctl_binary), "consume", str(q), "--follow",
-                             "--wait", "--interval", "20"],
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    try:
-        append_locked(q, queue_line(64, "/a") + "\n")
-        assert wait_until(lambda: q.stat().st_size == 0, 10)
-        proc.send_signal(signal.SIGTERM)
-        out, err = proc.communicate(timeout=10)
-    finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-    assert proc.returncode == 0, err
-    assert err == b""
-    assert out.decode().splitlines() == [queue_line(64, "/a")]
-
-
 def test_global_options_after_a_local_command(tmp_path, ctl_binary):
     q = tmp_path / "events.queue"
     q.write_text(queue_line(64, "/a") + "\n")
