@@ -49,7 +49,8 @@ class Tail(threading.Thread):
 
 
 class Consumer:
-    """A consumer of one queue file: `yulotifyctl consume --follow`, which
+    """A consumer of one queue file: `yulotifyctl consume --follow --wait`
+    (the daemon creates the file with its first line), which
     takes the lines under the file's lock and empties the file; each line
     it prints is shown here as it comes."""
 
@@ -57,7 +58,8 @@ class Consumer:
         self.name = Path(queue_path).stem
         self.lines = 0
         self.proc = subprocess.Popen(
-            [str(ctl), "consume", str(queue_path), "--follow", "--interval", "200"],
+            [str(ctl), "consume", str(queue_path), "--follow", "--wait",
+             "--interval", "200"],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.thread = threading.Thread(target=self._pump, daemon=True)
         self.thread.start()

@@ -4,7 +4,8 @@
 //
 // Each group of commands lives in its own file (ctl_commands.cc for the
 // control commands, ctl_status.cc, ctl_consume.cc for consume and peek,
-// ctl_queues.cc); yulotifyctl.cc holds the table that dispatches to them.
+// ctl_queues.cc, ctl_check.cc); yulotifyctl.cc holds the table that
+// dispatches to them.
 //
 // Thread-safety: single-threaded program; nothing here is meant to be called
 // from more than one thread.
@@ -108,9 +109,13 @@ extern const char kPeekHelp[];
 int RunConsume(const Args& args);
 int RunPeek(const Args& args);
 
-// Local, on the monitor-queue configuration (ctl_queues.cc).
+// Local, on the monitor-queue configuration (ctl_queues.cc, ctl_check.cc).
 extern const char kQueuesHelp[];
 int RunQueues(const Args& args);
+extern const char kCheckHelp[];
+int RunCheck(const Args& args);
+// "system", "app" or "user" for a MONITOR_QUEUE_TYPE.
+const char* QueueTypeName(int type);
 
 }  // namespace ctl
 }  // namespace YULOTIFYD

@@ -2,6 +2,7 @@
 // left in it, through libyulotifyd's QueueConsumer.
 #include <errno.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <string.h>
 #include <time.h>
@@ -14,6 +15,7 @@
 
 #include "base/errno_text.h"
 #include "tools/ctl.h"
+#include "tools/peek_follow.h"
 #include "yulotifyd/queue_consumer.h"
 
 namespace YULO {
@@ -106,11 +108,52 @@ bool MakeConsumer(const std::string& cmd, const Args& args,
   return true;
 }
 
+// --follow, --interval and --wait, which consume and peek share. False,
+// having reported, when they do not go together.
+struct Rounds {
+  bool follow = false;
+  bool wait = false;
+  int interval_ms = kDefaultIntervalMs;
+};
+bool ParseRounds(const std::string& cmd, const Args& args, Rounds* rounds,
+                 int* status) {
+  rounds->follow = args.options.count("--follow") != 0;
+  rounds->wait = args.options.count("--wait") != 0;
+  const auto it = args.options.find("--interval");
+  if (it != args.options.end()) {
+    long long interval = 0;
+    if (!ParseNumber(it->second, 1, kMaxIntervalMs, &interval)) {
+      *status = UsageError(cmd, "--interval wants milliseconds (1 or more), "
+                                "not \"" + it->second + "\"");
+      return false;
+    }
+    if (!rounds->follow) {
+      *status = UsageError(cmd, "--interval goes with --follow");
+      return false;
+    }
+    rounds->interval_ms = static_cast<int>(interval);
+  }
+  return true;
+}
+
+// Whether nothing is at `path` (ENOENT: neither the file nor, maybe, its
+// directory). Any other failure is left for the consumer to report.
+bool IsMissing(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) != 0 && errno == ENOENT;
+}
+
+std::string MissingText(const std::string& cmd, const std::string& path) {
+  return "cannot " + cmd + " " + path +
+         ": no such file (yulotifyd creates a queue file with its first "
+         "line; --wait waits for it)";
+}
+
 }  // namespace
 
 const char kConsumeHelp[] =
     "usage: yulotifyctl consume QUEUE_FILE [--follow] [--interval MS]\n"
-    "                           [--lock-timeout MS] [--owner USER]\n"
+    "                           [--wait] [--lock-timeout MS] [--owner USER]\n"
     "                           [--max-read BYTES]\n"
     "\n"
     "Takes every complete line from a queue file and prints it on stdout:\n"
@@ -119,17 +162,21 @@ const char kConsumeHelp[] =
     "lock is never held for longer than that one read and one truncation,\n"
     "since the daemon's lines wait for its next pass while it is locked.\n"
     "\n"
-    "A missing file has no lines yet. Lines are taken from the file before\n"
-    "they are printed: if stdout fails they are lost, which is reported.\n"
-    "A file larger than --max-read is taken a part at a time, until it is\n"
-    "empty. Refused, without reading or changing it (exit 1): a symbolic\n"
-    "link, anything but a regular file, a file with several hard links,\n"
-    "one owned by another user than expected (see --owner), and one\n"
-    "larger than a queue file ever gets.\n"
+    "A missing file is an error (exit 1) unless --wait is given: then it\n"
+    "has no lines yet (the daemon creates a queue file with its first\n"
+    "line), and --follow waits for it. Lines are taken from the file\n"
+    "before they are printed: if stdout fails they are lost, which is\n"
+    "reported. A file larger than --max-read is taken a part at a time,\n"
+    "until it is empty. Refused, without reading or changing it (exit 1):\n"
+    "a symbolic link, anything but a regular file, a file with several\n"
+    "hard links, one owned by another user than expected (see --owner),\n"
+    "and one larger than a queue file ever gets.\n"
     "\n"
     "  --follow           repeat until interrupted (SIGINT or SIGTERM)\n"
     "  --interval MS      pause between two rounds with --follow "
     "(default 1000)\n"
+    "  --wait             a missing file has no lines yet (with --follow:\n"
+    "                     wait for the daemon to create it)\n"
     "  --lock-timeout MS  give up when others hold the lock this long\n"
     "                     (default 5000); with --follow the round is retried\n"
     "  --owner USER       the file must belong to USER (a name or an id);\n"
@@ -139,7 +186,8 @@ const char kConsumeHelp[] =
     "                     (default 16777216)\n";
 
 const char kPeekHelp[] =
-    "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS] [--owner USER]\n"
+    "usage: yulotifyctl peek QUEUE_FILE [--follow] [--interval MS] [--wait]\n"
+    "                        [--lock-timeout MS] [--owner USER]\n"
     "                        [--max-read BYTES]\n"
     "\n"
     "Prints the complete lines of a queue file on stdout and leaves them in\n"
@@ -152,11 +200,23 @@ const char kPeekHelp[] =
     "Only the lines within the first --max-read bytes are shown (a note on\n"
     "stderr says when there are more).\n"
     "\n"
-    "A missing file is an error (exit 1), as is a file that cannot be read\n"
-    "or that consume would refuse.\n"
+    "With --follow it looks again every --interval and prints the lines\n"
+    "added since, as they arrive, until interrupted (SIGINT or SIGTERM).\n"
+    "When the lines it showed are no longer the file's first lines (a\n"
+    "consumer took them, the daemon reset the file), it says so on stderr\n"
+    "and prints the file again from its start.\n"
     "\n"
+    "A missing file is an error (exit 1) unless --wait is given (then it\n"
+    "has no lines yet), as is a file that cannot be read or that consume\n"
+    "would refuse.\n"
+    "\n"
+    "  --follow           print new lines as they arrive, until interrupted\n"
+    "  --interval MS      pause between two looks with --follow "
+    "(default 1000)\n"
+    "  --wait             a missing file has no lines yet (with --follow:\n"
+    "                     wait for the daemon to create it)\n"
     "  --lock-timeout MS  give up when others hold the lock this long\n"
-    "                     (default 5000)\n"
+    "                     (default 5000); with --follow the look is retried\n"
     "  --owner USER       the file must belong to USER (a name or an id);\n"
     "                     by default it must belong to the owner of its\n"
     "                     directory or to the caller\n"
@@ -168,29 +228,28 @@ int RunConsume(const Args& args) {
   if (args.positional.size() != 1) {
     return UsageError(cmd, "expects exactly one QUEUE_FILE");
   }
-  const bool follow = args.options.count("--follow") != 0;
-  long long interval = kDefaultIntervalMs;
-  if (args.options.count("--interval") != 0) {
-    if (!ParseNumber(args.options.at("--interval"), 1, kMaxIntervalMs,
-                     &interval)) {
-      return UsageError(cmd, "--interval wants milliseconds (1 or more), "
-                             "not \"" + args.options.at("--interval") + "\"");
-    }
-    if (!follow) return UsageError(cmd, "--interval goes with --follow");
-  }
-  std::unique_ptr<QueueConsumer> made;
+  Rounds rounds;
   int status = kExitOk;
+  if (!ParseRounds(cmd, args, &rounds, &status)) return status;
+  std::unique_ptr<QueueConsumer> made;
   if (!MakeConsumer(cmd, args, &made, &status)) return status;
   const QueueConsumer& consumer = *made;
+  // QueueConsumer takes a missing file for one without lines yet, as a
+  // consumer started before the daemon's first line needs; here a
+  // misspelt path must not look like a quiet queue.
+  if (!rounds.wait && IsMissing(consumer.queue_path())) {
+    Error(MissingText(cmd, consumer.queue_path()));
+    return kExitFailed;
+  }
   // A closed stdout must not kill us between taking lines and reporting
   // that they could not be written.
   signal(SIGPIPE, SIG_IGN);
-  if (follow) InstallStopHandlers();
+  if (rounds.follow) InstallStopHandlers();
 
   for (;;) {
     const QueueConsumer::Result result = consumer.Consume();
     if (!result.ok) {
-      const bool retry = follow && result.error == EWOULDBLOCK;
+      const bool retry = rounds.follow && result.error == EWOULDBLOCK;
       Error("cannot consume " + consumer.queue_path() + ": " +
             result.message +
             (retry ? " (retrying)" : " (nothing was taken from it)"));
@@ -205,8 +264,8 @@ int RunConsume(const Args& args) {
       }
       if (result.more && !g_stop) continue;  // the rest of a large file
     }
-    if (!follow || g_stop) return kExitOk;
-    SleepMs(static_cast<int>(interval));
+    if (!rounds.follow || g_stop) return kExitOk;
+    SleepMs(rounds.interval_ms);
     if (g_stop) return kExitOk;
   }
 }
@@ -216,31 +275,58 @@ int RunPeek(const Args& args) {
   if (args.positional.size() != 1) {
     return UsageError(cmd, "expects exactly one QUEUE_FILE");
   }
-  std::unique_ptr<QueueConsumer> made;
+  Rounds rounds;
   int status = kExitOk;
+  if (!ParseRounds(cmd, args, &rounds, &status)) return status;
+  std::unique_ptr<QueueConsumer> made;
   if (!MakeConsumer(cmd, args, &made, &status)) return status;
   const QueueConsumer& queue = *made;
+  const std::string& path = queue.queue_path();
   signal(SIGPIPE, SIG_IGN);  // a closed stdout is reported, not fatal
+  if (rounds.follow) InstallStopHandlers();
 
-  const QueueConsumer::Result result = queue.Peek();
-  if (!result.ok) {
-    Error("cannot peek at " + queue.queue_path() + ": " + result.message);
-    return kExitFailed;
+  PeekFollow follow;
+  bool more_noted = false;
+  for (bool first = true;; first = false) {
+    QueueConsumer::Result result = queue.Peek();
+    // With --wait, and once following, a missing file is an empty one:
+    // the daemon creates it with its next line.
+    const bool missing = !result.ok && result.error == ENOENT &&
+                         (rounds.wait || (rounds.follow && !first));
+    if (missing) result = QueueConsumer::Result();
+    if (!result.ok && !missing) {
+      const bool retry = rounds.follow && result.error == EWOULDBLOCK;
+      Error("cannot peek at " + path + ": " + result.message +
+            (retry ? " (retrying)" : ""));
+      if (!retry) return kExitFailed;
+    } else {
+      const PeekFollow::Step step = follow.Next(result.lines);
+      if (step.started_over) {
+        Error("note: the lines shown from " + path +
+              " are gone (taken by a consumer, or the file was reset); "
+              "showing it again from its start");
+      }
+      const std::vector<std::string> fresh(
+          result.lines.begin() + static_cast<long>(step.first_new),
+          result.lines.end());
+      if (!PrintLines(fresh)) {
+        Error("cannot write to stdout: " + ErrnoText(errno));
+        return kExitFailed;
+      }
+      if (result.more && !more_noted) {
+        Error("note: " + path + " holds more lines than the " +
+              std::to_string(queue.max_read_bytes()) +
+              " bytes read (see --max-read), not shown");
+        more_noted = rounds.follow;
+      }
+      if (result.kept_partial_line && !rounds.follow) {
+        Error("note: " + path + " ends in an unfinished line, not shown");
+      }
+    }
+    if (!rounds.follow || g_stop) return kExitOk;
+    SleepMs(rounds.interval_ms);
+    if (g_stop) return kExitOk;
   }
-  if (!PrintLines(result.lines)) {
-    Error("cannot write to stdout: " + ErrnoText(errno));
-    return kExitFailed;
-  }
-  if (result.more) {
-    Error("note: " + queue.queue_path() + " holds more lines than the " +
-          std::to_string(queue.max_read_bytes()) +
-          " bytes read (see --max-read), not shown");
-  }
-  if (result.kept_partial_line) {
-    Error("note: " + queue.queue_path() +
-          " ends in an unfinished line, not shown");
-  }
-  return kExitOk;
 }
 
 }  // namespace ctl

@@ -9,6 +9,7 @@
 
 #include "base/text_escape.h"
 #include "tools/ctl.h"
+#include "tools/ctl_conf.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -16,9 +17,7 @@ namespace YULO {
 namespace YULOTIFYD {
 namespace ctl {
 
-namespace {
-
-const char* TypeName(int type) {
+const char* QueueTypeName(int type) {
   switch (type) {
     case MONITOR_QUEUE_TYPE_SYSTEM:
       return "system";
@@ -29,6 +28,8 @@ const char* TypeName(int type) {
   }
   return "?";
 }
+
+namespace {
 
 std::string EventNames(uint32_t events) {
   if ((events & 1023u) == 1023u) return "all";
@@ -44,6 +45,89 @@ std::string EventNames(uint32_t events) {
 
 }  // namespace
 
+bool ReadConfView(const std::string& cmd, const Args& args, ConfView* view,
+                  int* status) {
+  if (!args.positional.empty()) {
+    *status = UsageError(cmd, "takes no arguments");
+    return false;
+  }
+  view->conf_root = YULOTIFYD_CONF_DIR;
+  const auto it = args.options.find("--conf-root");
+  if (it != args.options.end()) {
+    if (it->second.empty()) {
+      *status = UsageError(cmd, "--conf-root is empty");
+      return false;
+    }
+    view->conf_root = it->second;
+  }
+  view->files = MonitorQueue::Describe(
+      view->conf_root, &MonitorQueue::ResolveSharePath, &view->dirs);
+  return true;
+}
+
+Json::Value ConfDirsJson(const std::vector<MonitorQueue::DirReport>& dirs) {
+  Json::Value list(Json::arrayValue);
+  for (const auto& d : dirs) {
+    Json::Value v(Json::objectValue);
+    v["type"] = QueueTypeName(d.type);
+    v["dir"] = d.dir;
+    v["exists"] = d.exists;
+    if (!d.error.empty()) v["error"] = d.error;
+    list.append(v);
+  }
+  return list;
+}
+
+Json::Value FileJson(const MonitorQueue::FileReport& file) {
+  Json::Value v(Json::objectValue);
+  v["file"] = file.file;
+  v["type"] = QueueTypeName(file.type);
+  v["loaded"] = file.loaded;
+  if (!file.loaded) {
+    v["reason"] = file.reason;
+  } else {
+    v["queue"] = file.queue_path;
+    v["owner_uid"] = static_cast<Json::UInt>(file.owner_uid);
+    v["owner_gid"] = static_cast<Json::UInt>(file.owner_gid);
+  }
+  return v;
+}
+
+Json::Value MonitorJson(const MonitorQueue::MonitorReport& monitor) {
+  Json::Value v(Json::objectValue);
+  v["index"] = monitor.index;
+  v["loaded"] = monitor.loaded;
+  if (!monitor.loaded) v["reason"] = monitor.reason;
+  return v;
+}
+
+// Every text below may come from a user (file names in user.d, queue
+// paths, share names and directories, reasons quoting them): escaped, so
+// that none can end its line early or drive the terminal. --json keeps
+// the raw values, which its writer escapes as JSON wants.
+void PrintConfDirs(const std::vector<MonitorQueue::DirReport>& dirs,
+                   bool unreadable_is_warning) {
+  for (const auto& d : dirs) {
+    if (!d.exists) {
+      std::cout << "(" << EscapeText(d.dir) << " does not exist)\n";
+    } else if (!d.error.empty()) {
+      std::cout << (unreadable_is_warning ? "warning: " : "(")
+                << EscapeText(d.dir) << " cannot be read: "
+                << EscapeText(d.error) << (unreadable_is_warning ? "" : ")")
+                << "\n";
+    }
+  }
+}
+
+std::string QueueText(const MonitorQueue::FileReport& file) {
+  std::string text = "queue " + EscapeText(file.queue_path);
+  if (file.owner_uid != 0) {
+    text += ", written as uid " + std::to_string(file.owner_uid) + " gid " +
+            std::to_string(file.owner_gid);
+  }
+  return text;
+}
+
 const char kQueuesHelp[] =
     "usage: yulotifyctl queues [--conf-root DIR] [--json]\n"
     "\n"
@@ -57,55 +141,27 @@ const char kQueuesHelp[] =
     "  --json           one JSON object instead of text\n";
 
 int RunQueues(const Args& args) {
-  const std::string cmd = "queues";
-  if (!args.positional.empty()) {
-    return UsageError(cmd, "takes no arguments");
-  }
-  std::string conf_root = YULOTIFYD_CONF_DIR;
-  if (args.options.count("--conf-root") != 0) {
-    conf_root = args.options.at("--conf-root");
-    if (conf_root.empty()) return UsageError(cmd, "--conf-root is empty");
-  }
+  ConfView view;
+  int status = kExitOk;
+  if (!ReadConfView("queues", args, &view, &status)) return status;
+  const std::string& conf_root = view.conf_root;
+  const std::vector<MonitorQueue::FileReport>& files = view.files;
   const bool json = args.options.count("--json") != 0;
-
-  std::vector<MonitorQueue::DirReport> dirs;
-  const std::vector<MonitorQueue::FileReport> files = MonitorQueue::Describe(
-      conf_root, &MonitorQueue::ResolveSharePath, &dirs);
   int loaded = 0;
   for (const auto& f : files) loaded += f.loaded ? 1 : 0;
 
   if (json) {
     Json::Value root(Json::objectValue);
     root["conf_root"] = conf_root;
-    root["dirs"] = Json::Value(Json::arrayValue);
-    for (const auto& d : dirs) {
-      Json::Value v(Json::objectValue);
-      v["type"] = TypeName(d.type);
-      v["dir"] = d.dir;
-      v["exists"] = d.exists;
-      if (!d.error.empty()) v["error"] = d.error;
-      root["dirs"].append(v);
-    }
+    root["dirs"] = ConfDirsJson(view.dirs);
     root["files"] = Json::Value(Json::arrayValue);
     for (const auto& f : files) {
-      Json::Value v(Json::objectValue);
-      v["file"] = f.file;
-      v["type"] = TypeName(f.type);
-      v["loaded"] = f.loaded;
-      if (!f.loaded) {
-        v["reason"] = f.reason;
-      } else {
-        v["queue"] = f.queue_path;
-        v["owner_uid"] = static_cast<Json::UInt>(f.owner_uid);
-        v["owner_gid"] = static_cast<Json::UInt>(f.owner_gid);
+      Json::Value v = FileJson(f);
+      if (f.loaded) {
         v["monitors"] = Json::Value(Json::arrayValue);
         for (const auto& m : f.monitors) {
-          Json::Value mv(Json::objectValue);
-          mv["index"] = m.index;
-          mv["loaded"] = m.loaded;
-          if (!m.loaded) {
-            mv["reason"] = m.reason;
-          } else {
+          Json::Value mv = MonitorJson(m);
+          if (m.loaded) {
             if (!m.reason.empty()) mv["note"] = m.reason;
             if (m.config.share.empty()) {
               mv["path"] = m.config.share_path;
@@ -134,31 +190,16 @@ int RunQueues(const Args& args) {
     return std::cout.good() ? kExitOk : kExitFailed;
   }
 
-  // Every text below may come from a user (file names in user.d, queue
-  // paths, share names and directories, reasons quoting them): escaped, so
-  // that none can end its line early or drive the terminal. --json keeps
-  // the raw values, which its writer escapes as JSON wants.
+  // Escaped as in PrintConfDirs.
   const auto E = [](const std::string& text) { return EscapeText(text); };
-  for (const auto& d : dirs) {
-    if (!d.exists) {
-      std::cout << "(" << E(d.dir) << " does not exist)\n";
-    } else if (!d.error.empty()) {
-      std::cout << "(" << E(d.dir) << " cannot be read: " << E(d.error)
-                << ")\n";
-    }
-  }
+  PrintConfDirs(view.dirs, false);
   for (const auto& f : files) {
     std::cout << E(f.file) << "\n";
     if (!f.loaded) {
       std::cout << "  skipped: " << E(f.reason) << "\n";
       continue;
     }
-    std::cout << "  queue " << E(f.queue_path);
-    if (f.owner_uid != 0) {
-      std::cout << ", written as uid " << f.owner_uid << " gid "
-                << f.owner_gid;
-    }
-    std::cout << "\n";
+    std::cout << "  " << QueueText(f) << "\n";
     if (f.monitors.empty()) std::cout << "  no monitors\n";
     for (const auto& m : f.monitors) {
       std::cout << "  monitors[" << m.index << "] ";
@@ -179,7 +220,7 @@ int RunQueues(const Args& args) {
       if (!c.exclude.empty()) {
         std::cout << ", excluding";
         for (const std::string& pattern : c.exclude) {
-          std::cout << " \"" << pattern << "\"";
+          std::cout << " \"" << E(pattern) << "\"";
         }
       }
       if (c.directory.empty()) {

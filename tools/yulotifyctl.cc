@@ -2,7 +2,8 @@
 //
 // Sends control commands over the daemon's socket, consumes queue files the
 // way every consumer should (or shows their lines without taking them), and
-// shows how the daemon would read the monitor-queue configuration. Everything it does goes through
+// shows and checks how the daemon would read the monitor-queue
+// configuration. Everything it does goes through
 // libyulotifyd (ControlClient, QueueConsumer, MonitorQueue).
 //
 // Exit status: 0 the daemon answered 0 (or a local command succeeded),
@@ -43,20 +44,24 @@ const char kGeneralHelp[] =
     "  status [--json|--prometheus] what the daemon watches and counts\n"
     "\n"
     "Local commands:\n"
-    "  consume QUEUE_FILE [--follow] [--interval MS] [--owner USER] ...\n"
+    "  consume QUEUE_FILE [--follow] [--wait] [--owner USER] ...\n"
     "                               take and print the lines of a queue file\n"
-    "  peek QUEUE_FILE [--lock-timeout MS] [--owner USER] ...\n"
+    "  peek QUEUE_FILE [--follow] [--wait] [--owner USER] ...\n"
     "                               print the lines of a queue file, leaving "
     "them there\n"
     "  queues [--conf-root DIR] [--json]\n"
     "                               list the monitor queues as the daemon "
     "would load them\n"
+    "  check [--conf-root DIR] [--json]\n"
+    "                               check the monitor-queue configuration;\n"
+    "                               exit 1 when anything would be skipped\n"
     "  help [COMMAND]               this text, or a command's\n"
     "\n"
     "Options:\n"
     "  --socket PATH   the daemon's control socket (default "
     YULOTIFYD_SOCKET_PATH ")\n"
     "  --timeout MS    how long to wait for the daemon in all (default 10000)\n"
+    "                  (both may also follow the command)\n"
     "  -h, --help      help; after a command, that command's help\n"
     "  --version       print the version\n"
     "\n"
@@ -73,44 +78,45 @@ struct Command {
   const char* help;
   std::vector<std::string> flags;
   std::vector<std::string> valued;
-  bool talks_to_daemon;
   std::function<int(const Globals&, const Args&)> run;
 };
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"set-log-level", kSetLogLevelHelp, {}, {}, true, RunSetLogLevel},
-      {"notify", kNotifyHelp, {}, {}, true, RunNotify},
-      {"mount-share", kMountShareHelp, {}, {}, true,
+      {"set-log-level", kSetLogLevelHelp, {}, {}, RunSetLogLevel},
+      {"notify", kNotifyHelp, {}, {}, RunNotify},
+      {"mount-share", kMountShareHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "mount-share", "mount_share",
                                "share_name", "NAME");
        }},
-      {"umount-share", kUmountShareHelp, {}, {}, true,
+      {"umount-share", kUmountShareHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "umount-share", "umount_share",
                                "share_name", "NAME");
        }},
-      {"mount-volume", kMountVolumeHelp, {}, {}, true,
+      {"mount-volume", kMountVolumeHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "mount-volume", "mount_volume",
                                "mount_point", "MOUNT_POINT");
        }},
-      {"umount-volume", kUmountVolumeHelp, {}, {}, true,
+      {"umount-volume", kUmountVolumeHelp, {}, {},
        [](const Globals& g, const Args& a) {
          return RunOneArgument(g, a, "umount-volume", "umount_volume",
                                "mount_point", "MOUNT_POINT");
        }},
-      {"send", kSendHelp, {}, {}, true, RunSend},
-      {"status", kStatusHelp, {"--json", "--prometheus"}, {}, true, RunStatus},
-      {"consume", kConsumeHelp, {"--follow"},
-       {"--interval", "--lock-timeout", "--owner", "--max-read"}, false,
+      {"send", kSendHelp, {}, {}, RunSend},
+      {"status", kStatusHelp, {"--json", "--prometheus"}, {}, RunStatus},
+      {"consume", kConsumeHelp, {"--follow", "--wait"},
+       {"--interval", "--lock-timeout", "--owner", "--max-read"},
        [](const Globals&, const Args& a) { return RunConsume(a); }},
-      {"peek", kPeekHelp, {}, {"--lock-timeout", "--owner", "--max-read"},
-       false,
+      {"peek", kPeekHelp, {"--follow", "--wait"},
+       {"--interval", "--lock-timeout", "--owner", "--max-read"},
        [](const Globals&, const Args& a) { return RunPeek(a); }},
-      {"queues", kQueuesHelp, {"--json"}, {"--conf-root"}, false,
+      {"queues", kQueuesHelp, {"--json"}, {"--conf-root"},
        [](const Globals&, const Args& a) { return RunQueues(a); }},
+      {"check", kCheckHelp, {"--json"}, {"--conf-root"},
+       [](const Globals&, const Args& a) { return RunCheck(a); }},
   };
   return commands;
 }
@@ -170,10 +176,11 @@ int Main(int argc, char** argv) {
   const Command* command = FindCommand(name);
   if (command == nullptr) return UsageError("", "unknown command " + name);
 
+  // --socket and --timeout may come after any command; a local one has no
+  // use for them.
   Args args;
   int status = kExitUsage;
-  if (!SplitArgs(name, rest, command->flags, command->valued,
-                 command->talks_to_daemon ? &globals : nullptr, &args,
+  if (!SplitArgs(name, rest, command->flags, command->valued, &globals, &args,
                  &status)) {
     return status;
   }

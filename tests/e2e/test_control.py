@@ -13,6 +13,7 @@ points, a USB volume mounted after start).
 import fcntl
 import json
 import os
+import re
 import signal
 import socket
 import stat
@@ -20,6 +21,7 @@ import struct
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -662,7 +664,8 @@ def test_ctl_timeout_when_the_daemon_is_busy(app, ctl_binary):
 
 @pytest.mark.parametrize("sub", [None, "set-log-level", "notify",
                                  "mount-share", "umount-share", "mount-volume",
-                                 "umount-volume", "send", "consume", "queues"])
+                                 "umount-volume", "send", "consume", "peek",
+                                 "queues", "check"])
 def test_ctl_help(ctl_binary, sub):
     forms = [["--help"], ["-h"], ["help"]] if sub is None else \
         [[sub, "--help"], [sub, "-h"], ["help", sub]]
@@ -724,11 +727,33 @@ def test_consume_keeps_an_unfinished_line(tmp_path, ctl_binary):
     assert q.read_text() == ""
 
 
-def test_consume_missing_file_is_empty(tmp_path, ctl_binary):
+def test_consume_of_a_missing_file_fails_unless_told_to_wait(
+        tmp_path, ctl_binary):
     q = tmp_path / "not-yet.queue"
-    r = run_ctl(ctl_binary, "consume", q, check=0)
+    for args in ([], ["--follow"]):
+        r = run_ctl(ctl_binary, "consume", q, *args, check=1)
+        assert r.out == ""
+        assert one_line(r.err) == (
+            "yulotifyctl: cannot consume %s: no such file (yulotifyd "
+            "creates a queue file with its first line; --wait waits for "
+            "it)" % q)
+    r = run_ctl(ctl_binary, "consume", q, "--wait", check=0)
     assert r.out == "" and r.err == ""
     assert not q.exists(), "the consumer must not create the queue file"
+
+
+def test_global_options_after_a_local_command(tmp_path, ctl_binary):
+    q = tmp_path / "events.queue"
+    q.write_text(queue_line(64, "/a") + "\n")
+    r = run_ctl(ctl_binary, "peek", q, "--socket", tmp_path / "none.sock",
+                "--timeout", "100", check=0)
+    assert r.out == queue_line(64, "/a") + "\n"
+    r = run_ctl(ctl_binary, "consume", "--socket=/nowhere", q, check=0)
+    assert r.out == queue_line(64, "/a") + "\n"
+    run_ctl(ctl_binary, "queues", "--conf-root", tmp_path, "--socket", "/x",
+            check=0)
+    run_ctl(ctl_binary, "check", "--conf-root", tmp_path, "--timeout=5",
+            check=0)
 
 
 def test_consume_failures(tmp_path, ctl_binary):
@@ -753,7 +778,7 @@ def test_consume_follow_races_a_writer(tmp_path, ctl_binary):
     lock: every line arrives once, whole and in order."""
     q = tmp_path / "events.queue"
     proc = subprocess.Popen([str(ctl_binary), "consume", str(q), "--follow",
-                             "--interval", "5"],
+                             "--wait", "--interval", "5"],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     chunks = []
     # Read as it comes: a full pipe would stop the consumer.
@@ -784,7 +809,8 @@ def test_consume_follow_races_a_writer(tmp_path, ctl_binary):
 
 def test_consume_follow_stops_on_sigterm(tmp_path, ctl_binary):
     q = tmp_path / "events.queue"
-    proc = subprocess.Popen([str(ctl_binary), "consume", str(q), "--follow"],
+    proc = subprocess.Popen([str(ctl_binary), "consume", str(q), "--follow",
+                             "--wait"],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     try:
         append_locked(q, queue_line(64, "/a") + "\n")
@@ -839,7 +865,7 @@ def test_queues_lists_what_the_daemon_loads(appliance, ctl_binary):
     assert indexer["monitors"] == [{
         "index": 0, "loaded": True, "share": "Public",
         "share_path": "/vol1/Public", "dir": "/", "directory": "/vol1/Public",
-        "recursive": True, "events": 1023}]
+        "recursive": True, "events": 1023, "exclude": []}]
 
     thumbs = files[conf + "/app.d/20-thumbs.json"]
     assert thumbs["loaded"] is True
@@ -887,3 +913,56 @@ def test_queues_other_conf_root(tmp_path, ctl_binary):
     assert "(%s/app.d does not exist)" % tmp_path in r.out
     assert "  skipped: \"queue\" is not an absolute path\n" in r.out
     assert r.out.endswith("0 queues from 1 file under %s\n" % tmp_path)
+
+
+# ----------------------------------------------------------------------
+# Bash completion.
+
+
+def complete(prefix, *words):
+    """What the installed completion offers for the last of `words`."""
+    script = (Path(prefix) / "share" / "bash-completion" / "completions" /
+              "yulotifyctl")
+    assert script.is_file(), "the completion is not installed at %s" % script
+    r = subprocess.run(
+        ["bash", "-c", 'source "$0"; COMP_WORDS=("$@"); '
+         'COMP_CWORD=$(($# - 1)); _yulotifyctl; '
+         'printf "%s\\n" "${COMPREPLY[@]}"', str(script), "yulotifyctl"] +
+        list(words), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        check=True, timeout=30)
+    assert r.stderr == b""
+    return set(r.stdout.decode().split())
+
+
+def test_bash_completion_knows_every_command_and_option(yulotifyd_prefix,
+                                                        ctl_binary):
+    usage = run_ctl(ctl_binary, "--help", check=0).out
+    commands = set(re.findall(r"^  ([a-z][a-z-]+) ", usage.split(
+        "Options:")[0], re.M))
+    assert {"consume", "peek", "check", "status", "help"} <= commands
+    assert complete(yulotifyd_prefix, "") == commands
+    assert complete(yulotifyd_prefix, "c") == {"consume", "check"}
+    assert complete(yulotifyd_prefix, "--socket", "/x", "pe") == {"peek"}
+    for cmd in commands - {"help"}:
+        text = run_ctl(ctl_binary, cmd, "--help", check=0).out
+        wanted = set(re.findall(r"--[a-z-]+", text.split("\n\n")[0]))
+        wanted |= {"--socket", "--timeout", "--help"}
+        assert complete(yulotifyd_prefix, cmd, "--") == wanted, cmd
+    assert complete(yulotifyd_prefix, "set-log-level", "") == \
+        {"debug", "info", "error"}
+    assert complete(yulotifyd_prefix, "help", "qu") == {"queues"}
+
+
+def test_bash_completion_of_file_names(yulotifyd_prefix, tmp_path):
+    (tmp_path / "events.queue").write_text("")
+    (tmp_path / "dir").mkdir()
+    base = str(tmp_path) + "/"
+    assert complete(yulotifyd_prefix, "consume", base + "ev") == \
+        {base + "events.queue"}
+    assert complete(yulotifyd_prefix, "peek", "--follow", base + "e") == \
+        {base + "events.queue"}
+    # One QUEUE_FILE only.
+    assert complete(yulotifyd_prefix, "consume", base + "events.queue",
+                    base + "ev") == set()
+    assert complete(yulotifyd_prefix, "check", "--conf-root", base) == \
+        {base + "dir"}

@@ -3,12 +3,15 @@ exactly as it was; a consumer still gets every line afterwards."""
 
 import fcntl
 import os
+import signal
+import subprocess
+import threading
 
 import pytest
 
 from control_util import run_ctl
 from control_util import ctl_binary  # noqa: F401  (a pytest fixture)
-from harness import monitor, wait_count
+from harness import monitor, wait_count, wait_until
 # /vol1 with the share Public at /vol1/Public; each run must end cleanly.
 from test_outbox import app  # noqa: F401  (a pytest fixture)
 
@@ -93,7 +96,8 @@ def test_peek_failures(tmp_path, ctl_binary):
     (["peek"], "expects exactly one QUEUE_FILE"),
     (["peek", "/a", "/b"], "expects exactly one QUEUE_FILE"),
     (["peek", "/a", "--lock-timeout", "0"], "--lock-timeout"),
-    (["peek", "/a", "--follow"], "unknown option --follow"),
+    (["peek", "/a", "--interval", "100"], "--interval goes with --follow"),
+    (["peek", "/a", "--follow", "--interval", "0"], "--interval"),
 ])
 def test_peek_usage_errors(ctl_binary, args, words):
     r = run_ctl(ctl_binary, *args, check=2)
@@ -107,9 +111,105 @@ def test_peek_help(ctl_binary):
     for args in (["peek", "--help"], ["peek", "-h"], ["help", "peek"]):
         r = run_ctl(ctl_binary, *args, check=0)
         assert r.out.startswith(
-            "usage: yulotifyctl peek QUEUE_FILE [--lock-timeout MS] "
-            "[--owner USER]\n"), r.out
+            "usage: yulotifyctl peek QUEUE_FILE [--follow] [--interval MS] "
+            "[--wait]\n"), r.out
         assert r.err == ""
     r = run_ctl(ctl_binary, "--help", check=0)
-    assert "  peek QUEUE_FILE [--lock-timeout MS] [--owner USER] ...\n" \
+    assert "  peek QUEUE_FILE [--follow] [--wait] [--owner USER] ...\n" \
         in r.out
+
+
+class Follower:
+    """yulotifyctl peek --follow (or consume --follow) running, its stdout
+    and stderr gathered as they come."""
+
+    def __init__(self, ctl_binary, *args):
+        self.proc = subprocess.Popen(
+            [str(ctl_binary)] + [str(a) for a in args],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.out, self.err = [], []
+        self.readers = [threading.Thread(target=self._read, args=(f, into))
+                        for f, into in ((self.proc.stdout, self.out),
+                                        (self.proc.stderr, self.err))]
+        for r in self.readers:
+            r.start()
+
+    @staticmethod
+    def _read(f, into):
+        for chunk in iter(lambda: f.read1(65536), b""):
+            into.append(chunk)
+
+    def text(self):
+        return b"".join(self.out).decode()
+
+    def errors(self):
+        return b"".join(self.err).decode()
+
+    def wait_out(self, text, timeout=10):
+        assert wait_until(lambda: self.text() == text, timeout), \
+            (self.text(), self.errors())
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+        try:
+            self.proc.wait(timeout=10)
+        finally:
+            if self.proc.poll() is None:
+                self.proc.kill()
+                self.proc.wait()
+            for r in self.readers:
+                r.join(10)
+        return self.proc.returncode
+
+
+def append(path, text):
+    """Appends as the daemon does: under an exclusive lock."""
+    with open(path, "ab") as f:
+        fcntl.flock(f, fcntl.LOCK_EX)
+        f.write(text.encode())
+
+
+def test_peek_follow_shows_new_lines_and_starts_over_after_a_cut(
+        tmp_path, ctl_binary):
+    q = tmp_path / "events.queue"
+    q.write_text("a\nb\n")
+    f = Follower(ctl_binary, "peek", q, "--follow", "--interval", "20")
+    try:
+        f.wait_out("a\nb\n")
+        append(q, "c\n")
+        f.wait_out("a\nb\nc\n")
+        append(q, '{"event":12')  # unfinished: not shown yet
+        append(q, '8}\n')
+        f.wait_out('a\nb\nc\n{"event":128}\n')
+        assert f.errors() == ""
+        # A consumer takes everything; the daemon writes on.
+        r = run_ctl(ctl_binary, "consume", q, check=0)
+        assert r.out == 'a\nb\nc\n{"event":128}\n'
+        append(q, "d\n")
+        f.wait_out('a\nb\nc\n{"event":128}\nd\n')
+        assert f.errors() == (
+            "yulotifyctl: note: the lines shown from %s are gone (taken by a "
+            "consumer, or the file was reset); showing it again from its "
+            "start\n" % q)
+    finally:
+        status = f.stop()
+    assert status == 0
+    # Nothing was taken by peek.
+    assert q.read_text() == "d\n"
+
+
+def test_peek_follow_of_a_missing_file(tmp_path, ctl_binary):
+    q = tmp_path / "later.queue"
+    r = run_ctl(ctl_binary, "peek", q, "--follow", check=1)
+    assert "No such file or directory" in one_line(r.err)
+    f = Follower(ctl_binary, "peek", q, "--follow", "--wait", "--interval",
+                 "20")
+    try:
+        append(q, "a\n")
+        f.wait_out("a\n")
+    finally:
+        status = f.stop()
+    assert status == 0
+    assert f.errors() == ""
+    assert q.read_text() == "a\n"
