@@ -13,7 +13,9 @@
 //                the file system (one no longer mounted at its mount point
 //                lost its mark when it was unmounted)
 //   Read         packed RawNotifyRecords with full paths, never a record
-//                split across two reads (see FanotifyTranslator)
+//                split across two reads (see FanotifyTranslator); it tells
+//                the translator when a read found the kernel queue empty
+//                and then has it check repeated names (CheckRepeats)
 //
 // Full paths: the directory handle of each event is opened with
 // open_by_handle_at(O_PATH) on the watched mount point's file system (O_PATH
@@ -48,6 +50,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -102,6 +106,16 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   };
 
   int ResolveDir(const DirHandle& dir, std::string* path) override;
+  int StatName(const DirHandle& dir, std::string_view name,
+               struct stat* st) override;
+  // An O_PATH descriptor of the directory `dir` into *out, through the
+  // watch that resolves its file system (*watch, when given). 0, or an
+  // errno value.
+  int OpenDir(const DirHandle& dir, UniqueFd* out,
+              const std::pair<const std::string, MountWatch>** watch);
+  // The translator's repeat check, asking the kernel queue whether it is
+  // still empty; then moves the pending records that fit to `out`.
+  size_t CheckRepeats(uint8_t* out, size_t room);
   // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
   // `mount_point`.
   int Mark(unsigned int flags, int mount_fd, bool is_dir,
@@ -122,6 +136,12 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   std::vector<uint8_t> staging_;
   size_t staged_begin_ = 0;
   size_t staged_end_ = 0;
+  // The last read found the kernel queue empty; the repeat check is due
+  // once its events are translated.
+  bool repeat_check_due_ = false;
+  // The directory StatName last opened, for the rest of the Read call.
+  UniqueFd stat_dir_;
+  std::string stat_dir_key_;
   FanotifyTranslator translator_;
 };
 

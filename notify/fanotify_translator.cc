@@ -2,9 +2,13 @@
 
 #include <sys/fanotify.h>
 
+#include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <vector>
 
 #include "base/errno_text.h"
+#include "base/path.h"
 #include "notify/notify_event.h"
 #include "notify/raw_record.h"
 #include "yulotifyd/log.h"
@@ -23,6 +27,17 @@ constexpr uint32_t kSplitOrder[] = {
     YULO_CREATE, YULO_MOVE_TO,     YULO_OPEN,          YULO_ACCESS,
     YULO_MODIFY, YULO_ATTRIB,      YULO_CLOSE_WRITE,   YULO_CLOSE_NOWRITE,
     YULO_MOVE_FROM, YULO_DELETE};
+
+// A merged event that went away and came back under its name: the going
+// changes first, then the coming ones, then what happened to the object
+// that is there now.
+constexpr uint32_t kBackAgainOrder[] = {
+    YULO_MOVE_FROM, YULO_DELETE,      YULO_CREATE,        YULO_MOVE_TO,
+    YULO_OPEN,      YULO_ACCESS,      YULO_MODIFY,        YULO_ATTRIB,
+    YULO_CLOSE_WRITE, YULO_CLOSE_NOWRITE};
+constexpr uint32_t kComingBits = YULO_CREATE | YULO_MOVE_TO;
+constexpr uint32_t kGoingBits = YULO_DELETE | YULO_MOVE_FROM;
+constexpr uint32_t kRescanDir = YULO_RESCAN | YULO_ISDIR;
 
 static_assert(FAN_ACCESS == YULO_ACCESS && FAN_MODIFY == YULO_MODIFY &&
                   FAN_ATTRIB == YULO_ATTRIB &&
@@ -84,7 +99,8 @@ uint32_t FanotifyTranslator::NextCookie() {
   return last_cookie_ | kCookieSpaceBit;
 }
 
-bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {
+bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path,
+                                     size_t* dir_len) {
   const std::string* dir =
       cache_.Find(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size);
   if (dir == nullptr) {
@@ -103,9 +119,17 @@ bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {
     }
     cache_.Insert(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size,
                   dir_scratch_);
+    // Only fresh answers can carry a name newer than the event: cached ones
+    // were given before the last directory rename that was read.
+    if (named_dirs_.size() < kMaxNamedDirs) {
+      named_dirs_.push_back(dir_scratch_);
+    } else {
+      named_overflow_ = true;
+    }
     dir = &dir_scratch_;
   }
   path->assign(*dir);
+  if (dir_len != nullptr) *dir_len = path->size();
   if (!info.name.empty() && info.name != ".") {
     if (path->empty() || path->back() != '/') path->push_back('/');
     path->append(info.name.data(), info.name.size());
@@ -121,6 +145,9 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
     const size_t n = WriteRawRecord(out, room, YULO_Q_OVERFLOW, 0, "");
     if (n == 0) return kNoRoom;
     cache_.Clear();  // renames may have been lost with the other events
+    // The rescan of the volume that answers an overflow covers every doubt.
+    repeats_.Clear();
+    doubts_.clear();
     return n;
   }
 
@@ -168,8 +195,12 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                            ResolvePath(from, &path_[0]);
     const bool want_to = (event_mask_ & YULO_MOVE_TO) && to.present &&
                          ResolvePath(to, &path_[1]);
+    // Changes read before this rename but named after it happened carry
+    // the new name already: the consumer is told to look again.
+    const bool late = is_dir && want_to && NamedEarly(path_[1]);
     size = (want_from ? RawRecordSize(path_[0]) : 0) +
-           (want_to ? RawRecordSize(path_[1]) : 0);
+           (want_to ? RawRecordSize(path_[1]) : 0) +
+           (late ? RawRecordSize(path_[1]) : 0);
     if (size > room) return kNoRoom;
     if (want_from || want_to) {
       const uint32_t cookie = NextCookie();
@@ -179,35 +210,208 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                            path_[0]);
       }
       if (want_to) {
-        WriteRawRecord(out + n, room - n, YULO_MOVE_TO | dir_flag, cookie,
-                       path_[1]);
+        n += WriteRawRecord(out + n, room - n, YULO_MOVE_TO | dir_flag, cookie,
+                            path_[1]);
       }
+      if (late) {
+        WriteRawRecord(out + n, room - n, kRescanDir, 0, path_[1]);
+        ++rescan_records_;
+      }
+      if (want_from) NoteTouch(from, false, is_dir);
+      if (want_to) NoteTouch(to, true, is_dir);
     }
   } else {
     uint32_t bits = static_cast<uint32_t>(fan_mask) & kSharedBits;
     if (fan_mask & FAN_MOVED_FROM) bits |= YULO_MOVE_FROM;
     if (fan_mask & FAN_MOVED_TO) bits |= YULO_MOVE_TO;
     bits &= event_mask_;
-    if (bits != 0 && plain.present && ResolvePath(plain, &path_[0])) {
-      // fanotify merges events on one object that are still unread into a
+    size_t dir_len = 0;
+    if (bits != 0 && plain.present && ResolvePath(plain, &path_[0], &dir_len)) {
+      // fanotify merges events on one name that are still unread into a
       // single event. The appliance facility reports each change on its own,
       // so a merged event becomes one record per type bit, in the order the
       // changes happen to a file's life: appear, open, use, close, vanish.
+      const uint32_t* order = kSplitOrder;
+      bool exists = (bits & kComingBits) != 0;
+      bool rescan = false;
+      const bool named = !plain.name.empty() && plain.name != ".";
+      if ((bits & kComingBits) && (bits & kGoingBits) && named) {
+        // Gone and come, or come and gone: the name says which was last.
+        struct stat st;
+        ++stat_calls_;
+        const int err = resolver_->StatName(plain.dir, plain.name, &st);
+        if (err == 0 && S_ISDIR(st.st_mode) == is_dir) {
+          order = kBackAgainOrder;
+        } else {
+          exists = false;
+          rescan = err != ENOENT;  // another kind of object, or no answer
+        }
+      }
+      const bool late = is_dir && (bits & YULO_MOVE_TO) && NamedEarly(path_[0]);
       size_t count = 0;
       for (uint32_t bit : kSplitOrder) count += (bits & bit) ? 1 : 0;
-      size = count * RawRecordSize(path_[0]);
+      size = count * RawRecordSize(path_[0]) +
+             (rescan ? RawRecordSize(std::string_view(path_[0]).substr(
+                                     0, dir_len))
+                     : 0) +
+             (late ? RawRecordSize(path_[0]) : 0);
       if (size > room) return kNoRoom;
       size_t n = 0;
-      for (uint32_t bit : kSplitOrder) {
+      for (size_t i = 0; i < std::size(kSplitOrder); ++i) {
+        const uint32_t bit = order[i];
         if ((bits & bit) == 0) continue;
         const uint32_t cookie = (bit & kMoveBits) ? NextCookie() : 0;
         n += WriteRawRecord(out + n, room - n, bit | dir_flag, cookie,
                             path_[0]);
       }
+      if (rescan) {
+        n += WriteRawRecord(out + n, room - n, kRescanDir, 0,
+                            std::string_view(path_[0]).substr(0, dir_len));
+        ++rescan_records_;
+      }
+      if (late) {
+        WriteRawRecord(out + n, room - n, kRescanDir, 0, path_[0]);
+        ++rescan_records_;
+      }
+      if ((bits & (kComingBits | kGoingBits)) && named) {
+        NoteTouch(plain, exists, is_dir);
+      }
     }
   }
   if (dir_moved) cache_.Clear();
   return size;
+}
+
+bool FanotifyTranslator::NamedEarly(const std::string& path) const {
+  if (named_overflow_) return true;
+  for (const std::string& dir : named_dirs_) {
+    if (PathAtOrBelow(path, dir)) return true;
+  }
+  return false;
+}
+
+void FanotifyTranslator::QueueFoundEmpty() {
+  named_dirs_.clear();
+  named_overflow_ = false;
+}
+
+void FanotifyTranslator::NoteTouch(const FidInfo& info, bool exists,
+                                   bool is_dir) {
+  if (repeats_.Full() || doubts_.size() >= kMaxDoubts) {
+    // Too much to keep until the queue is quiet: check now, even if the
+    // file system may be ahead of the records (a rescan too many at worst).
+    std::vector<const Doubt*> dirs;
+    FindContradictions(&dirs);
+    ConcludeRepeats(dirs);
+  }
+  const uint64_t key = NameKey(info.dir.fsid, info.dir.type, info.dir.bytes,
+                               info.dir.size, info.name);
+  if (!repeats_.Touch(key)) return;  // first touch: nothing to keep
+  Doubt& doubt = doubts_[key];
+  if (doubt.handle.empty()) {
+    doubt.fsid = info.dir.fsid;
+    doubt.type = info.dir.type;
+    doubt.handle.assign(reinterpret_cast<const char*>(info.dir.bytes),
+                        info.dir.size);
+    doubt.name.assign(info.name.data(), info.name.size());
+  }
+  doubt.exists = exists;
+  doubt.is_dir = is_dir;
+}
+
+void FanotifyTranslator::FindContradictions(std::vector<const Doubt*>* dirs) {
+  for (const auto& entry : doubts_) {
+    const Doubt& doubt = entry.second;
+    DirHandle dir;
+    dir.fsid = doubt.fsid;
+    dir.type = doubt.type;
+    dir.bytes = reinterpret_cast<const uint8_t*>(doubt.handle.data());
+    dir.size = static_cast<uint32_t>(doubt.handle.size());
+    struct stat st;
+    ++stat_calls_;
+    const int err = resolver_->StatName(dir, doubt.name, &st);
+    bool wrong;
+    if (err == 0) {
+      wrong = !doubt.exists || S_ISDIR(st.st_mode) != doubt.is_dir;
+    } else if (err == ENOENT) {
+      wrong = doubt.exists;
+    } else {
+      // The directory is gone or out of reach: its own delete or move
+      // covers the names in it.
+      wrong = false;
+    }
+    if (!wrong) continue;
+    bool known = false;
+    for (const Doubt* other : *dirs) {
+      if (other->fsid == doubt.fsid && other->type == doubt.type &&
+          other->handle == doubt.handle) {
+        known = true;
+        break;
+      }
+    }
+    if (!known) dirs->push_back(&doubt);
+  }
+}
+
+void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs) {
+  for (const Doubt* doubt : dirs) {
+    FidInfo info;
+    info.present = true;
+    info.dir.fsid = doubt->fsid;
+    info.dir.type = doubt->type;
+    info.dir.bytes = reinterpret_cast<const uint8_t*>(doubt->handle.data());
+    info.dir.size = static_cast<uint32_t>(doubt->handle.size());
+    // The directory's path now: the rescan is about what is there now.
+    std::string dir_path;
+    if (ResolvePath(info, &dir_path)) AddPendingRescan(dir_path);
+  }
+  repeats_.Clear();
+  doubts_.clear();
+}
+
+void FanotifyTranslator::CheckRepeats(
+    const std::function<bool()>& queue_still_empty) {
+  if (doubts_.empty()) {
+    repeats_.Clear();  // nothing touched twice: nothing to check
+    return;
+  }
+  std::vector<const Doubt*> dirs;
+  FindContradictions(&dirs);
+  // Changes made after the read show in the file system before their
+  // events are read; only a queue that is still empty makes the lookups
+  // the state the records describe.
+  if (!queue_still_empty()) return;
+  ConcludeRepeats(dirs);
+}
+
+void FanotifyTranslator::AddPendingRescan(const std::string& dir_path) {
+  if (pending_begin_ == pending_.size()) {
+    pending_.clear();
+    pending_begin_ = 0;
+  }
+  const size_t at = pending_.size();
+  pending_.resize(at + RawRecordSize(dir_path));
+  WriteRawRecord(pending_.data() + at, pending_.size() - at, kRescanDir, 0,
+                 dir_path);
+  ++rescan_records_;
+}
+
+size_t FanotifyTranslator::TakePending(uint8_t* out, size_t room) {
+  size_t written = 0;
+  while (pending_begin_ < pending_.size()) {
+    RawNotifyRecord header;
+    std::memcpy(&header, pending_.data() + pending_begin_, sizeof(header));
+    const size_t size = header.size();
+    if (size > room - written) break;
+    std::memcpy(out + written, pending_.data() + pending_begin_, size);
+    written += size;
+    pending_begin_ += size;
+  }
+  if (pending_begin_ == pending_.size()) {
+    pending_.clear();
+    pending_begin_ = 0;
+  }
+  return written;
 }
 
 size_t FanotifyTranslator::Translate(const uint8_t* events, size_t length,
