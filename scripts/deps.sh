@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   python3 python3-pytest
   util-linux procps inotify-tools
+  git rsync tar strace
   systemd
   nats-server libnats-dev
 )

@@ -36,6 +36,7 @@ import sys
 import tempfile
 import threading
 import time
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, List, Optional, Union
@@ -893,6 +894,25 @@ def wait_line(app: "Appliance", queue, expected,
               timeout: float = LINE_TIMEOUT) -> list:
     """Waits until `expected` is one of the queue's lines."""
     return wait_lines(app, queue, lambda ls: expected in ls, timeout)
+
+
+MAX_QUEUED_EVENTS = "/proc/sys/fs/fanotify/max_queued_events"
+
+
+@contextmanager
+def kernel_queue_limit(events: int):
+    """Lowers the kernel's fanotify queue limit to `events` for the body,
+    so that a daemon started in it overflows easily (the limit is taken
+    when the daemon opens fanotify); restores the old limit afterwards."""
+    with open(MAX_QUEUED_EVENTS) as f:
+        saved = f.read().strip()
+    try:
+        with open(MAX_QUEUED_EVENTS, "w") as f:
+            f.write(str(events))
+        yield
+    finally:
+        with open(MAX_QUEUED_EVENTS, "w") as f:
+            f.write(saved)
 
 
 def monitor(share: str, dir: str = "/", recursive: bool = True,

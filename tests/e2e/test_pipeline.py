@@ -9,11 +9,11 @@ import time
 
 import pytest
 
-from harness import LINE_TIMEOUT, monitor, wait_count, wait_lines, wait_until
+from harness import (LINE_TIMEOUT, kernel_queue_limit, monitor, wait_count,
+                     wait_lines, wait_until)
 
 # Lines are written by each volume's processor every 3 seconds.
 QUIET_PERIOD = 4.0  # longer than one processor pass
-MAX_QUEUED_EVENTS = "/proc/sys/fs/fanotify/max_queued_events"
 
 
 
@@ -212,17 +212,9 @@ def test_reload_reaches_both_volumes(app):
 def test_overflow_gives_one_rescan_per_queue(app):
     q = app.queue_path("q.queue")
     app.add_queue("system", "q.json", q, [monitor("Public", events=["create", "rescan"])])
-    with open(MAX_QUEUED_EVENTS) as f:
-        saved = f.read().strip()
-    try:
-        with open(MAX_QUEUED_EVENTS, "w") as f:
-            f.write("64")
+    with kernel_queue_limit(64):
         app.start()
         app.wait_ready()
-    finally:
-        # The limit is taken when the daemon opens fanotify; restore it now.
-        with open(MAX_QUEUED_EVENTS, "w") as f:
-            f.write(saved)
     share = app.ns_path("/vol1/Public")
     (share / "warmup").write_text("w")
     wait_count(app, q, 1)
