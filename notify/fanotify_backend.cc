@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/clock.h"
 #include "base/path.h"
 
 namespace YULO {
@@ -272,7 +273,25 @@ int FanotifyBackend::WaitReadable(int fd, const struct timeval& timeout,
     *readable = true;
     return 1;
   }
-  return WaitFdReadable(fd, timeout, readable);
+  const int64_t recheck = OwnDescriptor(fd) ? translator_.RecheckAtMs() : 0;
+  if (recheck == 0) return WaitFdReadable(fd, timeout, readable);
+  // A contradiction is settling: wake the reader when it is due, so that
+  // its rescan does not wait for the next event.
+  const int64_t left = recheck - MonotonicMillis();
+  const int64_t wanted =
+      static_cast<int64_t>(timeout.tv_sec) * 1000 + timeout.tv_usec / 1000;
+  if (left <= 0) {
+    *readable = true;
+    return 1;
+  }
+  if (left >= wanted) return WaitFdReadable(fd, timeout, readable);
+  struct timeval shorter;
+  shorter.tv_sec = static_cast<time_t>(left / 1000);
+  shorter.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
+  const int r = WaitFdReadable(fd, shorter, readable);
+  if (r != 0) return r;
+  *readable = true;
+  return 1;
 }
 
 ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
@@ -293,6 +312,8 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
   // the reads they are about.
   size_t produced = translator_.TakePending(out, capacity);
   if (translator_.HasPending()) return static_cast<ssize_t>(produced);
+  const int64_t recheck = translator_.RecheckAtMs();
+  if (recheck != 0 && MonotonicMillis() >= recheck) repeat_check_due_ = true;
   bool last_read_full = false;
   for (int reads = 0;;) {
     if (staged_begin_ < staged_end_) {
@@ -348,7 +369,7 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
 
 size_t FanotifyBackend::CheckRepeats(uint8_t* out, size_t room) {
   repeat_check_due_ = false;
-  translator_.CheckRepeats([this] {
+  translator_.CheckRepeats(MonotonicMillis(), [this] {
     const struct timeval zero = {0, 0};
     bool readable = false;
     const int r = WaitFdReadable(fd_.Get(), zero, &readable);

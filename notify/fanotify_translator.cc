@@ -3,6 +3,7 @@
 #include <sys/fanotify.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <vector>
@@ -301,8 +302,9 @@ void FanotifyTranslator::NoteTouch(const FidInfo& info, bool exists,
     // Too much to keep until the queue is quiet: check now, even if the
     // file system may be ahead of the records (a rescan too many at worst).
     std::vector<const Doubt*> dirs;
-    FindContradictions(&dirs);
-    ConcludeRepeats(dirs);
+    int64_t oldest = 0;
+    FindContradictions(0, INT64_MAX, &dirs, &oldest);
+    ConcludeRepeats(dirs, true);
   }
   const uint64_t key = NameKey(info.dir.fsid, info.dir.type, info.dir.bytes,
                                info.dir.size, info.name);
@@ -317,11 +319,16 @@ void FanotifyTranslator::NoteTouch(const FidInfo& info, bool exists,
   }
   doubt.exists = exists;
   doubt.is_dir = is_dir;
+  doubt.contradicted_since_ms = 0;  // a new outcome, not judged yet
 }
 
-void FanotifyTranslator::FindContradictions(std::vector<const Doubt*>* dirs) {
-  for (const auto& entry : doubts_) {
-    const Doubt& doubt = entry.second;
+bool FanotifyTranslator::FindContradictions(int64_t now_ms, int64_t settled_ms,
+                                            std::vector<const Doubt*>* dirs,
+                                            int64_t* oldest) {
+  bool any = false;
+  *oldest = 0;
+  for (auto& entry : doubts_) {
+    Doubt& doubt = entry.second;
     DirHandle dir;
     dir.fsid = doubt.fsid;
     dir.type = doubt.type;
@@ -340,7 +347,18 @@ void FanotifyTranslator::FindContradictions(std::vector<const Doubt*>* dirs) {
       // covers the names in it.
       wrong = false;
     }
-    if (!wrong) continue;
+    if (!wrong) {
+      doubt.contradicted_since_ms = 0;
+      continue;
+    }
+    any = true;
+    if (doubt.contradicted_since_ms == 0) doubt.contradicted_since_ms = now_ms;
+    if (doubt.contradicted_since_ms > settled_ms) {
+      if (*oldest == 0 || doubt.contradicted_since_ms < *oldest) {
+        *oldest = doubt.contradicted_since_ms;
+      }
+      continue;
+    }
     bool known = false;
     for (const Doubt* other : *dirs) {
       if (other->fsid == doubt.fsid && other->type == doubt.type &&
@@ -351,9 +369,12 @@ void FanotifyTranslator::FindContradictions(std::vector<const Doubt*>* dirs) {
     }
     if (!known) dirs->push_back(&doubt);
   }
+  return any;
 }
 
-void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs) {
+void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs,
+                                         bool all) {
+  std::vector<std::string> done;  // handles of the rescanned directories
   for (const Doubt* doubt : dirs) {
     FidInfo info;
     info.present = true;
@@ -364,24 +385,56 @@ void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs) 
     // The directory's path now: the rescan is about what is there now.
     std::string dir_path;
     if (ResolvePath(info, &dir_path)) AddPendingRescan(dir_path);
+    if (!all) {
+      std::string key(reinterpret_cast<const char*>(&doubt->fsid), 8);
+      key.append(reinterpret_cast<const char*>(&doubt->type), 4);
+      key.append(doubt->handle);
+      done.push_back(std::move(key));
+    }
   }
-  repeats_.Clear();
-  doubts_.clear();
+  if (all) {
+    doubts_.clear();
+  } else {
+    for (auto it = doubts_.begin(); it != doubts_.end();) {
+      std::string key(reinterpret_cast<const char*>(&it->second.fsid), 8);
+      key.append(reinterpret_cast<const char*>(&it->second.type), 4);
+      key.append(it->second.handle);
+      bool rescanned = false;
+      for (const std::string& d : done) rescanned = rescanned || d == key;
+      it = rescanned ? doubts_.erase(it) : std::next(it);
+    }
+  }
+  // The table must know every doubt kept, so it is emptied only with them.
+  if (doubts_.empty()) {
+    repeats_.Clear();
+    recheck_at_ms_ = 0;
+  }
 }
 
 void FanotifyTranslator::CheckRepeats(
-    const std::function<bool()>& queue_still_empty) {
+    int64_t now_ms, const std::function<bool()>& queue_still_empty) {
   if (doubts_.empty()) {
     repeats_.Clear();  // nothing touched twice: nothing to check
+    recheck_at_ms_ = 0;
     return;
   }
   std::vector<const Doubt*> dirs;
-  FindContradictions(&dirs);
+  int64_t oldest = 0;
+  const bool any =
+      FindContradictions(now_ms, now_ms - kSettleMs, &dirs, &oldest);
   // Changes made after the read show in the file system before their
   // events are read; only a queue that is still empty makes the lookups
   // the state the records describe.
   if (!queue_still_empty()) return;
-  ConcludeRepeats(dirs);
+  if (!any) {
+    // Records and file system agree: a clean start for the next stretch.
+    doubts_.clear();
+    repeats_.Clear();
+    recheck_at_ms_ = 0;
+    return;
+  }
+  recheck_at_ms_ = oldest != 0 ? oldest + kSettleMs : 0;
+  if (!dirs.empty()) ConcludeRepeats(dirs, false);
 }
 
 void FanotifyTranslator::AddPendingRescan(const std::string& dir_path) {

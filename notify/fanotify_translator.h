@@ -42,13 +42,18 @@
 //  - Repeats. Names touched by two or more create, delete or move records
 //    since the last check (NameRepeats) are checked against the file system
 //    by CheckRepeats, which the reader calls when the kernel queue was found
-//    empty: a name the records leave absent that exists, or present that
-//    does not (or as another kind), gets a rescan record for its directory,
-//    provided the queue is still empty after the lookups (else the file
-//    system may already show later changes, and the check waits for the
-//    next quiet moment). When more than NameRepeats::kMaxNames names or
-//    kMaxDoubts repeated names pile up first, the check runs at once.
-//    Names touched once cost a hash and a table probe, no system call.
+//    empty. A name the records leave absent that exists, or present that
+//    does not (or as another kind), contradicts them. The file system may
+//    be ahead of the records, though: a change made after the read shows
+//    at once, its event comes later (a program that writes a temporary
+//    file and renames it over its target is seen between the two). So a
+//    contradiction is acted on only when the queue is still empty after
+//    the lookups and it has stood for kSettleMs with no record touching
+//    the name again (RecheckAtMs tells the reader when to look again);
+//    then its directory gets a rescan record. When more than
+//    NameRepeats::kMaxNames names or kMaxDoubts repeated names pile up
+//    first, the check runs at once and acts on every contradiction. Names
+//    touched once cost a hash and a table probe, no system call.
 //  Rescan records made outside Translate wait in a queue of their own
 //  (TakePending).
 //
@@ -139,10 +144,16 @@ class FanotifyTranslator {
   void QueueFoundEmpty();
 
   // Checks the names touched more than once against the file system (see
-  // the top of this file). `queue_still_empty` is asked once, after the
-  // lookups; false keeps everything for the next check. Rescan records go
-  // to the pending queue.
-  void CheckRepeats(const std::function<bool()>& queue_still_empty);
+  // the top of this file) at monotonic time `now_ms`. `queue_still_empty`
+  // is asked once, after the lookups, when there is something to look up;
+  // false keeps everything for the next check. Rescan records go to the
+  // pending queue.
+  void CheckRepeats(int64_t now_ms,
+                    const std::function<bool()>& queue_still_empty);
+  // When a contradiction found by CheckRepeats will have stood long enough
+  // to be acted on: the reader should check again then, events or not.
+  // 0 when none is waiting.
+  int64_t RecheckAtMs() const { return recheck_at_ms_; }
 
   // Moves the pending rescan records that fit, whole and in order, to
   // `out`; returns the bytes written.
@@ -161,6 +172,8 @@ class FanotifyTranslator {
   static constexpr size_t kMaxNamedDirs = 1024;
   // Repeated names kept before a check is forced.
   static constexpr size_t kMaxDoubts = 1024;
+  // How long a contradiction must stand before its rescan is written.
+  static constexpr int64_t kSettleMs = 300;
 
  private:
   struct FidInfo {
@@ -178,6 +191,9 @@ class FanotifyTranslator {
     std::string name;
     bool exists = false;
     bool is_dir = false;
+    // When a check first found the file system contradicting `exists`
+    // (0: it did not, or the name was touched since).
+    int64_t contradicted_since_ms = 0;
   };
 
   static constexpr size_t kNoRoom = static_cast<size_t>(-1);
@@ -198,12 +214,17 @@ class FanotifyTranslator {
   // Records that the records just written leave `info`'s name existing or
   // not; runs a check at once when the bounds are reached.
   void NoteTouch(const FidInfo& info, bool exists, bool is_dir);
-  // Looks every doubt up; directories whose names contradict the records
-  // go to *dirs (once each, as handles in Doubt form).
-  void FindContradictions(std::vector<const Doubt*>* dirs);
+  // Looks every doubt up at `now_ms`; the directories of the names whose
+  // contradiction has stood since `settled_ms` or longer go to *dirs (once
+  // each, as handles in Doubt form). Returns whether any name contradicts
+  // the records at all; *oldest gets the earliest start of those that are
+  // not settled yet (0 when none).
+  bool FindContradictions(int64_t now_ms, int64_t settled_ms,
+                          std::vector<const Doubt*>* dirs, int64_t* oldest);
   // Rescan records for the directories of `dirs` into the pending queue,
-  // then forgets every touched name.
-  void ConcludeRepeats(const std::vector<const Doubt*>& dirs);
+  // then forgets the touched names: all of them when `all`, else those in
+  // these directories.
+  void ConcludeRepeats(const std::vector<const Doubt*>& dirs, bool all);
   void AddPendingRescan(const std::string& dir_path);
 
   DirResolver* resolver_;
@@ -221,6 +242,7 @@ class FanotifyTranslator {
   bool named_overflow_ = false;  // more were given than named_dirs_ keeps
   NameRepeats repeats_;
   std::unordered_map<uint64_t, Doubt> doubts_;
+  int64_t recheck_at_ms_ = 0;
   // Rescan records waiting for TakePending, from pending_begin_ on.
   std::vector<uint8_t> pending_;
   size_t pending_begin_ = 0;

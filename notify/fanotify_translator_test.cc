@@ -167,7 +167,7 @@ class FanotifyTranslatorTest : public ::testing::Test {
   // rescan records it concluded.
   std::vector<Record> Check(bool still_empty = true, int* asked = nullptr) {
     translator_.QueueFoundEmpty();
-    translator_.CheckRepeats([&] {
+    translator_.CheckRepeats(now_ms_, [&] {
       if (asked != nullptr) ++*asked;
       return still_empty;
     });
@@ -175,9 +175,21 @@ class FanotifyTranslatorTest : public ::testing::Test {
     return Records(out, translator_.TakePending(out.data(), out.size()));
   }
 
+  // Checks twice, a settling time apart: what a contradiction that stood
+  // that long gives.
+  std::vector<Record> CheckSettled() {
+    const auto first = Check();
+    EXPECT_TRUE(first.empty()) << "acted on before it settled";
+    EXPECT_EQ(now_ms_ + FanotifyTranslator::kSettleMs,
+              translator_.RecheckAtMs());
+    now_ms_ += FanotifyTranslator::kSettleMs;
+    return Check();
+  }
+
   FakeResolver resolver_;
   FanotifyTranslator translator_;
   std::vector<uint8_t> out_;
+  int64_t now_ms_ = 100000;
   int32_t saved_level_ = 3;
 };
 
@@ -820,11 +832,12 @@ TEST_F(FanotifyTranslatorTest, MergedRenamesThatContradictTheTreeRescanIt) {
   EXPECT_EQ(8u, records.size());
   EXPECT_EQ(0, resolver_.stats) << "nothing is looked up while reading";
   EXPECT_EQ(4u, translator_.doubts());
-  const auto rescans = Check();
+  const auto rescans = CheckSettled();
   ASSERT_EQ(1u, rescans.size()) << "one rescan per directory";
   EXPECT_EQ(kRescanDir, rescans[0].mask);
   EXPECT_EQ("/vol1/media", rescans[0].name);
-  EXPECT_EQ(4, resolver_.stats);
+  EXPECT_EQ(8, resolver_.stats);
+  EXPECT_EQ(0, translator_.RecheckAtMs());
   EXPECT_EQ(0u, translator_.doubts());
   EXPECT_FALSE(translator_.HasPending());
 }
@@ -862,16 +875,53 @@ TEST_F(FanotifyTranslatorTest, RepeatCheckWaitsForAQuietQueue) {
       Event(FAN_DELETE, {Dir("H-media", "g")}));
   resolver_.File("H-media", "g");
   EXPECT_TRUE(Check(false).empty());
-  const auto rescans = Check(true);
+  EXPECT_EQ(0, translator_.RecheckAtMs()) << "the queue gives the pace";
+  const auto rescans = CheckSettled();
   ASSERT_EQ(1u, rescans.size());
   EXPECT_EQ("/vol1/media", rescans[0].name);
+}
+
+TEST_F(FanotifyTranslatorTest, ContradictionFixedByALaterRecordIsNoRescan) {
+  // A program saves by writing .tmp and renaming it over doc. The read
+  // came after the second save's create merged into the first's: the
+  // records say .tmp is gone, and it is there, until the second rename.
+  resolver_.File("H-media", "doc");
+  resolver_.File("H-media", ".tmp");
+  Run(Event(FAN_CREATE | FAN_CLOSE_WRITE, {Dir("H-media", ".tmp")}) +
+      Event(FAN_RENAME, {Old("H-media", ".tmp"), New("H-media", "doc")}));
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(now_ms_ + FanotifyTranslator::kSettleMs, translator_.RecheckAtMs());
+  now_ms_ += 10;
+  resolver_.Remove("H-media", ".tmp");
+  Run(Event(FAN_RENAME, {Old("H-media", ".tmp"), New("H-media", "doc")}));
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(0u, translator_.doubts());
+  EXPECT_EQ(0, translator_.RecheckAtMs());
+  now_ms_ += FanotifyTranslator::kSettleMs;
+  EXPECT_TRUE(Check().empty());
+  EXPECT_FALSE(translator_.HasPending());
+}
+
+TEST_F(FanotifyTranslatorTest, TouchingAContradictedNameAgainRestartsItsClock) {
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_DELETE, {Dir("H-media", "f")}));
+  resolver_.File("H-media", "f");
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += FanotifyTranslator::kSettleMs - 1;
+  // Deleted again, created again: still contradicted, but anew.
+  Run(Event(FAN_DELETE, {Dir("H-media", "f")}));
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += 1;
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += FanotifyTranslator::kSettleMs;
+  EXPECT_EQ(1u, Check().size());
 }
 
 TEST_F(FanotifyTranslatorTest, RepeatCheckComparesTheKind) {
   Run(Event(FAN_DELETE, {Dir("H-sub", "k")}) +
       Event(FAN_CREATE, {Dir("H-sub", "k")}));
   resolver_.Directory("H-sub", "k");  // the records say: a file
-  const auto rescans = Check();
+  const auto rescans = CheckSettled();
   ASSERT_EQ(1u, rescans.size());
   EXPECT_EQ("/vol1/media/sub", rescans[0].name);
 }
@@ -927,7 +977,10 @@ TEST_F(FanotifyTranslatorTest, PendingRecordsLeaveWholeAndInOrder) {
   Run(Event(FAN_CREATE, {Dir("H-a", "x")}) + Event(FAN_CREATE, {Dir("H-a", "x")}) +
       Event(FAN_CREATE, {Dir("H-b", "y")}) + Event(FAN_CREATE, {Dir("H-b", "y")}));
   translator_.QueueFoundEmpty();
-  translator_.CheckRepeats([] { return true; });
+  translator_.CheckRepeats(1000, [] { return true; });
+  EXPECT_FALSE(translator_.HasPending());
+  translator_.CheckRepeats(1000 + FanotifyTranslator::kSettleMs,
+                           [] { return true; });
   ASSERT_TRUE(translator_.HasPending());
   std::vector<uint8_t> out(64);
   // Room for one of the two records only.
