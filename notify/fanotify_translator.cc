@@ -95,6 +95,8 @@ uint32_t FanotifyTranslator::NextCookie() {
   // The low 31 bits count; the top bit keeps kernel cookies apart from those
   // of injected renames, which never have it, so that halves of different
   // origins can never pair. Never 0.
+  static_assert(kDerivedRescanCookie == kCookieSpaceBit,
+                "move cookies have low bits too, so never equal it");
   last_cookie_ = (last_cookie_ + 1) & ~kCookieSpaceBit;
   if (last_cookie_ == 0) last_cookie_ = 1;
   return last_cookie_ | kCookieSpaceBit;
@@ -215,7 +217,8 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                             path_[1]);
       }
       if (late) {
-        WriteRawRecord(out + n, room - n, kRescanDir, 0, path_[1]);
+        WriteRawRecord(out + n, room - n, kRescanDir, kDerivedRescanCookie,
+                       path_[1]);
         ++rescan_records_;
       }
       if (want_from) NoteTouch(from, false, is_dir);
@@ -266,12 +269,13 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                             path_[0]);
       }
       if (rescan) {
-        n += WriteRawRecord(out + n, room - n, kRescanDir, 0,
+        n += WriteRawRecord(out + n, room - n, kRescanDir, kDerivedRescanCookie,
                             std::string_view(path_[0]).substr(0, dir_len));
         ++rescan_records_;
       }
       if (late) {
-        WriteRawRecord(out + n, room - n, kRescanDir, 0, path_[0]);
+        WriteRawRecord(out + n, room - n, kRescanDir, kDerivedRescanCookie,
+                       path_[0]);
         ++rescan_records_;
       }
       if ((bits & (kComingBits | kGoingBits)) && named) {
@@ -444,8 +448,8 @@ void FanotifyTranslator::AddPendingRescan(const std::string& dir_path) {
   }
   const size_t at = pending_.size();
   pending_.resize(at + RawRecordSize(dir_path));
-  WriteRawRecord(pending_.data() + at, pending_.size() - at, kRescanDir, 0,
-                 dir_path);
+  WriteRawRecord(pending_.data() + at, pending_.size() - at, kRescanDir,
+                 kDerivedRescanCookie, dir_path);
   ++rescan_records_;
 }
 

@@ -26,8 +26,8 @@
 //    it went first and came back: move-from and delete first, then create,
 //    move-to and the rest; it does not: the fixed order. When the lookup
 //    cannot tell (another kind of object there, an error) the fixed order is
-//    written and then a rescan record (YULO_RESCAN | YULO_ISDIR) for the
-//    directory;
+//    written and then a rescan record (YULO_RESCAN | YULO_ISDIR, cookie
+//    kDerivedRescanCookie) for the directory;
 //  - bits the caller did not ask for (SetEventMask) produce no record.
 //
 // Two more rescan records correct what merging and late naming can hide:

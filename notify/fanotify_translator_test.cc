@@ -691,7 +691,7 @@ TEST_F(FanotifyTranslatorTest, KindMismatchWritesARescanOfTheDirectory) {
             Masks(records));
   EXPECT_EQ("/vol1/media/sub/x", records[0].name);
   EXPECT_EQ("/vol1/media/sub", records[2].name);
-  EXPECT_EQ(0u, records[2].cookie);
+  EXPECT_EQ(kDerivedRescanCookie, records[2].cookie);
   EXPECT_EQ(1u, translator_.rescan_records());
 }
 
@@ -748,7 +748,7 @@ TEST_F(FanotifyTranslatorTest, RenameAfterChangesNamedByTheNewNameRescansIt) {
   EXPECT_EQ(YULO_MOVE_TO | YULO_ISDIR, records[2].mask);
   EXPECT_EQ(kRescanDir, records[3].mask);
   EXPECT_EQ("/vol1/media/jobs/job0-done", records[3].name);
-  EXPECT_EQ(0u, records[3].cookie);
+  EXPECT_EQ(kDerivedRescanCookie, records[3].cookie);
 }
 
 TEST_F(FanotifyTranslatorTest, LateNamesAlsoSeenAcrossReadsAndBelow) {
@@ -836,6 +836,7 @@ TEST_F(FanotifyTranslatorTest, MergedRenamesThatContradictTheTreeRescanIt) {
   ASSERT_EQ(1u, rescans.size()) << "one rescan per directory";
   EXPECT_EQ(kRescanDir, rescans[0].mask);
   EXPECT_EQ("/vol1/media", rescans[0].name);
+  EXPECT_EQ(kDerivedRescanCookie, rescans[0].cookie);
   EXPECT_EQ(8, resolver_.stats);
   EXPECT_EQ(0, translator_.RecheckAtMs());
   EXPECT_EQ(0u, translator_.doubts());

@@ -18,11 +18,15 @@ namespace {
 
 bool IsDir(uint32_t mask) { return (mask & YULO_ISDIR) != 0; }
 
-// Whether a rescan of `dir` concerns `queue`: one of its monitors lies below
+// Whether a rescan of `dir` concerns `queue`: one of its monitors that keeps
+// a model of the tree (it wants creations, deletions or moves) lies below
 // `dir`, or sees into it (it is `dir`, or above it and recursive).
 bool WatchesInto(const MonitorQueue& queue, const std::string& dir) {
+  constexpr uint32_t kTreeCodes =
+      QUEUE_EVENT_CREATE | QUEUE_EVENT_DELETE | QUEUE_EVENT_MOVE;
   for (const MonitorQueue::MonitorQueueConfig& config : queue.GetConfigs()) {
     if (config.directory.empty()) continue;  // matches nothing
+    if ((config.events & kTreeCodes) == 0) continue;
     if (PathBelow(dir, config.directory)) return true;
     if (PathAtOrBelow(config.directory, dir) &&
         (config.recursive || dir == config.directory)) {
@@ -142,7 +146,8 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
         SendRescan(snapshot);
         break;
       }
-      if ((event.mask & 0xFFFF) == YULO_RESCAN) {
+      if ((event.mask & 0xFFFF) == YULO_RESCAN &&
+          event.cookie == kDerivedRescanCookie) {
         HandleRescan(event, snapshot);
         continue;
       }

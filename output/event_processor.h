@@ -12,10 +12,13 @@
 // and code. When the volume comes up in recovery, the thread writes a rescan
 // of the volume before it handles any event.
 //
-// Rescans of one directory. A rescan event (YULO_RESCAN alone: the backend
-// could not tell what happened below a directory) goes to every queue that
-// watches something in that directory (WatchesInto), whatever codes it asked
-// for, as the rescans of the volume do. A directory that arrives in what a
+// Rescans of one directory. A rescan that the kernel layer derived
+// (YULO_RESCAN alone with kDerivedRescanCookie: it could not tell what
+// happened below a directory) goes to every queue that watches something in
+// that directory and wants creations, deletions or moves there
+// (WatchesInto), whether or not it asked for code 512, as the rescans of the
+// volume do; other rescan events (injected, or reported as such) go where
+// code 512 is wanted, like any event. A directory that arrives in what a
 // queue watches by a move from somewhere it does not watch reaches the queue
 // as a creation (64) followed by a rescan of the directory's own path, so
 // that the consumer lists what it brought along. A rescan line that repeats

@@ -366,6 +366,7 @@ TEST_F(EventProcessorTest, ArrivalRescanOnlyWhereTheQueueSeesInside) {
 TEST_F(EventProcessorTest, RescanOfADirectoryGoesToTheQueuesWatchingIntoIt) {
   const std::string all = dir_.File("all.queue");
   const std::string no_rescan = dir_.File("creates.queue");
+  const std::string no_tree = dir_.File("modify.queue");
   const std::string below = dir_.File("below.queue");
   const std::string flat = dir_.File("flat.queue");
   const std::string other = dir_.File("other.queue");
@@ -374,29 +375,47 @@ TEST_F(EventProcessorTest, RescanOfADirectoryGoesToTheQueuesWatchingIntoIt) {
        // The rescan is about lines it may have missed: sent whatever the
        // codes asked for, as the rescans of the volume are.
        MakeQueue(no_rescan, "/vol1/Docs", QUEUE_EVENT_CREATE),
+       // No model of the tree to correct: nothing.
+       MakeQueue(no_tree, "/vol1/Docs", QUEUE_EVENT_MODIFY | QUEUE_EVENT_RESCAN),
        MakeQueue(below, "/vol1/Docs", QUEUE_EVENT_ALL, "/tree/deep"),
        MakeQueue(flat, "/vol1/Docs", QUEUE_EVENT_ALL, "/", false),
        MakeQueue(other, "/vol1/Docs", QUEUE_EVENT_ALL, "/elsewhere")});
-  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree"));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree",
+                         kDerivedRescanCookie));
   // The same rescan again right after: one line is enough.
-  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree"));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree",
+                         kDerivedRescanCookie));
   EventProcessor processor(&source_);
   processor.RunOnePass();
   const Lines rescan{Line(512, "/vol1/Docs/tree", true)};
   EXPECT_EQ(ReadLines(all), rescan);
   EXPECT_EQ(ReadLines(no_rescan), rescan);
   EXPECT_EQ(ReadLines(below), rescan);
+  EXPECT_TRUE(ReadLines(no_tree).empty());
   EXPECT_TRUE(ReadLines(flat).empty());
   EXPECT_TRUE(ReadLines(other).empty());
   EXPECT_EQ(3u, processor.RescanLines());
 }
 
+TEST_F(EventProcessorTest, InjectedRescanGoesWhereRescansAreWanted) {
+  const std::string wants = dir_.File("wants.queue");
+  const std::string creates = dir_.File("creates.queue");
+  source_.SetQueues({MakeQueue(wants, "/vol1/Docs", QUEUE_EVENT_RESCAN),
+                     MakeQueue(creates, "/vol1/Docs", QUEUE_EVENT_CREATE)});
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t"));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(wants), (Lines{Line(512, "/vol1/Docs/t", true)}));
+  EXPECT_TRUE(ReadLines(creates).empty());
+}
+
 TEST_F(EventProcessorTest, RescanAfterOtherLinesIsWrittenAgain) {
   TwoShareQueues();
-  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t"));
+  const uint32_t derived = kDerivedRescanCookie;
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t", derived));
   source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/t/x"));
-  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t"));
-  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/u"));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t", derived));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/u", derived));
   EventProcessor processor(&source_);
   processor.RunOnePass();
   EXPECT_EQ(ReadLines(docs_),
