@@ -450,9 +450,8 @@ int FanotifyBackend::StatName(const DirHandle& dir, std::string_view name,
       name.find('/') != std::string_view::npos) {
     return EINVAL;  // not one entry of the directory
   }
-  std::string key(reinterpret_cast<const char*>(&dir.fsid), sizeof(dir.fsid));
-  key.append(reinterpret_cast<const char*>(&dir.type), sizeof(dir.type));
-  key.append(reinterpret_cast<const char*>(dir.bytes), dir.size);
+  std::string key;
+  MakeDirKey(dir.fsid, dir.type, dir.bytes, dir.size, &key);
   if (!stat_dir_.Valid() || stat_dir_key_ != key) {
     stat_dir_.Reset();
     stat_dir_key_.clear();

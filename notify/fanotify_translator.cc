@@ -376,6 +376,14 @@ bool FanotifyTranslator::FindContradictions(int64_t now_ms, int64_t settled_ms,
   return any;
 }
 
+std::string FanotifyTranslator::DoubtDirKey(const Doubt& doubt) {
+  std::string key;
+  MakeDirKey(doubt.fsid, doubt.type,
+             reinterpret_cast<const uint8_t*>(doubt.handle.data()),
+             doubt.handle.size(), &key);
+  return key;
+}
+
 void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs,
                                          bool all) {
   std::vector<std::string> done;  // handles of the rescanned directories
@@ -389,20 +397,13 @@ void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs,
     // The directory's path now: the rescan is about what is there now.
     std::string dir_path;
     if (ResolvePath(info, &dir_path)) AddPendingRescan(dir_path);
-    if (!all) {
-      std::string key(reinterpret_cast<const char*>(&doubt->fsid), 8);
-      key.append(reinterpret_cast<const char*>(&doubt->type), 4);
-      key.append(doubt->handle);
-      done.push_back(std::move(key));
-    }
+    if (!all) done.push_back(DoubtDirKey(*doubt));
   }
   if (all) {
     doubts_.clear();
   } else {
     for (auto it = doubts_.begin(); it != doubts_.end();) {
-      std::string key(reinterpret_cast<const char*>(&it->second.fsid), 8);
-      key.append(reinterpret_cast<const char*>(&it->second.type), 4);
-      key.append(it->second.handle);
+      const std::string key = DoubtDirKey(it->second);
       bool rescanned = false;
       for (const std::string& d : done) rescanned = rescanned || d == key;
       it = rescanned ? doubts_.erase(it) : std::next(it);

@@ -225,6 +225,8 @@ class FanotifyTranslator {
   // then forgets the touched names: all of them when `all`, else those in
   // these directories.
   void ConcludeRepeats(const std::vector<const Doubt*>& dirs, bool all);
+  // The key (MakeDirKey) of the directory of `doubt`.
+  static std::string DoubtDirKey(const Doubt& doubt);
   void AddPendingRescan(const std::string& dir_path);
 
   DirResolver* resolver_;
