@@ -361,10 +361,7 @@ def parse_peer_line(raw):
 def run_peer(args, work, name, make_argv):
     result = Result(name, args.count)
     mnt = work / ("peer-vol-%d" % len(os.listdir(work)))
-    mnt.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "-o",
-                    "mode=0755,size=%s" % VOLUME_SIZE, "tmpfs", str(mnt)],
-                   check=True)
+    mount_peer_volume(mnt)
     proc = None
     dir_fds = []
     tail = None
@@ -404,15 +401,29 @@ def run_peer(args, work, name, make_argv):
             os.close(fd)
         if tail is not None:
             tail.close()
-        if proc is not None and proc.poll() is None:
-            proc.send_signal(signal.SIGTERM)
-            try:
-                proc.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                proc.kill()
-                proc.wait()
-        subprocess.run(["umount", str(mnt)], check=False)
+        end_peer(proc, mnt)
     return result
+
+
+def mount_peer_volume(mnt):
+    """Mounts a tmpfs of the daemon's volume size at the directory `mnt`
+    (this script's private namespace: it goes with the script)."""
+    mnt.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o",
+                    "mode=0755,size=%s" % VOLUME_SIZE, "tmpfs", str(mnt)],
+                   check=True)
+
+
+def end_peer(proc, mnt):
+    """Stops a peer (SIGTERM, SIGKILL after 10 s) and unmounts its tmpfs."""
+    if proc is not None and proc.poll() is None:
+        proc.send_signal(signal.SIGTERM)
+        try:
+            proc.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait()
+    subprocess.run(["umount", str(mnt)], check=False)
 
 
 # ---------------------------------------------------------------------------
@@ -473,15 +484,36 @@ def report(results, args):
 
 # ---------------------------------------------------------------------------
 
-def enter_private_namespace():
-    """Re-executes this script in a private mount namespace of its own."""
+def check_root_and_tools(tools=("unshare", "nsenter", "mount", "umount")):
+    """Raises BenchError unless this runs as root with `tools` on PATH."""
+    if os.geteuid() != 0:
+        raise BenchError("must run as root (mount namespaces, tmpfs)")
+    for tool in tools:
+        if shutil.which(tool) is None:
+            raise BenchError("%s is not installed" % tool)
+
+
+def find_reader(value):
+    """The min_fanotify_reader binary: `value`, else
+    $YULOTIFYD_BENCH_READER; BenchError if it is not an executable file."""
+    reader = Path(value or os.environ.get("YULOTIFYD_BENCH_READER", ""))
+    if not (reader.is_file() and os.access(reader, os.X_OK)):
+        raise BenchError("min_fanotify_reader not found: build it with "
+                         "cmake --build BUILD --target min_fanotify_reader "
+                         "and pass --reader BUILD/bench/min_fanotify_reader")
+    return reader
+
+
+def enter_private_namespace(script=__file__):
+    """Re-executes `script` (this one by default) with the same arguments in
+    a private mount namespace of its own."""
     if os.environ.get(NS_ENV) == "1":
         return
     if shutil.which("unshare") is None:
         raise BenchError("unshare (util-linux) is not installed")
     env = dict(os.environ, **{NS_ENV: "1"})
     argv = ["unshare", "--mount", "--propagation", "private", "--",
-            sys.executable, str(Path(__file__).resolve())] + sys.argv[1:]
+            sys.executable, str(Path(script).resolve())] + sys.argv[1:]
     sys.stdout.flush()
     os.execvpe("unshare", argv, env)
 
@@ -518,21 +550,13 @@ def main():
         parser.error("--count and --dirs must be positive")
 
     try:
-        if os.geteuid() != 0:
-            raise BenchError("must run as root (mount namespaces, tmpfs)")
-        for tool in ("unshare", "nsenter", "mount", "umount"):
-            if shutil.which(tool) is None:
-                raise BenchError("%s (util-linux) is not installed" % tool)
+        check_root_and_tools()
         if args.only != "daemon" and shutil.which("inotifywait") is None:
             raise BenchError("inotifywait is missing: "
                              "apt-get install -y inotify-tools")
         global READER
-        READER = Path(args.reader or os.environ.get("YULOTIFYD_BENCH_READER", ""))
-        if args.only != "daemon" and not (READER.is_file()
-                                          and os.access(READER, os.X_OK)):
-            raise BenchError("min_fanotify_reader not found: build it with "
-                             "cmake --build BUILD --target min_fanotify_reader "
-                             "and pass --reader BUILD/bench/min_fanotify_reader")
+        if args.only != "daemon":
+            READER = find_reader(args.reader)
         args.prefix = harness.find_prefix(args.prefix)
         harness.daemon_binary(args.prefix)
         enter_private_namespace()
@@ -543,7 +567,7 @@ def main():
     work = Path(tempfile.mkdtemp(prefix="yulo-pipeline-bench-"))
     results = []
     try:
-        if args.only != "peer":
+        if args.only != "peers":
             print("yulotifyd: %d creations ..." % args.count, flush=True)
             results.append(run_daemon(args, work))
         if args.only in (None, "peers"):

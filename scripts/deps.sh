@@ -10,7 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   python3 python3-pytest
   util-linux procps inotify-tools
-  git rsync tar strace
+  git rsync tar linux-perf
   systemd
   nats-server libnats-dev
 )

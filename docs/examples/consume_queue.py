@@ -77,13 +77,23 @@ def decode(line):
 
 
 def rescan(path):
-    """Compare what you know below `path` (None: everything the queue
-    watches) with what is on disk."""
+    """List `path` again on disk (None: everything the queue watches) and
+    replace what you know below it with what you find; a path that is gone
+    is removed with everything below it. The daemon writes a rescan where
+    the kernel's report leaves changes in doubt, for the smallest directory
+    that covers them, and for a directory that arrived whole, right after
+    its create line."""
     print("rescan %s" % ("everything" if path is None else repr(path)),
           flush=True)
 
 
 def handle_event(event):
+    """Applied in order, the events keep a picture of the tree equal to the
+    tree on disk once the queue is quiet: 64 adds the path, 128 removes it
+    (a directory with everything below it), 256 renames path_old to path
+    (a directory with everything below it, replacing what was at path),
+    512 lists the path again, 1024 means everything before it was lost;
+    1 to 32 change content or metadata, not the tree."""
     code = event["event"]
     if code == RESET:  # its leftover "path_old", if any, means nothing
         print("reset: events before this were lost", flush=True)

@@ -11,6 +11,8 @@ holds exactly what the lines say, nothing guessed:
     128    delete   removes the path (a directory with everything below it)
     256    move     renames path_old to path (a directory with everything
                     below it); a path already at the destination is replaced
+                    (unless path_old is unknown: then a rescan has listed the
+                    destination after the move already)
     512    rescan   re-reads the real tree below the path: the model's
                     subtree is replaced by what is on disk (a path at or
                     above the root re-reads the whole root)
@@ -192,10 +194,14 @@ class Replay:
             self._note("move without path_old", line)
             return
         moved: Dict[str, bool] = {}
-        if self._inside(old):
-            if old not in self.model:
-                self._note("move of a path not there", line)
-                moved[new] = is_dir
+        if self._inside(old) and old not in self.model:
+            self._note("move of a path not there", line)
+            if new in self.model:
+                # A rescan read the tree after this move already; what it
+                # found at the destination stays.
+                return
+            moved[new] = is_dir
+        elif self._inside(old):
             for p in self._subtree(old):
                 moved[new + p[len(old):]] = self.model.pop(p)
         else:

@@ -12,6 +12,7 @@ share or the volume unless the kernel queue overflowed.
 
 Each test prints one summary line (run pytest with -s to see them):
     replay <workload>: lines=N rescans=N missing=N extra=N kind=N ...
+and, with REPLAY_DUMP=1 in the environment, every line it replayed.
 """
 
 import logging
@@ -118,6 +119,8 @@ class Workload:
         self.app.assert_running()
         lines = self.settle()
         self.replay.apply_all(lines)
+        if os.environ.get("REPLAY_DUMP") == "1":  # for looking into a failure
+            print("\n".join(map(str, lines)))
         diff = self.replay.difference()
         rescans = self.replay.rescans
         print("\nreplay %s: lines=%d rescans=%d missing=%d extra=%d kind=%d "
@@ -135,8 +138,6 @@ class Workload:
         assert not wrong, "%s: rescans outside %r: %r" % (
             self.name, list(rescans_below) + ([VOLUME] if volume_rescan
                                               else []), wrong[:10])
-        for d in rescans_below:
-            assert d.startswith(SHARE + "/"), d  # the test's own promise
 
 
 @pytest.fixture
@@ -222,7 +223,7 @@ def make_repository(repo: Path) -> dict:
             (d / ("f%03d.txt" % j)).write_text("v2 %d %d\n" % (i, j))
         (d / "f001.txt").unlink()
         (d / "new.txt").write_text("new %d\n" % i)
-    git(repo, "mv", "src/d07", "src/moved")
+    os.rename(repo / "src" / "d07", repo / "src" / "moved")
     git(repo, "add", "-A")
     git(repo, "commit", "-qm", "second")
     second = git(repo, "rev-parse", "HEAD")
@@ -297,16 +298,17 @@ class CountingHandler(logging.handlers.RotatingFileHandler):
 
 def test_log_rotation_while_the_daemon_is_stopped(workload):
     workload.start(lambda w: w.host(SHARE + "/logs").mkdir())
-    handler = CountingHandler(str(workload.host(SHARE + "/logs/app.log")),
-                              maxBytes=400, backupCount=3)
     log = logging.Logger("replay-rotation")
-    log.addHandler(handler)
-    try:
-        with workload.stopped():
+    with workload.stopped():
+        # An application starting up and logging fast, rotating its log.
+        handler = CountingHandler(str(workload.host(SHARE + "/logs/app.log")),
+                                  maxBytes=400, backupCount=3)
+        log.addHandler(handler)
+        try:
             while handler.rollovers < 90:
                 log.error("a line of the application's log, long enough")
-    finally:
-        handler.close()
+        finally:
+            handler.close()
     workload.check(rescans_below=[SHARE + "/logs"])
 
 

@@ -107,6 +107,19 @@ def test_rescan_replaces_the_subtree_with_the_disk(root):
     assert r.rescans == [root + "/d"]
 
 
+def test_lines_a_rescan_has_already_seen_change_nothing(root):
+    # The disk is read when the rescan line is replayed, after every change:
+    # the lines behind it repeat what the listing shows.
+    os.mkdir(root + "/old")
+    touch(root + "/old/f")
+    r = Replay(root)
+    os.rename(root + "/old", root + "/new")
+    r.apply_all([line(512, root, True),
+                 line(256, root + "/new", True, path_old=root + "/old")])
+    assert not r.difference()
+    assert r.model == {root + "/new": True, root + "/new/f": False}
+
+
 def test_rescan_of_a_path_gone_removes_it(root):
     r = Replay(root, initial={root + "/d": True, root + "/d/f": False})
     r.apply(line(512, root + "/d", True))

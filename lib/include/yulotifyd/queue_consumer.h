@@ -27,6 +27,15 @@
 // consumer has emptied the file. A consumer that sees code 1024 rescans the
 // paths of the 512 lines after it.
 //
+// Applied in the order taken, the lines keep a consumer's picture of the tree
+// equal to the disk once the queue is quiet: 64 adds the path, 128 removes
+// it (a directory with everything below it), 256 renames path_old to path (a
+// directory with everything below it), 512 says: list the path again and
+// take what is on disk, 1 to 32 change content or metadata, not names. The
+// daemon writes a 512 line where the kernel's report leaves changes in
+// doubt, for the smallest directory that covers them, and one for a
+// directory that arrived whole, right after its 64 line.
+//
 // Thread-safety: a QueueConsumer may be used by one thread at a time. Any
 // number of consumers (in this or other processes) may work on the same file;
 // the lock hands each line to exactly one of them.
