@@ -216,12 +216,18 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
   return 0;
 }
 
+void FanotifyBackend::ReleaseStatDir() {
+  stat_dir_.Reset();
+  stat_dir_key_.clear();
+}
+
 int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
                                  uint32_t /*mask*/) {
   if (!OwnDescriptor(fd)) {
     errno = EBADF;
     return -1;
   }
+  ReleaseStatDir();  // it may be on the file system that goes
   const auto it = watches_.find(mount_point);
   if (it == watches_.end()) {
     errno = ENOENT;
@@ -273,6 +279,14 @@ int FanotifyBackend::WaitReadable(int fd, const struct timeval& timeout,
     *readable = true;
     return 1;
   }
+  if (OwnDescriptor(fd) && stat_dir_.Valid()) {
+    // Before waiting for events, let go of the looked-up directory: a
+    // quiet volume must be free to unmount.
+    const struct timeval zero = {0, 0};
+    const int now = WaitFdReadable(fd, zero, readable);
+    if (now != 0 && (now < 0 || *readable)) return now;
+    ReleaseStatDir();
+  }
   const int64_t recheck = OwnDescriptor(fd) ? translator_.RecheckAtMs() : 0;
   if (recheck == 0) return WaitFdReadable(fd, timeout, readable);
   // A contradiction is settling: wake the reader when it is due, so that
@@ -299,12 +313,14 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
     errno = EBADF;
     return -1;
   }
-  // A directory opened for lookups never outlives the call.
+  // The directory opened for lookups is kept for the next call only if this
+  // one looked names up in it too: merged events in one directory keep
+  // coming (an archiver replacing a tree), and nothing else stays open.
   struct ReleaseStatDir {
     FanotifyBackend* self;
     ~ReleaseStatDir() {
-      self->stat_dir_.Reset();
-      self->stat_dir_key_.clear();
+      if (!self->stat_dir_used_) self->ReleaseStatDir();
+      self->stat_dir_used_ = false;
     }
   } release{this};
   uint8_t* out = static_cast<uint8_t*>(buffer);
@@ -452,9 +468,9 @@ int FanotifyBackend::StatName(const DirHandle& dir, std::string_view name,
   }
   std::string key;
   MakeDirKey(dir.fsid, dir.type, dir.bytes, dir.size, &key);
+  stat_dir_used_ = true;
   if (!stat_dir_.Valid() || stat_dir_key_ != key) {
-    stat_dir_.Reset();
-    stat_dir_key_.clear();
+    ReleaseStatDir();
     const int err = OpenDir(dir, &stat_dir_, nullptr);
     // ENOENT is kept for "no such entry": a directory that cannot be
     // opened is out of reach, whatever the reason.

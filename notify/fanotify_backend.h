@@ -29,6 +29,12 @@
 // each directory lookup, and the working directory, through which the handle
 // is decoded, rests on it only during that lookup (see OpenByHandleWithin in
 // the .cc: the calling thread gets a working directory of its own for it).
+// One exception, while events keep coming: the directory whose names were
+// last looked up (StatName, for merged events) stays open from one Read to
+// the next as long as each Read looks names up in it, so that an archiver
+// replacing a tree costs one fstatat per merged event; it is closed by the
+// first Read that does not use it, by WaitReadable before it waits for
+// events, and by RemoveWatch.
 // When a watched file system is unmounted, the kernel drops its mark and
 // nothing more arrives from it; events already queued whose directory is not
 // cached are dropped.
@@ -116,6 +122,7 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   // The translator's repeat check, asking the kernel queue whether it is
   // still empty; then moves the pending records that fit to `out`.
   size_t CheckRepeats(uint8_t* out, size_t room);
+  void ReleaseStatDir();
   // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
   // `mount_point`.
   int Mark(unsigned int flags, int mount_fd, bool is_dir,
@@ -139,9 +146,11 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   // The last read found the kernel queue empty; the repeat check is due
   // once its events are translated.
   bool repeat_check_due_ = false;
-  // The directory StatName last opened, for the rest of the Read call.
+  // The directory StatName last opened (see the top of this file), and
+  // whether the Read under way looked a name up.
   UniqueFd stat_dir_;
   std::string stat_dir_key_;
+  bool stat_dir_used_ = false;
   FanotifyTranslator translator_;
 };
 
