@@ -383,15 +383,27 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
   }
 }
 
+bool FanotifyBackend::KernelQueueEmpty() {
+  const struct timeval zero = {0, 0};
+  bool readable = false;
+  const int r = WaitFdReadable(fd_.Get(), zero, &readable);
+  return r == 0 || (r > 0 && !readable);
+}
+
 size_t FanotifyBackend::CheckRepeats(uint8_t* out, size_t room) {
   repeat_check_due_ = false;
-  translator_.CheckRepeats(MonotonicMillis(), [this] {
-    const struct timeval zero = {0, 0};
-    bool readable = false;
-    const int r = WaitFdReadable(fd_.Get(), zero, &readable);
-    return r == 0 || (r > 0 && !readable);
-  });
+  translator_.CheckRepeats(MonotonicMillis(),
+                           [this] { return KernelQueueEmpty(); });
   return translator_.TakePending(out, room);
+}
+
+bool FanotifyBackend::FinishPending() {
+  if (!fd_.Valid()) return false;
+  translator_.CheckRepeats(
+      MonotonicMillis(), [this] { return KernelQueueEmpty(); },
+      /*at_once=*/true);
+  ReleaseStatDir();
+  return translator_.HasPending();
 }
 
 const std::pair<const std::string, FanotifyBackend::MountWatch>*

@@ -96,6 +96,9 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   int WaitReadable(int fd, const struct timeval& timeout,
                    bool* readable) override;
   ssize_t Read(int fd, void* buffer, size_t capacity) override;
+  // Acts on every contradiction of the repeat check at once, settled or not
+  // (see FanotifyTranslator), when the kernel queue is empty.
+  bool FinishPending() override;
 
   // Whether moves are reported with FAN_RENAME (known after the first
   // successful AddWatch in kAuto mode).
@@ -123,6 +126,8 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   // still empty; then moves the pending records that fit to `out`.
   size_t CheckRepeats(uint8_t* out, size_t room);
   void ReleaseStatDir();
+  // Whether the kernel holds no event right now (a zero-timeout poll).
+  bool KernelQueueEmpty();
   // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
   // `mount_point`.
   int Mark(unsigned int flags, int mount_fd, bool is_dir,

@@ -417,7 +417,8 @@ void FanotifyTranslator::ConcludeRepeats(const std::vector<const Doubt*>& dirs,
 }
 
 void FanotifyTranslator::CheckRepeats(
-    int64_t now_ms, const std::function<bool()>& queue_still_empty) {
+    int64_t now_ms, const std::function<bool()>& queue_still_empty,
+    bool at_once) {
   if (doubts_.empty()) {
     repeats_.Clear();  // nothing touched twice: nothing to check
     recheck_at_ms_ = 0;
@@ -425,8 +426,8 @@ void FanotifyTranslator::CheckRepeats(
   }
   std::vector<const Doubt*> dirs;
   int64_t oldest = 0;
-  const bool any =
-      FindContradictions(now_ms, now_ms - kSettleMs, &dirs, &oldest);
+  const bool any = FindContradictions(
+      now_ms, at_once ? INT64_MAX : now_ms - kSettleMs, &dirs, &oldest);
   // Changes made after the read show in the file system before their
   // events are read; only a queue that is still empty makes the lookups
   // the state the records describe.

@@ -147,9 +147,11 @@ class FanotifyTranslator {
   // the top of this file) at monotonic time `now_ms`. `queue_still_empty`
   // is asked once, after the lookups, when there is something to look up;
   // false keeps everything for the next check. Rescan records go to the
-  // pending queue.
+  // pending queue. With `at_once`, contradictions count as settled however
+  // new (for a reader about to stop).
   void CheckRepeats(int64_t now_ms,
-                    const std::function<bool()>& queue_still_empty);
+                    const std::function<bool()>& queue_still_empty,
+                    bool at_once = false);
   // When a contradiction found by CheckRepeats will have stood long enough
   // to be acted on: the reader should check again then, events or not.
   // 0 when none is waiting.

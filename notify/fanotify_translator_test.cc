@@ -918,6 +918,22 @@ TEST_F(FanotifyTranslatorTest, TouchingAContradictedNameAgainRestartsItsClock) {
   EXPECT_EQ(1u, Check().size());
 }
 
+TEST_F(FanotifyTranslatorTest, AtOnceActsOnContradictionsNotSettledYet) {
+  // A reader about to stop cannot wait for them to settle.
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_DELETE, {Dir("H-media", "f")}));
+  resolver_.File("H-media", "f");
+  EXPECT_TRUE(Check().empty());
+  translator_.CheckRepeats(now_ms_, [] { return false; }, true);
+  EXPECT_FALSE(translator_.HasPending()) << "not while events wait";
+  translator_.CheckRepeats(now_ms_, [] { return true; }, true);
+  std::vector<uint8_t> out(4096);
+  const auto rescans = Records(out, translator_.TakePending(out.data(), 4096));
+  ASSERT_EQ(1u, rescans.size());
+  EXPECT_EQ("/vol1/media", rescans[0].name);
+  EXPECT_EQ(0, translator_.RecheckAtMs());
+}
+
 TEST_F(FanotifyTranslatorTest, RepeatCheckComparesTheKind) {
   Run(Event(FAN_DELETE, {Dir("H-sub", "k")}) +
       Event(FAN_CREATE, {Dir("H-sub", "k")}));

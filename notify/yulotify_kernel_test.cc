@@ -349,6 +349,24 @@ TEST_F(KernelNotifyTest, MergedRenamesOfLogRotationAreRescanned) {
       << Describe(events);
 }
 
+TEST_F(KernelNotifyTest, ReaderAboutToStopGetsTheRescansHeldBack) {
+  // Saved twice by renaming /f over /g, then /f made again: the creates
+  // of /f merge, and so do the renames, so the records leave /f gone, and
+  // it is there.
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(WriteWholeFile(S("/f"), "", 0644));
+    ASSERT_EQ(0, ::rename(S("/f").c_str(), S("/g").c_str()));
+  }
+  ASSERT_TRUE(WriteWholeFile(S("/f"), "", 0644));
+  auto events = Drain(*notify_);
+  ASSERT_EQ(0u, MaskOf(events, share_) & YULO_RESCAN) << Describe(events);
+  ASSERT_TRUE(notify_->FinishPending());
+  events = Drain(*notify_);
+  EXPECT_EQ((Expected{{YULO_RESCAN | YULO_ISDIR, "/"}}), Changes(events))
+      << Describe(events);
+  EXPECT_FALSE(notify_->FinishPending());
+}
+
 TEST_F(KernelNotifyTest, DeletedDirectoryNeverGivesAWrongPath) {
   ASSERT_EQ(0, ::mkdir(S("/d").c_str(), 0755));
   Drain(*notify_);
