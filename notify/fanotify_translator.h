@@ -82,6 +82,7 @@
 
 #include "notify/dir_path_cache.h"
 #include "notify/name_repeats.h"
+#include "notify/notify_event.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -199,6 +200,8 @@ class FanotifyTranslator {
   };
 
   static constexpr size_t kNoRoom = static_cast<size_t>(-1);
+  // The mask of every rescan record this translator makes.
+  static constexpr uint32_t kRescanRecordMask = YULO_RESCAN | YULO_ISDIR;
 
   // Records of one event at `out`; bytes written (0 if none), or kNoRoom.
   size_t TranslateOne(const uint8_t* event, uint64_t fan_mask,
