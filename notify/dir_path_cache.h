@@ -24,6 +24,12 @@
 namespace YULO {
 namespace YULOTIFYD {
 
+// The bytes that identify a directory handle (file system id, handle type,
+// handle bytes) into *key, replacing what it held: one key, equal for equal
+// handles, for every map or comparison of directories by handle.
+void MakeDirKey(uint64_t fsid, int32_t handle_type, const uint8_t* handle,
+                size_t handle_bytes, std::string* key);
+
 class DirPathCache {
  public:
   static constexpr size_t kDefaultMaxEntries = 1 << 16;

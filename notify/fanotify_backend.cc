@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/clock.h"
 #include "base/path.h"
 
 namespace YULO {
@@ -215,12 +216,18 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
   return 0;
 }
 
+void FanotifyBackend::ReleaseStatDir() {
+  stat_dir_.Reset();
+  stat_dir_key_.clear();
+}
+
 int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
                                  uint32_t /*mask*/) {
   if (!OwnDescriptor(fd)) {
     errno = EBADF;
     return -1;
   }
+  ReleaseStatDir();  // it may be on the file system that goes
   const auto it = watches_.find(mount_point);
   if (it == watches_.end()) {
     errno = ENOENT;
@@ -267,11 +274,38 @@ int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
 
 int FanotifyBackend::WaitReadable(int fd, const struct timeval& timeout,
                                   bool* readable) {
-  if (OwnDescriptor(fd) && staged_begin_ < staged_end_) {
+  if (OwnDescriptor(fd) &&
+      (staged_begin_ < staged_end_ || translator_.HasPending())) {
     *readable = true;
     return 1;
   }
-  return WaitFdReadable(fd, timeout, readable);
+  if (OwnDescriptor(fd) && stat_dir_.Valid()) {
+    // Before waiting for events, let go of the looked-up directory: a
+    // quiet volume must be free to unmount.
+    const struct timeval zero = {0, 0};
+    const int now = WaitFdReadable(fd, zero, readable);
+    if (now != 0 && (now < 0 || *readable)) return now;
+    ReleaseStatDir();
+  }
+  const int64_t recheck = OwnDescriptor(fd) ? translator_.RecheckAtMs() : 0;
+  if (recheck == 0) return WaitFdReadable(fd, timeout, readable);
+  // A contradiction is settling: wake the reader when it is due, so that
+  // its rescan does not wait for the next event.
+  const int64_t left = recheck - MonotonicMillis();
+  const int64_t wanted =
+      static_cast<int64_t>(timeout.tv_sec) * 1000 + timeout.tv_usec / 1000;
+  if (left <= 0) {
+    *readable = true;
+    return 1;
+  }
+  if (left >= wanted) return WaitFdReadable(fd, timeout, readable);
+  struct timeval shorter;
+  shorter.tv_sec = static_cast<time_t>(left / 1000);
+  shorter.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
+  const int r = WaitFdReadable(fd, shorter, readable);
+  if (r != 0) return r;
+  *readable = true;
+  return 1;
 }
 
 ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
@@ -279,8 +313,23 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
     errno = EBADF;
     return -1;
   }
+  // The directory opened for lookups is kept for the next call only if this
+  // one looked names up in it too: merged events in one directory keep
+  // coming (an archiver replacing a tree), and nothing else stays open.
+  struct ReleaseStatDir {
+    FanotifyBackend* self;
+    ~ReleaseStatDir() {
+      if (!self->stat_dir_used_) self->ReleaseStatDir();
+      self->stat_dir_used_ = false;
+    }
+  } release{this};
   uint8_t* out = static_cast<uint8_t*>(buffer);
-  size_t produced = 0;
+  // Rescan records concluded earlier go first: they follow the records of
+  // the reads they are about.
+  size_t produced = translator_.TakePending(out, capacity);
+  if (translator_.HasPending()) return static_cast<ssize_t>(produced);
+  const int64_t recheck = translator_.RecheckAtMs();
+  if (recheck != 0 && MonotonicMillis() >= recheck) repeat_check_due_ = true;
   bool last_read_full = false;
   for (int reads = 0;;) {
     if (staged_begin_ < staged_end_) {
@@ -299,6 +348,10 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
         return static_cast<ssize_t>(produced);
       }
     }
+    if (repeat_check_due_) {
+      produced += CheckRepeats(out + produced, capacity - produced);
+      if (translator_.HasPending()) return static_cast<ssize_t>(produced);
+    }
     // Everything read is translated. Read on only when all of it was
     // dropped, or when the kernel probably holds more and there is room.
     if ((produced > 0 && !last_read_full) || reads == kMaxReadsPerCall) {
@@ -308,16 +361,49 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
         [&] { return ::read(fd_.Get(), staging_.data(), staging_.size()); });
     ++reads;
     if (n < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || produced > 0) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        translator_.QueueFoundEmpty();
+        repeat_check_due_ = true;
+        produced += CheckRepeats(out + produced, capacity - produced);
         return static_cast<ssize_t>(produced);
       }
+      if (produced > 0) return static_cast<ssize_t>(produced);
       return -1;
     }
     if (n == 0) return static_cast<ssize_t>(produced);
     staged_begin_ = 0;
     staged_end_ = static_cast<size_t>(n);
     last_read_full = staging_.size() - staged_end_ < kLargeEvent;
+    if (!last_read_full) {
+      // fanotify fills a read until its queue runs dry or the buffer is
+      // full: with room left, it ran dry.
+      translator_.QueueFoundEmpty();
+      repeat_check_due_ = true;
+    }
   }
+}
+
+bool FanotifyBackend::KernelQueueEmpty() {
+  const struct timeval zero = {0, 0};
+  bool readable = false;
+  const int r = WaitFdReadable(fd_.Get(), zero, &readable);
+  return r == 0 || (r > 0 && !readable);
+}
+
+size_t FanotifyBackend::CheckRepeats(uint8_t* out, size_t room) {
+  repeat_check_due_ = false;
+  translator_.CheckRepeats(MonotonicMillis(),
+                           [this] { return KernelQueueEmpty(); });
+  return translator_.TakePending(out, room);
+}
+
+bool FanotifyBackend::FinishPending() {
+  if (!fd_.Valid()) return false;
+  translator_.CheckRepeats(
+      MonotonicMillis(), [this] { return KernelQueueEmpty(); },
+      /*at_once=*/true);
+  ReleaseStatDir();
+  return translator_.HasPending();
 }
 
 const std::pair<const std::string, FanotifyBackend::MountWatch>*
@@ -332,7 +418,9 @@ FanotifyBackend::Resolver(uint64_t fsid) {
   return best;
 }
 
-int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
+int FanotifyBackend::OpenDir(
+    const DirHandle& dir, UniqueFd* out,
+    const std::pair<const std::string, MountWatch>** watch_out) {
   const auto* watch = Resolver(dir.fsid);
   if (watch == nullptr) return ESTALE;  // no watched mount point left there
   if (dir.size > MAX_HANDLE_SZ) return EINVAL;
@@ -352,9 +440,17 @@ int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
   // something was mounted over it).
   if (fsid != dir.fsid) return ESTALE;
   // O_PATH: opening and closing the directory raises no events.
-  UniqueFd dir_fd(
-      OpenByHandleWithin(mount_fd.Get(), handle, O_PATH | O_CLOEXEC));
-  if (!dir_fd.Valid()) return errno;
+  out->Reset(OpenByHandleWithin(mount_fd.Get(), handle, O_PATH | O_CLOEXEC));
+  if (!out->Valid()) return errno;
+  if (watch_out != nullptr) *watch_out = watch;
+  return 0;
+}
+
+int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
+  UniqueFd dir_fd;
+  const std::pair<const std::string, MountWatch>* watch = nullptr;
+  const int err = OpenDir(dir, &dir_fd, &watch);
+  if (err != 0) return err;
   std::string real;
   if (!ReadFdPath(dir_fd.Get(), &real)) return errno;
   // Checked after reading the path: a directory removed before or during
@@ -374,6 +470,31 @@ int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
     path->append(rest.data(), rest.size());
   }
   return 0;
+}
+
+int FanotifyBackend::StatName(const DirHandle& dir, std::string_view name,
+                              struct stat* st) {
+  if (name.empty() || name == "." || name == ".." ||
+      name.find('/') != std::string_view::npos) {
+    return EINVAL;  // not one entry of the directory
+  }
+  std::string key;
+  MakeDirKey(dir.fsid, dir.type, dir.bytes, dir.size, &key);
+  stat_dir_used_ = true;
+  if (!stat_dir_.Valid() || stat_dir_key_ != key) {
+    ReleaseStatDir();
+    const int err = OpenDir(dir, &stat_dir_, nullptr);
+    // ENOENT is kept for "no such entry": a directory that cannot be
+    // opened is out of reach, whatever the reason.
+    if (err != 0) return err == ENOENT ? ESTALE : err;
+    stat_dir_key_ = std::move(key);
+  }
+  const std::string entry(name);
+  if (::fstatat(stat_dir_.Get(), entry.c_str(), st, AT_SYMLINK_NOFOLLOW) ==
+      0) {
+    return 0;
+  }
+  return errno;
 }
 
 }  // namespace YULOTIFYD

@@ -13,7 +13,9 @@
 //                the file system (one no longer mounted at its mount point
 //                lost its mark when it was unmounted)
 //   Read         packed RawNotifyRecords with full paths, never a record
-//                split across two reads (see FanotifyTranslator)
+//                split across two reads (see FanotifyTranslator); it tells
+//                the translator when a read found the kernel queue empty
+//                and then has it check repeated names (CheckRepeats)
 //
 // Full paths: the directory handle of each event is opened with
 // open_by_handle_at(O_PATH) on the watched mount point's file system (O_PATH
@@ -27,6 +29,12 @@
 // each directory lookup, and the working directory, through which the handle
 // is decoded, rests on it only during that lookup (see OpenByHandleWithin in
 // the .cc: the calling thread gets a working directory of its own for it).
+// One exception, while events keep coming: the directory whose names were
+// last looked up (StatName, for merged events) stays open from one Read to
+// the next as long as each Read looks names up in it, so that an archiver
+// replacing a tree costs one fstatat per merged event; it is closed by the
+// first Read that does not use it, by WaitReadable before it waits for
+// events, and by RemoveWatch.
 // When a watched file system is unmounted, the kernel drops its mark and
 // nothing more arrives from it; events already queued whose directory is not
 // cached are dropped.
@@ -48,6 +56,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -86,6 +96,9 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   int WaitReadable(int fd, const struct timeval& timeout,
                    bool* readable) override;
   ssize_t Read(int fd, void* buffer, size_t capacity) override;
+  // Acts on every contradiction of the repeat check at once, settled or not
+  // (see FanotifyTranslator), when the kernel queue is empty.
+  bool FinishPending() override;
 
   // Whether moves are reported with FAN_RENAME (known after the first
   // successful AddWatch in kAuto mode).
@@ -102,6 +115,19 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   };
 
   int ResolveDir(const DirHandle& dir, std::string* path) override;
+  int StatName(const DirHandle& dir, std::string_view name,
+               struct stat* st) override;
+  // An O_PATH descriptor of the directory `dir` into *out, through the
+  // watch that resolves its file system (*watch, when given). 0, or an
+  // errno value.
+  int OpenDir(const DirHandle& dir, UniqueFd* out,
+              const std::pair<const std::string, MountWatch>** watch);
+  // The translator's repeat check, asking the kernel queue whether it is
+  // still empty; then moves the pending records that fit to `out`.
+  size_t CheckRepeats(uint8_t* out, size_t room);
+  void ReleaseStatDir();
+  // Whether the kernel holds no event right now (a zero-timeout poll).
+  bool KernelQueueEmpty();
   // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
   // `mount_point`.
   int Mark(unsigned int flags, int mount_fd, bool is_dir,
@@ -122,6 +148,14 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   std::vector<uint8_t> staging_;
   size_t staged_begin_ = 0;
   size_t staged_end_ = 0;
+  // The last read found the kernel queue empty; the repeat check is due
+  // once its events are translated.
+  bool repeat_check_due_ = false;
+  // The directory StatName last opened (see the top of this file), and
+  // whether the Read under way looked a name up.
+  UniqueFd stat_dir_;
+  std::string stat_dir_key_;
+  bool stat_dir_used_ = false;
   FanotifyTranslator translator_;
 };
 

@@ -404,6 +404,24 @@ TEST_F(FanotifyBackendKernelTest, WatchedFileSystemCanBeUnmounted) {
   ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
 }
 
+// Merged events make the backend look names up in their directory, which
+// it keeps open while such events keep coming; once the reader waits for
+// more, nothing is left open on the volume.
+TEST_F(FanotifyBackendKernelTest, LookedUpDirectoryLeavesTheVolumeFree) {
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, kMask));
+  ASSERT_EQ(0, ::mkdir((m1_ + "/d").c_str(), 0755));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "1", 0644));
+  ASSERT_FALSE(ReadAll().empty());
+  ASSERT_EQ(0, ::unlink((m1_ + "/d/f").c_str()));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/d/f", "2", 0644));
+  const auto records = ReadAll();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ((std::pair<uint32_t, std::string>{YULO_DELETE, m1_ + "/d/f"}),
+            Changes(records).front());
+  EXPECT_EQ(1u, backend_.translator().stat_calls());
+  ASSERT_EQ(0, ::umount2(m1_.c_str(), 0)) << ErrnoText(errno);
+}
+
 // Events still queued when their file system went away cannot be named any
 // more: they are dropped, never reported under whatever is mounted there
 // now.

@@ -2,7 +2,11 @@
 
 #include <sys/fanotify.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <vector>
 
 #include "base/errno_text.h"
 #include "notify/notify_event.h"
@@ -23,6 +27,16 @@ constexpr uint32_t kSplitOrder[] = {
     YULO_CREATE, YULO_MOVE_TO,     YULO_OPEN,          YULO_ACCESS,
     YULO_MODIFY, YULO_ATTRIB,      YULO_CLOSE_WRITE,   YULO_CLOSE_NOWRITE,
     YULO_MOVE_FROM, YULO_DELETE};
+
+// A merged event that went away and came back under its name: the going
+// changes first, then the coming ones, then what happened to the object
+// that is there now.
+constexpr uint32_t kBackAgainOrder[] = {
+    YULO_MOVE_FROM, YULO_DELETE,      YULO_CREATE,        YULO_MOVE_TO,
+    YULO_OPEN,      YULO_ACCESS,      YULO_MODIFY,        YULO_ATTRIB,
+    YULO_CLOSE_WRITE, YULO_CLOSE_NOWRITE};
+constexpr uint32_t kComingBits = YULO_CREATE | YULO_MOVE_TO;
+constexpr uint32_t kGoingBits = YULO_DELETE | YULO_MOVE_FROM;
 
 static_assert(FAN_ACCESS == YULO_ACCESS && FAN_MODIFY == YULO_MODIFY &&
                   FAN_ATTRIB == YULO_ATTRIB &&
@@ -79,12 +93,15 @@ uint32_t FanotifyTranslator::NextCookie() {
   // The low 31 bits count; the top bit keeps kernel cookies apart from those
   // of injected renames, which never have it, so that halves of different
   // origins can never pair. Never 0.
+  static_assert(kDerivedRescanCookie == kCookieSpaceBit,
+                "move cookies have low bits too, so never equal it");
   last_cookie_ = (last_cookie_ + 1) & ~kCookieSpaceBit;
   if (last_cookie_ == 0) last_cookie_ = 1;
   return last_cookie_ | kCookieSpaceBit;
 }
 
-bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {
+bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path,
+                                     size_t* dir_len) {
   const std::string* dir =
       cache_.Find(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size);
   if (dir == nullptr) {
@@ -103,9 +120,17 @@ bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path) {
     }
     cache_.Insert(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size,
                   dir_scratch_);
+    // Only fresh answers can carry a name newer than the event: cached ones
+    // were given before the last directory rename that was read.
+    if (named_dirs_.size() < kMaxNamedDirs) {
+      named_dirs_.push_back(dir_scratch_);
+    } else {
+      named_overflow_ = true;
+    }
     dir = &dir_scratch_;
   }
   path->assign(*dir);
+  if (dir_len != nullptr) *dir_len = path->size();
   if (!info.name.empty() && info.name != ".") {
     if (path->empty() || path->back() != '/') path->push_back('/');
     path->append(info.name.data(), info.name.size());
@@ -121,6 +146,9 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
     const size_t n = WriteRawRecord(out, room, YULO_Q_OVERFLOW, 0, "");
     if (n == 0) return kNoRoom;
     cache_.Clear();  // renames may have been lost with the other events
+    // The rescan of the volume that answers an overflow covers every doubt.
+    repeats_.Clear();
+    doubts_.clear();
     return n;
   }
 
@@ -168,8 +196,12 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                            ResolvePath(from, &path_[0]);
     const bool want_to = (event_mask_ & YULO_MOVE_TO) && to.present &&
                          ResolvePath(to, &path_[1]);
+    // Changes read before this rename but named after it happened carry
+    // the new name already: the consumer is told to look again.
+    const bool late = is_dir && want_to && NamedEarly(path_[1]);
     size = (want_from ? RawRecordSize(path_[0]) : 0) +
-           (want_to ? RawRecordSize(path_[1]) : 0);
+           (want_to ? RawRecordSize(path_[1]) : 0) +
+           (late ? RawRecordSize(path_[1]) : 0);
     if (size > room) return kNoRoom;
     if (want_from || want_to) {
       const uint32_t cookie = NextCookie();
@@ -179,30 +211,73 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                            path_[0]);
       }
       if (want_to) {
-        WriteRawRecord(out + n, room - n, YULO_MOVE_TO | dir_flag, cookie,
-                       path_[1]);
+        n += WriteRawRecord(out + n, room - n, YULO_MOVE_TO | dir_flag, cookie,
+                            path_[1]);
       }
+      if (late) {
+        WriteRawRecord(out + n, room - n, kRescanRecordMask, kDerivedRescanCookie,
+                       path_[1]);
+        ++rescan_records_;
+      }
+      if (want_from) NoteTouch(from, false, is_dir);
+      if (want_to) NoteTouch(to, true, is_dir);
     }
   } else {
     uint32_t bits = static_cast<uint32_t>(fan_mask) & kSharedBits;
     if (fan_mask & FAN_MOVED_FROM) bits |= YULO_MOVE_FROM;
     if (fan_mask & FAN_MOVED_TO) bits |= YULO_MOVE_TO;
     bits &= event_mask_;
-    if (bits != 0 && plain.present && ResolvePath(plain, &path_[0])) {
-      // fanotify merges events on one object that are still unread into a
+    size_t dir_len = 0;
+    if (bits != 0 && plain.present && ResolvePath(plain, &path_[0], &dir_len)) {
+      // fanotify merges events on one name that are still unread into a
       // single event. The appliance facility reports each change on its own,
       // so a merged event becomes one record per type bit, in the order the
       // changes happen to a file's life: appear, open, use, close, vanish.
+      const uint32_t* order = kSplitOrder;
+      bool exists = (bits & kComingBits) != 0;
+      bool rescan = false;
+      const bool named = !plain.name.empty() && plain.name != ".";
+      if ((bits & kComingBits) && (bits & kGoingBits) && named) {
+        // Gone and come, or come and gone: the name says which was last.
+        struct stat st;
+        ++stat_calls_;
+        const int err = resolver_->StatName(plain.dir, plain.name, &st);
+        if (err == 0 && S_ISDIR(st.st_mode) == is_dir) {
+          order = kBackAgainOrder;
+        } else {
+          exists = false;
+          rescan = err != ENOENT;  // another kind of object, or no answer
+        }
+      }
+      const bool late = is_dir && (bits & YULO_MOVE_TO) && NamedEarly(path_[0]);
       size_t count = 0;
       for (uint32_t bit : kSplitOrder) count += (bits & bit) ? 1 : 0;
-      size = count * RawRecordSize(path_[0]);
+      size = count * RawRecordSize(path_[0]) +
+             (rescan ? RawRecordSize(std::string_view(path_[0]).substr(
+                                     0, dir_len))
+                     : 0) +
+             (late ? RawRecordSize(path_[0]) : 0);
       if (size > room) return kNoRoom;
       size_t n = 0;
-      for (uint32_t bit : kSplitOrder) {
+      for (size_t i = 0; i < std::size(kSplitOrder); ++i) {
+        const uint32_t bit = order[i];
         if ((bits & bit) == 0) continue;
         const uint32_t cookie = (bit & kMoveBits) ? NextCookie() : 0;
         n += WriteRawRecord(out + n, room - n, bit | dir_flag, cookie,
                             path_[0]);
+      }
+      if (rescan) {
+        n += WriteRawRecord(out + n, room - n, kRescanRecordMask, kDerivedRescanCookie,
+                            std::string_view(path_[0]).substr(0, dir_len));
+        ++rescan_records_;
+      }
+      if (late) {
+        WriteRawRecord(out + n, room - n, kRescanRecordMask, kDerivedRescanCookie,
+                       path_[0]);
+        ++rescan_records_;
+      }
+      if ((bits & (kComingBits | kGoingBits)) && named) {
+        NoteTouch(plain, exists, is_dir);
       }
     }
   }

@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/fanotify.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <map>
+#include <string_view>
 #include <vector>
 
 #include "notify/notify_event.h"
@@ -99,13 +101,38 @@ class FakeResolver : public DirResolver {
     *path = it->second;
     return 0;
   }
+  int StatName(const DirHandle& dir, std::string_view name,
+               struct stat* st) override {
+    ++stats;
+    const std::string key(reinterpret_cast<const char*>(dir.bytes), dir.size);
+    if (stat_error != 0) return stat_error;
+    const auto it = entries.find(std::make_pair(key, std::string(name)));
+    if (it == entries.end()) return ENOENT;
+    *st = {};
+    st->st_mode = it->second;
+    return 0;
+  }
+  // What the directory with `handle` holds under `name`: a file, a
+  // directory, or (Remove) nothing.
+  void File(const std::string& handle, const std::string& name) {
+    entries[std::make_pair(handle, name)] = S_IFREG | 0644;
+  }
+  void Directory(const std::string& handle, const std::string& name) {
+    entries[std::make_pair(handle, name)] = S_IFDIR | 0755;
+  }
+  void Remove(const std::string& handle, const std::string& name) {
+    entries.erase(std::make_pair(handle, name));
+  }
   void Set(const std::string& handle, const std::string& path,
            uint64_t fsid = kFsid) {
     paths[std::make_pair(fsid, handle)] = path;
   }
 
   std::map<std::pair<uint64_t, std::string>, std::string> paths;
+  std::map<std::pair<std::string, std::string>, mode_t> entries;
+  int stat_error = 0;  // returned by every StatName when set
   int calls = 0;
+  int stats = 0;
 };
 
 class FanotifyTranslatorTest : public ::testing::Test {
@@ -135,9 +162,34 @@ class FanotifyTranslatorTest : public ::testing::Test {
     return Records(out_, written);
   }
 
+  // The repeat check as the backend runs it when a read found the queue
+  // empty, with `still_empty` as the queue's answer afterwards; returns the
+  // rescan records it concluded.
+  std::vector<Record> Check(bool still_empty = true, int* asked = nullptr) {
+    translator_.QueueFoundEmpty();
+    translator_.CheckRepeats(now_ms_, [&] {
+      if (asked != nullptr) ++*asked;
+      return still_empty;
+    });
+    std::vector<uint8_t> out(65536);
+    return Records(out, translator_.TakePending(out.data(), out.size()));
+  }
+
+  // Checks twice, a settling time apart: what a contradiction that stood
+  // that long gives.
+  std::vector<Record> CheckSettled() {
+    const auto first = Check();
+    EXPECT_TRUE(first.empty()) << "acted on before it settled";
+    EXPECT_EQ(now_ms_ + FanotifyTranslator::kSettleMs,
+              translator_.RecheckAtMs());
+    now_ms_ += FanotifyTranslator::kSettleMs;
+    return Check();
+  }
+
   FakeResolver resolver_;
   FanotifyTranslator translator_;
   std::vector<uint8_t> out_;
+  int64_t now_ms_ = 100000;
   int32_t saved_level_ = 3;
 };
 
@@ -553,6 +605,419 @@ TEST_F(FanotifyTranslatorTest, BadInfoRecordsAreIgnored) {
   size_t used = 0;
   EXPECT_TRUE(Run(event, 65536, &used).empty());
   EXPECT_EQ(event.size(), used);
+}
+
+
+// --- Merged events whose order matters -----------------------------------
+
+Info Old(const std::string& handle, const std::string& name) {
+  return Info{FAN_EVENT_INFO_TYPE_OLD_DFID_NAME, handle, name};
+}
+Info New(const std::string& handle, const std::string& name) {
+  return Info{FAN_EVENT_INFO_TYPE_NEW_DFID_NAME, handle, name};
+}
+
+constexpr uint32_t kRescanDir = YULO_RESCAN | YULO_ISDIR;
+
+std::vector<uint32_t> Masks(const std::vector<Record>& records) {
+  std::vector<uint32_t> masks;
+  for (const auto& record : records) masks.push_back(record.mask);
+  return masks;
+}
+
+TEST_F(FanotifyTranslatorTest, MergedDeleteAndCreateOfANameThatExists) {
+  // An archiver unlinked the file and created it again before the read.
+  resolver_.File("H-media", "f");
+  const auto records = Run(Event(FAN_CREATE | FAN_DELETE, {Dir("H-media", "f")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_DELETE, YULO_CREATE}), Masks(records));
+  for (const auto& record : records) EXPECT_EQ("/vol1/media/f", record.name);
+  EXPECT_EQ(1, resolver_.stats);
+  EXPECT_EQ(0u, translator_.rescan_records());
+}
+
+TEST_F(FanotifyTranslatorTest, MergedCreateAndDeleteOfANameThatIsGone) {
+  // A temporary file created and removed before the read.
+  const auto records = Run(Event(FAN_CREATE | FAN_DELETE, {Dir("H-media", "f")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_CREATE, YULO_DELETE}), Masks(records));
+  EXPECT_EQ(1, resolver_.stats);
+}
+
+TEST_F(FanotifyTranslatorTest, BackAgainPutsTheOtherChangesAfterTheCreate) {
+  resolver_.File("H-media", "f");
+  const auto records =
+      Run(Event(FAN_CREATE | FAN_DELETE | FAN_MODIFY | FAN_CLOSE_WRITE,
+                {Dir("H-media", "f")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_DELETE, YULO_CREATE, YULO_MODIFY,
+                                   YULO_CLOSE_WRITE}),
+            Masks(records));
+}
+
+TEST_F(FanotifyTranslatorTest, MergedDirectoryRemovedAndMadeAgain) {
+  resolver_.Directory("H-media", "d");
+  const auto records =
+      Run(Event(FAN_CREATE | FAN_DELETE | FAN_ONDIR, {Dir("H-media", "d")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_DELETE | YULO_ISDIR,
+                                   YULO_CREATE | YULO_ISDIR}),
+            Masks(records));
+}
+
+TEST_F(FanotifyTranslatorTest, MergedMoveHalvesFollowTheName) {
+  // Kernels before 5.17: moved out and another moved in under the name...
+  translator_.SetEventMask(0x3ff);
+  resolver_.File("H-media", "m");
+  auto records =
+      Run(Event(FAN_MOVED_FROM | FAN_MOVED_TO, {Dir("H-media", "m")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_MOVE_FROM, YULO_MOVE_TO}),
+            Masks(records));
+  // ... moved in and out again ...
+  resolver_.Remove("H-media", "m");
+  records = Run(Event(FAN_MOVED_FROM | FAN_MOVED_TO, {Dir("H-media", "m")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_MOVE_TO, YULO_MOVE_FROM}),
+            Masks(records));
+  // ... deleted, and another moved in over the name.
+  resolver_.File("H-media", "m");
+  records = Run(Event(FAN_DELETE | FAN_MOVED_TO, {Dir("H-media", "m")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_DELETE, YULO_MOVE_TO}), Masks(records));
+  EXPECT_NE(0u, records[1].cookie);
+  EXPECT_EQ(3, resolver_.stats);
+}
+
+TEST_F(FanotifyTranslatorTest, KindMismatchWritesARescanOfTheDirectory) {
+  // The file event's name now holds a directory: which came last, the
+  // file's create or its delete, cannot be told.
+  resolver_.Directory("H-sub", "x");
+  const auto records = Run(Event(FAN_CREATE | FAN_DELETE, {Dir("H-sub", "x")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_CREATE, YULO_DELETE, kRescanDir}),
+            Masks(records));
+  EXPECT_EQ("/vol1/media/sub/x", records[0].name);
+  EXPECT_EQ("/vol1/media/sub", records[2].name);
+  EXPECT_EQ(kDerivedRescanCookie, records[2].cookie);
+  EXPECT_EQ(1u, translator_.rescan_records());
+}
+
+TEST_F(FanotifyTranslatorTest, LookupFailureWritesARescanOfTheDirectory) {
+  resolver_.stat_error = EIO;
+  const auto records = Run(Event(FAN_CREATE | FAN_DELETE, {Dir("H-root", "x")}));
+  EXPECT_EQ((std::vector<uint32_t>{YULO_CREATE, YULO_DELETE, kRescanDir}),
+            Masks(records));
+  EXPECT_EQ("/vol1", records[2].name);
+}
+
+TEST_F(FanotifyTranslatorTest, MergedRecordsAndTheirRescanWaitWhole) {
+  resolver_.Directory("H-media", "x");
+  const std::string event = Event(FAN_CREATE | FAN_DELETE, {Dir("H-media", "x")});
+  const size_t all = 2 * (12 + 13 + 1) + (12 + 11 + 1);
+  size_t used = 0;
+  EXPECT_TRUE(Run(event, all - 1, &used).empty());
+  EXPECT_EQ(0u, used);
+  EXPECT_EQ(3u, Run(event, all, &used).size());
+  EXPECT_EQ(event.size(), used);
+}
+
+TEST_F(FanotifyTranslatorTest, NoLookupWithoutAComingAndAGoingChange) {
+  std::string events;
+  for (int i = 0; i < 50; ++i) {
+    events += Event(FAN_CREATE | FAN_MODIFY | FAN_CLOSE_WRITE,
+                    {Dir("H-media", "f" + std::to_string(i))});
+  }
+  events += Event(FAN_DELETE, {Dir("H-media", "gone")});
+  EXPECT_EQ(151u, Run(events).size());
+  // Only the create is asked for: the merged delete writes no record, so
+  // there is no order to decide.
+  translator_.SetEventMask(YULO_CREATE);
+  EXPECT_EQ(1u, Run(Event(FAN_CREATE | FAN_DELETE, {Dir("H-media", "g")})).size());
+  EXPECT_EQ(0, resolver_.stats);
+}
+
+// --- Names read late ------------------------------------------------------
+
+TEST_F(FanotifyTranslatorTest, RenameAfterChangesNamedByTheNewNameRescansIt) {
+  // Files were deleted in jobs/job0, then job0 was renamed job0-done; the
+  // deletes are read after the rename happened, so their directory
+  // resolves to its new name.
+  resolver_.Set("H-jobs", "/vol1/media/jobs");
+  resolver_.Set("H-job0", "/vol1/media/jobs/job0-done");
+  const auto records =
+      Run(Event(FAN_DELETE, {Dir("H-job0", "a")}) +
+          Event(FAN_RENAME | FAN_ONDIR,
+                {Old("H-jobs", "job0"), New("H-jobs", "job0-done")}));
+  ASSERT_EQ(4u, records.size());
+  EXPECT_EQ(YULO_DELETE, records[0].mask);
+  EXPECT_EQ("/vol1/media/jobs/job0-done/a", records[0].name);
+  EXPECT_EQ(YULO_MOVE_FROM | YULO_ISDIR, records[1].mask);
+  EXPECT_EQ(YULO_MOVE_TO | YULO_ISDIR, records[2].mask);
+  EXPECT_EQ(kRescanDir, records[3].mask);
+  EXPECT_EQ("/vol1/media/jobs/job0-done", records[3].name);
+  EXPECT_EQ(kDerivedRescanCookie, records[3].cookie);
+}
+
+TEST_F(FanotifyTranslatorTest, LateNamesAlsoSeenAcrossReadsAndBelow) {
+  resolver_.Set("H-jobs", "/vol1/media/jobs");
+  resolver_.Set("H-deep", "/vol1/jobs2/job0/deep");
+  Run(Event(FAN_CREATE, {Dir("H-deep", "x")}));
+  // The parent directory jobs was renamed jobs2 before that was read.
+  const auto records = Run(Event(
+      FAN_RENAME | FAN_ONDIR, {Old("H-root", "jobs"), New("H-root", "jobs2")}));
+  // H-root is "/vol1" in this fixture.
+  ASSERT_EQ(3u, records.size());
+  EXPECT_EQ(kRescanDir, records[2].mask);
+  EXPECT_EQ("/vol1/jobs2", records[2].name);
+}
+
+TEST_F(FanotifyTranslatorTest, NamesGivenBeforeTheQueueWasEmptyAreNotLate) {
+  // sub2 was another directory, named and gone before the queue ran dry;
+  // a directory renamed sub2 afterwards needs no rescan.
+  resolver_.Set("H-old", "/vol1/media/sub2");
+  Run(Event(FAN_CREATE, {Dir("H-old", "x")}));
+  translator_.QueueFoundEmpty();
+  auto records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                           {Old("H-media", "sub"), New("H-media", "sub2")}));
+  EXPECT_EQ(2u, records.size());
+  // File renames never need one, whatever was named.
+  records = Run(Event(FAN_CREATE, {Dir("H-sub", "y")}) +
+                Event(FAN_RENAME, {Old("H-media", "f"), New("H-media", "sub")}));
+  EXPECT_EQ(3u, records.size());
+  EXPECT_EQ(0u, translator_.rescan_records());
+}
+
+TEST_F(FanotifyTranslatorTest, LateNameRecordIsBounded) {
+  std::string events;
+  for (size_t i = 0; i <= FanotifyTranslator::kMaxNamedDirs; ++i) {
+    const std::string handle = "H-many" + std::to_string(i);
+    resolver_.Set(handle, "/vol1/other/d" + std::to_string(i));
+    events += Event(FAN_CREATE, {Dir(handle, "x")});
+  }
+  Run(events, 1 << 20);
+  // More directories were named than are kept: any directory rename may
+  // follow late names.
+  auto records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                           {Old("H-media", "a"), New("H-media", "b")}));
+  ASSERT_EQ(3u, records.size());
+  EXPECT_EQ(kRescanDir, records[2].mask);
+  EXPECT_EQ("/vol1/media/b", records[2].name);
+  translator_.QueueFoundEmpty();
+  records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                      {Old("H-media", "b"), New("H-media", "c")}));
+  EXPECT_EQ(2u, records.size());
+}
+
+TEST_F(FanotifyTranslatorTest, DirectoryMovedInUnderLateNameOnOldKernels) {
+  translator_.SetEventMask(0x3ff);
+  resolver_.Set("H-d", "/vol1/media/d");
+  Run(Event(FAN_CREATE, {Dir("H-d", "x")}));
+  const auto records =
+      Run(Event(FAN_MOVED_TO | FAN_ONDIR, {Dir("H-media", "d")}));
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ(YULO_MOVE_TO | YULO_ISDIR, records[0].mask);
+  EXPECT_EQ(kRescanDir, records[1].mask);
+  EXPECT_EQ("/vol1/media/d", records[1].name);
+}
+
+// --- Names touched more than once -----------------------------------------
+
+TEST_F(FanotifyTranslatorTest, MergedRenamesThatContradictTheTreeRescanIt) {
+  // Log rotation while nothing was read: every roll-over's renames merged
+  // into one record per name pair, so the records leave no file behind.
+  for (const char* name : {"app.log", "app.log.1", "app.log.2", "app.log.3"}) {
+    resolver_.File("H-media", name);
+  }
+  const auto records = Run(
+      Event(FAN_CREATE, {Dir("H-media", "app.log")}) +
+      Event(FAN_RENAME, {Old("H-media", "app.log"), New("H-media", "app.log.1")}) +
+      Event(FAN_RENAME,
+            {Old("H-media", "app.log.1"), New("H-media", "app.log.2")}) +
+      Event(FAN_RENAME,
+            {Old("H-media", "app.log.2"), New("H-media", "app.log.3")}) +
+      Event(FAN_DELETE, {Dir("H-media", "app.log.3")}));
+  EXPECT_EQ(8u, records.size());
+  EXPECT_EQ(0, resolver_.stats) << "nothing is looked up while reading";
+  EXPECT_EQ(4u, translator_.doubts());
+  const auto rescans = CheckSettled();
+  ASSERT_EQ(1u, rescans.size()) << "one rescan per directory";
+  EXPECT_EQ(kRescanDir, rescans[0].mask);
+  EXPECT_EQ("/vol1/media", rescans[0].name);
+  EXPECT_EQ(kDerivedRescanCookie, rescans[0].cookie);
+  EXPECT_EQ(8, resolver_.stats);
+  EXPECT_EQ(0, translator_.RecheckAtMs());
+  EXPECT_EQ(0u, translator_.doubts());
+  EXPECT_FALSE(translator_.HasPending());
+}
+
+TEST_F(FanotifyTranslatorTest, RepeatsThatMatchTheTreeWriteNothing) {
+  // Atomic saves: write a temporary file, rename it over the target.
+  resolver_.File("H-media", "doc");
+  std::string events;
+  for (int i = 0; i < 3; ++i) {
+    events += Event(FAN_CREATE | FAN_MODIFY, {Dir("H-media", ".doc.tmp")}) +
+              Event(FAN_RENAME, {Old("H-media", ".doc.tmp"), New("H-media", "doc")});
+  }
+  EXPECT_EQ(12u, Run(events).size());
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(2, resolver_.stats);  // the two repeated names, once each
+  EXPECT_EQ(0u, translator_.doubts());
+}
+
+TEST_F(FanotifyTranslatorTest, RepeatCheckWaitsForAQuietQueue) {
+  // A create and a delete read apart; by the check the file exists again,
+  // but more events are queued: they may explain it.
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_DELETE, {Dir("H-media", "f")}));
+  resolver_.File("H-media", "f");
+  int asked = 0;
+  EXPECT_TRUE(Check(false, &asked).empty());
+  EXPECT_EQ(1, asked);
+  EXPECT_EQ(1u, translator_.doubts()) << "kept for the next check";
+  // The next read brings the create that explains it.
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}));
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(0u, translator_.doubts());
+  // Without it, the contradiction stands at the next quiet check.
+  Run(Event(FAN_CREATE, {Dir("H-media", "g")}) +
+      Event(FAN_DELETE, {Dir("H-media", "g")}));
+  resolver_.File("H-media", "g");
+  EXPECT_TRUE(Check(false).empty());
+  EXPECT_EQ(0, translator_.RecheckAtMs()) << "the queue gives the pace";
+  const auto rescans = CheckSettled();
+  ASSERT_EQ(1u, rescans.size());
+  EXPECT_EQ("/vol1/media", rescans[0].name);
+}
+
+TEST_F(FanotifyTranslatorTest, ContradictionFixedByALaterRecordIsNoRescan) {
+  // A program saves by writing .tmp and renaming it over doc. The read
+  // came after the second save's create merged into the first's: the
+  // records say .tmp is gone, and it is there, until the second rename.
+  resolver_.File("H-media", "doc");
+  resolver_.File("H-media", ".tmp");
+  Run(Event(FAN_CREATE | FAN_CLOSE_WRITE, {Dir("H-media", ".tmp")}) +
+      Event(FAN_RENAME, {Old("H-media", ".tmp"), New("H-media", "doc")}));
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(now_ms_ + FanotifyTranslator::kSettleMs, translator_.RecheckAtMs());
+  now_ms_ += 10;
+  resolver_.Remove("H-media", ".tmp");
+  Run(Event(FAN_RENAME, {Old("H-media", ".tmp"), New("H-media", "doc")}));
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(0u, translator_.doubts());
+  EXPECT_EQ(0, translator_.RecheckAtMs());
+  now_ms_ += FanotifyTranslator::kSettleMs;
+  EXPECT_TRUE(Check().empty());
+  EXPECT_FALSE(translator_.HasPending());
+}
+
+TEST_F(FanotifyTranslatorTest, TouchingAContradictedNameAgainRestartsItsClock) {
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_DELETE, {Dir("H-media", "f")}));
+  resolver_.File("H-media", "f");
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += FanotifyTranslator::kSettleMs - 1;
+  // Deleted again, created again: still contradicted, but anew.
+  Run(Event(FAN_DELETE, {Dir("H-media", "f")}));
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += 1;
+  EXPECT_TRUE(Check().empty());
+  now_ms_ += FanotifyTranslator::kSettleMs;
+  EXPECT_EQ(1u, Check().size());
+}
+
+TEST_F(FanotifyTranslatorTest, AtOnceActsOnContradictionsNotSettledYet) {
+  // A reader about to stop cannot wait for them to settle.
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_DELETE, {Dir("H-media", "f")}));
+  resolver_.File("H-media", "f");
+  EXPECT_TRUE(Check().empty());
+  translator_.CheckRepeats(now_ms_, [] { return false; }, true);
+  EXPECT_FALSE(translator_.HasPending()) << "not while events wait";
+  translator_.CheckRepeats(now_ms_, [] { return true; }, true);
+  std::vector<uint8_t> out(4096);
+  const auto rescans = Records(out, translator_.TakePending(out.data(), 4096));
+  ASSERT_EQ(1u, rescans.size());
+  EXPECT_EQ("/vol1/media", rescans[0].name);
+  EXPECT_EQ(0, translator_.RecheckAtMs());
+}
+
+TEST_F(FanotifyTranslatorTest, RepeatCheckComparesTheKind) {
+  Run(Event(FAN_DELETE, {Dir("H-sub", "k")}) +
+      Event(FAN_CREATE, {Dir("H-sub", "k")}));
+  resolver_.Directory("H-sub", "k");  // the records say: a file
+  const auto rescans = CheckSettled();
+  ASSERT_EQ(1u, rescans.size());
+  EXPECT_EQ("/vol1/media/sub", rescans[0].name);
+}
+
+TEST_F(FanotifyTranslatorTest, NamesTouchedOnceCostNoLookup) {
+  std::string events;
+  for (int i = 0; i < 200; ++i) {
+    events += Event(FAN_CREATE, {Dir("H-media", "f" + std::to_string(i))});
+  }
+  events += Event(FAN_RENAME, {Old("H-media", "f1"), New("H-media", "g1")});
+  Run(events);
+  int asked = 0;
+  EXPECT_TRUE(Check(true, &asked).empty());
+  // f1 was touched twice and is gone, as the records say.
+  EXPECT_EQ(1, resolver_.stats);
+  EXPECT_EQ(1, asked);
+  Run(Event(FAN_CREATE, {Dir("H-media", "h")}));
+  EXPECT_TRUE(Check(true, &asked).empty());
+  EXPECT_EQ(1, resolver_.stats);
+  EXPECT_EQ(1, asked) << "no repeat: the queue is not even asked";
+}
+
+TEST_F(FanotifyTranslatorTest, RepeatsOfAVanishedDirectoryAreLeftToIt) {
+  resolver_.Set("H-tmp", "/vol1/media/tmp");
+  Run(Event(FAN_CREATE, {Dir("H-tmp", "f")}) +
+      Event(FAN_DELETE, {Dir("H-tmp", "f")}) +
+      Event(FAN_CREATE, {Dir("H-tmp", "f")}));
+  resolver_.stat_error = ESTALE;  // the directory is gone
+  EXPECT_TRUE(Check().empty());
+  EXPECT_EQ(0u, translator_.doubts());
+}
+
+TEST_F(FanotifyTranslatorTest, TooManyRepeatsAreCheckedAtOnce) {
+  std::string events;
+  for (size_t i = 0; i <= FanotifyTranslator::kMaxDoubts; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    // Both records say the file exists, and it does not.
+    events += Event(FAN_CREATE, {Dir("H-media", name)}) +
+              Event(FAN_CREATE, {Dir("H-media", name)});
+  }
+  Run(events, 1 << 20);
+  EXPECT_LE(translator_.doubts(), FanotifyTranslator::kMaxDoubts);
+  EXPECT_TRUE(translator_.HasPending());
+  std::vector<uint8_t> out(4096);
+  const auto rescans = Records(out, translator_.TakePending(out.data(), 4096));
+  ASSERT_EQ(1u, rescans.size());
+  EXPECT_EQ("/vol1/media", rescans[0].name);
+}
+
+TEST_F(FanotifyTranslatorTest, PendingRecordsLeaveWholeAndInOrder) {
+  resolver_.Set("H-a", "/vol1/a");
+  resolver_.Set("H-b", "/vol1/bb");
+  Run(Event(FAN_CREATE, {Dir("H-a", "x")}) + Event(FAN_CREATE, {Dir("H-a", "x")}) +
+      Event(FAN_CREATE, {Dir("H-b", "y")}) + Event(FAN_CREATE, {Dir("H-b", "y")}));
+  translator_.QueueFoundEmpty();
+  translator_.CheckRepeats(1000, [] { return true; });
+  EXPECT_FALSE(translator_.HasPending());
+  translator_.CheckRepeats(1000 + FanotifyTranslator::kSettleMs,
+                           [] { return true; });
+  ASSERT_TRUE(translator_.HasPending());
+  std::vector<uint8_t> out(64);
+  // Room for one of the two records only.
+  size_t n = translator_.TakePending(out.data(), 12 + 8 + 1);
+  auto first = Records(out, n);
+  n = translator_.TakePending(out.data(), out.size());
+  auto second = Records(out, n);
+  ASSERT_EQ(1u, first.size());
+  ASSERT_EQ(1u, second.size());
+  EXPECT_NE(first[0].name, second[0].name);
+  EXPECT_FALSE(translator_.HasPending());
+}
+
+TEST_F(FanotifyTranslatorTest, OverflowDropsTheRepeats) {
+  Run(Event(FAN_CREATE, {Dir("H-media", "f")}) +
+      Event(FAN_CREATE, {Dir("H-media", "f")}));
+  EXPECT_EQ(1u, translator_.doubts());
+  Run(Event(FAN_Q_OVERFLOW, {}));
+  EXPECT_EQ(0u, translator_.doubts());
+  EXPECT_TRUE(Check().empty());
 }
 
 }  // namespace

@@ -67,6 +67,11 @@ class NotifyBackend {
   // the byte count (0 when nothing is available), or -1 with errno. Never
   // returns part of a record.
   virtual ssize_t Read(int fd, void* buffer, size_t capacity) = 0;
+
+  // Makes the records the backend still holds back (rescans it waits to be
+  // sure of) ready for Read now, for a reader that is about to stop.
+  // Returns whether that gave anything to read.
+  virtual bool FinishPending() { return false; }
 };
 
 // WaitReadable for a real descriptor, with ppoll(2) (no FD_SETSIZE limit).

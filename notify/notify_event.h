@@ -36,6 +36,12 @@ enum NotifyEventType : uint32_t {
   YULO_ISDIR = 0x40000000,  // not a type: set when the object is a directory
 };
 
+// The cookie of a YULO_RESCAN event that the kernel layer derived itself,
+// for a directory whose changes the kernel's report leaves in doubt (merged
+// events, late names, a directory moved in), as opposed to a rescan reported
+// as such. No move cookie equals it.
+constexpr uint32_t kDerivedRescanCookie = 0x80000000u;
+
 // Names of the 16 type bits, indexed by bit number; "" for unnamed bits.
 extern const char* const kNotifyEventTypeNames[16];
 

@@ -237,6 +237,10 @@ ssize_t YULotify::ReadWithTimeout(int fd, const struct timeval& timeout,
   return n;
 }
 
+bool YULotify::FinishPending() {
+  return fd_ >= 0 && backend_->FinishPending();
+}
+
 bool YULotify::HasEvent() {
   if (fd_ < 0) return false;
   if (buffer_pending_ != 0) return true;

@@ -98,6 +98,11 @@ class YULotify {
   // (consumed and dropped). One call decodes at most one record.
   bool ReadEvent(NotifyEvent& out);
 
+  // Has the backend make ready what it still holds back (see
+  // NotifyBackend::FinishPending), for a reader about to stop: true when
+  // HasEvent and ReadEvent now have more to give.
+  bool FinishPending();
+
   // `raw` -> `out`: 0 decoded; -1 (out untouched) when no watch covers the
   // record's name. Overflow records decode without a lookup.
   int DecodeEvent(const RawNotifyRecord& raw, NotifyEvent& out) const;

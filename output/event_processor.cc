@@ -7,6 +7,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/path.h"
 #include "output/queue_line.h"
 #include "yulotifyd/log.h"
 
@@ -16,6 +17,29 @@ namespace YULOTIFYD {
 namespace {
 
 bool IsDir(uint32_t mask) { return (mask & YULO_ISDIR) != 0; }
+
+// Whether a rescan of `dir` concerns `queue`: one of its monitors that keeps
+// a model of the tree (it wants creations, deletions or moves) lies below
+// `dir`, or sees into it (it is `dir`, or above it and recursive).
+bool WatchesInto(const MonitorQueue& queue, const std::string& dir) {
+  constexpr uint32_t kTreeCodes =
+      QUEUE_EVENT_CREATE | QUEUE_EVENT_DELETE | QUEUE_EVENT_MOVE;
+  for (const MonitorQueue::MonitorQueueConfig& config : queue.GetConfigs()) {
+    if (config.directory.empty()) continue;  // matches nothing
+    if ((config.events & kTreeCodes) == 0) continue;
+    if (PathBelow(dir, config.directory)) return true;
+    if (PathAtOrBelow(config.directory, dir) &&
+        (config.recursive || dir == config.directory)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A directory moved in: its contents came along without events of their own.
+bool ArrivingDir(uint32_t mask) {
+  return (mask & YULO_MOVE_TO) != 0 && IsDir(mask);
+}
 
 }  // namespace
 
@@ -122,6 +146,11 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
         SendRescan(snapshot);
         break;
       }
+      if ((event.mask & 0xFFFF) == YULO_RESCAN &&
+          event.cookie == kDerivedRescanCookie) {
+        HandleRescan(event, snapshot);
+        continue;
+      }
       if (event.mask & (YULO_MOVE_FROM | YULO_MOVE_TO)) {
         size_t partner = 0;
         if (PairMoveEvent(i, &partner)) {
@@ -202,6 +231,7 @@ const std::vector<size_t>& EventProcessor::QueuesNear(
 
 void EventProcessor::BindOutboxes(const std::vector<MonitorQueue>& snapshot) {
   queues_near_.clear();
+  last_rescan_.assign(snapshot.size(), {0, std::string()});
   targets_.clear();
   targets_.reserve(snapshot.size());
   for (const MonitorQueue& queue : snapshot) {
@@ -312,8 +342,36 @@ void EventProcessor::HandleEvent(const PackedEvents::View& event,
   for (size_t i : QueuesNear(event.watch, snapshot)) {
     if (snapshot[i].IsMonitoring(path_a_, code)) {
       SendEvent(code, path_a_, IsDir(event.mask), i);
+      RescanArrival(event, path_a_, snapshot, i);
     }
   }
+}
+
+void EventProcessor::HandleRescan(const PackedEvents::View& event,
+                                  std::vector<MonitorQueue>& snapshot) {
+  FullPath(event, &path_a_);
+  for (size_t i : QueuesNear(event.watch, snapshot)) {
+    if (WatchesInto(snapshot[i], path_a_)) SendRescanLine(path_a_, i);
+  }
+}
+
+void EventProcessor::RescanArrival(const PackedEvents::View& event,
+                                   const std::string& path,
+                                   const std::vector<MonitorQueue>& snapshot,
+                                   size_t i) {
+  if (ArrivingDir(event.mask) && WatchesInto(snapshot[i], path)) {
+    SendRescanLine(path, i);
+  }
+}
+
+void EventProcessor::SendRescanLine(const std::string& dir,
+                                    size_t queue_index) {
+  std::pair<size_t, std::string>& last = last_rescan_[queue_index];
+  const size_t lines = targets_[queue_index]->LineCount();
+  if (lines != 0 && last.first == lines && last.second == dir) return;
+  SendEvent(QUEUE_EVENT_RESCAN, dir, true, queue_index);
+  last.first = targets_[queue_index]->LineCount();
+  last.second = dir;
 }
 
 void EventProcessor::HandleMovePair(const PackedEvents::View& first,
@@ -335,8 +393,10 @@ void EventProcessor::HandleMovePair(const PackedEvents::View& first,
       }
     } else if (wants_a) {
       SendEvent(code_a, path_a_, IsDir(first.mask), i);
+      RescanArrival(first, path_a_, snapshot, i);
     } else if (wants_b) {
       SendEvent(code_b, path_b_, IsDir(partner.mask), i);
+      RescanArrival(partner, path_b_, snapshot, i);
     }
   }
 }

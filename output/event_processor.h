@@ -12,6 +12,18 @@
 // and code. When the volume comes up in recovery, the thread writes a rescan
 // of the volume before it handles any event.
 //
+// Rescans of one directory. A rescan that the kernel layer derived
+// (YULO_RESCAN alone with kDerivedRescanCookie: it could not tell what
+// happened below a directory) goes to every queue that watches something in
+// that directory and wants creations, deletions or moves there
+// (WatchesInto), whether or not it asked for code 512, as the rescans of the
+// volume do; other rescan events (injected, or reported as such) go where
+// code 512 is wanted, like any event. A directory that arrives in what a
+// queue watches by a move from somewhere it does not watch reaches the queue
+// as a creation (64) followed by a rescan of the directory's own path, so
+// that the consumer lists what it brought along. A rescan line that repeats
+// the one just written to the same queue is left out.
+//
 // The lines of a pass go into one outbox per queue file (QueueOutbox), and
 // at the end of the pass each file gets its lines in one locked append.
 // Lines a file does not take stay in its outbox and are tried again at every
@@ -159,6 +171,16 @@ class EventProcessor : public Thread {
                       const PackedEvents::View& partner,
                       std::vector<MonitorQueue>& snapshot);
   void SendRescan(std::vector<MonitorQueue>& snapshot);
+  // A rescan of the event's directory to each queue that watches into it.
+  void HandleRescan(const PackedEvents::View& event,
+                    std::vector<MonitorQueue>& snapshot);
+  // The creation line of `event` to queue `i` has just been written: when
+  // the event is a directory moved in, the rescan of its path follows.
+  void RescanArrival(const PackedEvents::View& event, const std::string& path,
+                     const std::vector<MonitorQueue>& snapshot, size_t i);
+  // A rescan of `dir` to queue `queue_index`, unless it would repeat the
+  // line written last to that queue.
+  void SendRescanLine(const std::string& dir, size_t queue_index);
   // Add one line to the outbox of the snapshot's queue `queue_index`.
   void SendEvent(uint32_t code, const std::string& path, bool is_dir,
                  size_t queue_index);
@@ -198,6 +220,9 @@ class EventProcessor : public Thread {
   std::map<OutboxKey, std::unique_ptr<QueueOutbox>> outboxes_;
   // The outbox of each queue of the current pass's snapshot, by position.
   std::vector<QueueOutbox*> targets_;
+  // Per queue of the pass: the outbox's line count right after the last
+  // rescan line of a directory, and that directory.
+  std::vector<std::pair<size_t, std::string>> last_rescan_;
   // QueuesNear's answers for the current snapshot, by watched path.
   std::vector<std::pair<std::string, std::vector<size_t>>> queues_near_;
   std::string line_;  // reused for every line's text

@@ -315,6 +315,115 @@ TEST_F(EventProcessorTest, MoveBetweenTwoSharesOfOneQueueIsOneMoveLine) {
   EXPECT_EQ(ReadLines(media_), (Lines{MoveLine("/vol1/A/x", "/vol1/B/y")}));
 }
 
+TEST_F(EventProcessorTest, DirectoryMovedInIsCreatedThenRescanned) {
+  TwoShareQueues();
+  // From an unwatched folder into Multimedia, paired.
+  source_.Push(MakeEvent(YULO_MOVE_FROM | YULO_ISDIR, "/vol1/Other", "/d", 21));
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Multimedia", "/d", 21));
+  // From Multimedia to Docs: Docs' queue sees only the arrival.
+  source_.Push(MakeEvent(YULO_MOVE_FROM | YULO_ISDIR, "/vol1/Multimedia",
+                         "/e", 22));
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Docs", "/e", 22));
+  // An arrival whose other half was never seen (moved in from outside
+  // every watch).
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Docs", "/f", 23));
+  // A file moved in needs no listing.
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Docs", "/g", 24));
+  // Within one share: one move line, nothing to list.
+  source_.Push(MakeEvent(YULO_MOVE_FROM | YULO_ISDIR, "/vol1/Docs", "/h", 25));
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Docs", "/i", 25));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(media_),
+            (Lines{Line(64, "/vol1/Multimedia/d", true),
+                   Line(512, "/vol1/Multimedia/d", true),
+                   Line(128, "/vol1/Multimedia/e", true)}));
+  EXPECT_EQ(ReadLines(docs_),
+            (Lines{Line(64, "/vol1/Docs/e", true), Line(512, "/vol1/Docs/e", true),
+                   Line(64, "/vol1/Docs/f", true), Line(512, "/vol1/Docs/f", true),
+                   Line(64, "/vol1/Docs/g"),
+                   MoveLine("/vol1/Docs/h", "/vol1/Docs/i", true)}));
+  EXPECT_EQ(3u, processor.RescanLines());
+}
+
+TEST_F(EventProcessorTest, ArrivalRescanOnlyWhereTheQueueSeesInside) {
+  // A queue on the top of Docs only (not recursive) learns of the new
+  // directory but has nothing to list in it; one on Docs/in (not even
+  // wanting rescans) lists it.
+  const std::string flat = dir_.File("flat.queue");
+  const std::string in = dir_.File("in.queue");
+  source_.SetQueues({MakeQueue(flat, "/vol1/Docs", QUEUE_EVENT_ALL, "/", false),
+                     MakeQueue(in, "/vol1/Docs", QUEUE_EVENT_CREATE, "/in")});
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Docs", "/d", 31));
+  source_.Push(MakeEvent(YULO_MOVE_TO | YULO_ISDIR, "/vol1/Docs", "/in/d", 32));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(flat), (Lines{Line(64, "/vol1/Docs/d", true)}));
+  EXPECT_EQ(ReadLines(in), (Lines{Line(64, "/vol1/Docs/in/d", true),
+                                  Line(512, "/vol1/Docs/in/d", true)}));
+}
+
+TEST_F(EventProcessorTest, RescanOfADirectoryGoesToTheQueuesWatchingIntoIt) {
+  const std::string all = dir_.File("all.queue");
+  const std::string no_rescan = dir_.File("creates.queue");
+  const std::string no_tree = dir_.File("modify.queue");
+  const std::string below = dir_.File("below.queue");
+  const std::string flat = dir_.File("flat.queue");
+  const std::string other = dir_.File("other.queue");
+  source_.SetQueues(
+      {MakeQueue(all, "/vol1/Docs"),
+       // The rescan is about lines it may have missed: sent whatever the
+       // codes asked for, as the rescans of the volume are.
+       MakeQueue(no_rescan, "/vol1/Docs", QUEUE_EVENT_CREATE),
+       // No model of the tree to correct: nothing.
+       MakeQueue(no_tree, "/vol1/Docs", QUEUE_EVENT_MODIFY | QUEUE_EVENT_RESCAN),
+       MakeQueue(below, "/vol1/Docs", QUEUE_EVENT_ALL, "/tree/deep"),
+       MakeQueue(flat, "/vol1/Docs", QUEUE_EVENT_ALL, "/", false),
+       MakeQueue(other, "/vol1/Docs", QUEUE_EVENT_ALL, "/elsewhere")});
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree",
+                         kDerivedRescanCookie));
+  // The same rescan again right after: one line is enough.
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/tree",
+                         kDerivedRescanCookie));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  const Lines rescan{Line(512, "/vol1/Docs/tree", true)};
+  EXPECT_EQ(ReadLines(all), rescan);
+  EXPECT_EQ(ReadLines(no_rescan), rescan);
+  EXPECT_EQ(ReadLines(below), rescan);
+  EXPECT_TRUE(ReadLines(no_tree).empty());
+  EXPECT_TRUE(ReadLines(flat).empty());
+  EXPECT_TRUE(ReadLines(other).empty());
+  EXPECT_EQ(3u, processor.RescanLines());
+}
+
+TEST_F(EventProcessorTest, InjectedRescanGoesWhereRescansAreWanted) {
+  const std::string wants = dir_.File("wants.queue");
+  const std::string creates = dir_.File("creates.queue");
+  source_.SetQueues({MakeQueue(wants, "/vol1/Docs", QUEUE_EVENT_RESCAN),
+                     MakeQueue(creates, "/vol1/Docs", QUEUE_EVENT_CREATE)});
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t"));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(wants), (Lines{Line(512, "/vol1/Docs/t", true)}));
+  EXPECT_TRUE(ReadLines(creates).empty());
+}
+
+TEST_F(EventProcessorTest, RescanAfterOtherLinesIsWrittenAgain) {
+  TwoShareQueues();
+  const uint32_t derived = kDerivedRescanCookie;
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t", derived));
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/t/x"));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/t", derived));
+  source_.Push(MakeEvent(YULO_RESCAN | YULO_ISDIR, "/vol1/Docs", "/u", derived));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(docs_),
+            (Lines{Line(512, "/vol1/Docs/t", true), Line(64, "/vol1/Docs/t/x"),
+                   Line(512, "/vol1/Docs/t", true),
+                   Line(512, "/vol1/Docs/u", true)}));
+}
+
 TEST_F(EventProcessorTest, TwoMovesWithOneCookiePairInListOrder) {
   TwoShareQueues();
   source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/a1", 4));

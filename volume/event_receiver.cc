@@ -125,11 +125,15 @@ bool EventReceiver::DrainKernel(
   // HasEvent never waits: it is true while records sit in the buffer or the
   // descriptor is readable now, so the loop ends as soon as the kernel has
   // nothing more. Writers that keep going are cut off by the deadline.
+  // Then the backend's held-back records (rescans it was still making sure
+  // of): after the stop nobody would write them.
   NotifyEvent event;
-  while (HasEvent()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    if (ReadEvent(event)) owner_->EnqueueEvent(event);
-  }
+  do {
+    while (HasEvent()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      if (ReadEvent(event)) owner_->EnqueueEvent(event);
+    }
+  } while (FinishPending() || HasEvent());
   return true;
 }
 

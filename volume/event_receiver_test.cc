@@ -190,6 +190,24 @@ TEST_F(EventReceiverTest, DrainReadsUntilTheKernelHasNothingLeft) {
   EXPECT_TRUE(kernel_->reads.empty());
 }
 
+TEST_F(EventReceiverTest, DrainAlsoTakesWhatTheBackendHeldBack) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(RawRecordBytes(YULO_CREATE, 0, "/vol1/a/1"));
+  // A rescan the backend was still making sure of.
+  kernel_->held_back.push_back(RawRecordBytes(
+      YULO_RESCAN | YULO_ISDIR, kDerivedRescanCookie, "/vol1/a/d"));
+  EXPECT_TRUE(receiver->DrainKernel(std::chrono::steady_clock::now() +
+                                    std::chrono::seconds(10)));
+  ASSERT_EQ(owner_.events.size(), 2u);
+  EXPECT_EQ(owner_.events[0].path, "/1");
+  EXPECT_EQ(owner_.events[1].mask,
+            static_cast<uint32_t>(YULO_RESCAN | YULO_ISDIR));
+  EXPECT_EQ(owner_.events[1].path, "/d");
+  EXPECT_EQ(kernel_->Count("finish"), 2) << "asked again until nothing comes";
+}
+
 TEST_F(EventReceiverTest, DrainStopsAtItsDeadline) {
   owner_.Watch({"/vol1/a"});
   auto receiver = Make();

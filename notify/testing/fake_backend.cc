@@ -98,6 +98,16 @@ int FakeBackend::WaitReadable(int fd, const struct timeval& timeout,
   return 1;
 }
 
+bool FakeBackend::FinishPending() {
+  kernel_->calls.push_back("finish");
+  const bool any = !kernel_->held_back.empty();
+  while (!kernel_->held_back.empty()) {
+    kernel_->reads.push_back(std::move(kernel_->held_back.front()));
+    kernel_->held_back.pop_front();
+  }
+  return any;
+}
+
 ssize_t FakeBackend::Read(int fd, void* buffer, size_t capacity) {
   kernel_->calls.push_back("read " + std::to_string(fd) + " " +
                            std::to_string(capacity));

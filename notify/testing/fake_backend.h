@@ -40,6 +40,9 @@ struct FakeKernel {
   std::deque<std::string> reads;
   // errno of the next reads (0 = serve the next chunk).
   std::deque<int> read_errnos;
+  // Chunks the backend holds back until FinishPending moves them to
+  // `reads`.
+  std::deque<std::string> held_back;
 
   // Outcome of the next waits. When empty, a wait reports readable if a
   // chunk or a scripted read error is left, else times out.
@@ -52,7 +55,7 @@ struct FakeKernel {
 
   // Every call in order: "init", "add <fd> <mount> <mask hex>",
   // "remove <fd> <mount> <mask hex>", "wait <fd> <sec>.<usec>",
-  // "read <fd> <capacity>".
+  // "read <fd> <capacity>", "finish".
   std::vector<std::string> calls;
   int wait_calls = 0;
   int read_calls = 0;
@@ -76,6 +79,7 @@ class FakeBackend : public NotifyBackend {
   int WaitReadable(int fd, const struct timeval& timeout,
                    bool* readable) override;
   ssize_t Read(int fd, void* buffer, size_t capacity) override;
+  bool FinishPending() override;
 
  private:
   std::shared_ptr<FakeKernel> kernel_;
