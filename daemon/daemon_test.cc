@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <memory>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -277,6 +278,39 @@ TEST_F(DaemonTest, StatusTellsWhatIsWatched) {
   EXPECT_EQ("busy", file["state"].asString());
   EXPECT_EQ("locked", file["last_error"].asString());
   EXPECT_EQ(77, file["last_error_time"].asInt64());
+}
+
+TEST_F(DaemonTest, StatusShowsWhatWaitsInEachQueueFile) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  const std::string queue = dir_.Write("waiting.queue", std::string(1000, 'x'));
+  const std::string empty = dir_.Write("empty.queue", "");
+  const time_t now = time(nullptr);
+  // Two volumes write the waiting file; the older of their first appends
+  // counts.
+  QueueFileStatus one;
+  one.path = queue;
+  one.oldest_line_time = now - 30;
+  QueueFileStatus two = one;
+  two.oldest_line_time = now - 100;
+  QueueFileStatus none;
+  none.path = empty;
+  none.oldest_line_time = now - 500;
+  fakes_.queue_files[1] = {one, none};
+  fakes_.queue_files[2] = {two};
+  ASSERT_TRUE(Start());
+  const Json::Value status = Status();
+  ASSERT_EQ(2u, status["queue_files"].size());
+  std::map<std::string, Json::Value> files;
+  for (const Json::Value& f : status["queue_files"]) {
+    files[f["path"].asString()] = f;
+  }
+  EXPECT_EQ(1000, files[queue]["bytes"].asInt64());
+  EXPECT_DOUBLE_EQ(1000.0 / 104857600.0, files[queue]["limit_used"].asDouble());
+  EXPECT_GE(files[queue]["oldest_line_age"].asInt64(), 100);
+  EXPECT_LT(files[queue]["oldest_line_age"].asInt64(), 200);
+  // Taken by its consumer: nothing waits, however old the last append.
+  EXPECT_EQ(0, files[empty]["bytes"].asInt64());
+  EXPECT_EQ(0, files[empty]["oldest_line_age"].asInt64());
 }
 
 TEST_F(DaemonTest, EachRoundIsTracedAtDebugLevel) {

@@ -1,5 +1,6 @@
 // What the daemon tells about itself: the "status" command's object and the
 // service manager's STATUS= lines.
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 
 #include "daemon/daemon.h"
 #include "output/event_processor.h"
+#include "output/queue_file.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -73,6 +75,29 @@ const char* StateName(QueueOutbox::State state) {
 
 Json::Value Count(uint64_t n) { return Json::Value(static_cast<Json::UInt64>(n)); }
 
+// What waits in a queue file for its consumer: "bytes" (as lstat finds it
+// now, 0 for anything but a regular file), "limit_used" (the share of the
+// size past which the file is reset) and "oldest_line_age" (seconds since
+// the oldest line the file holds was appended; 0 when it is empty). When
+// the file held lines before any append of ours, the time of our first
+// append, or else its modification time, stands in for that line's: a
+// lower bound of its age.
+void AddBacklog(const QueueFileStatus& f, time_t now, Json::Value* file) {
+  struct stat st;
+  off_t bytes = 0;
+  time_t oldest = f.oldest_line_time;
+  if (lstat(f.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+    bytes = st.st_size;
+    if (oldest == 0) oldest = st.st_mtime;
+  }
+  (*file)["bytes"] = Json::Value(static_cast<Json::Int64>(bytes));
+  (*file)["limit_used"] =
+      static_cast<double>(bytes) / static_cast<double>(kQueueFileMaxSize);
+  const time_t age = bytes > 0 && oldest != 0 && now > oldest ? now - oldest
+                                                              : 0;
+  (*file)["oldest_line_age"] = Json::Value(static_cast<Json::Int64>(age));
+}
+
 }  // namespace
 
 Json::Value Daemon::BuildStatus() {
@@ -130,6 +155,11 @@ Json::Value Daemon::BuildStatus() {
         sum.last_error = f.last_error;
         sum.last_error_time = f.last_error_time;
       }
+      if (f.oldest_line_time != 0 &&
+          (sum.oldest_line_time == 0 ||
+           f.oldest_line_time < sum.oldest_line_time)) {
+        sum.oldest_line_time = f.oldest_line_time;
+      }
     }
   }
   status["backend"] = backend;
@@ -145,6 +175,7 @@ Json::Value Daemon::BuildStatus() {
     file["last_error"] = f.last_error;
     file["last_error_time"] =
         Json::Value(static_cast<Json::Int64>(f.last_error_time));
+    AddBacklog(f, time(nullptr), &file);
     queue_files.append(file);
   }
   status["queue_files"] = queue_files;

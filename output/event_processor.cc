@@ -185,6 +185,7 @@ std::vector<QueueFileStatus> EventProcessor::GetQueueFileStatus() {
     file.state = outbox.state();
     file.last_error = outbox.last_error();
     file.last_error_time = outbox.last_error_time();
+    file.oldest_line_time = outbox.oldest_line_time();
     files.push_back(std::move(file));
   }
   return files;

@@ -76,6 +76,8 @@ struct QueueFileStatus {
   QueueOutbox::State state = QueueOutbox::State::kOk;
   std::string last_error;
   time_t last_error_time = 0;
+  // See QueueOutbox::oldest_line_time.
+  time_t oldest_line_time = 0;
 };
 
 class EventProcessor : public Thread {

@@ -286,6 +286,11 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
     NoteFailure(Failure::kWrite, err);
     return Outcome::kKept;
   }
+  // A consumer that has taken everything leaves the file empty: what goes
+  // in now is its oldest line.
+  if (st.st_size == 0 || oldest_line_time_ == 0) {
+    oldest_line_time_ = time(nullptr);
+  }
   lines_written_ += lines_.size();
   Clear();
   NoteSuccess(State::kOk);
@@ -319,6 +324,7 @@ QueueOutbox::Outcome QueueOutbox::Reset(
     NoteFailure(Failure::kWrite, err);
     return Outcome::kKept;
   }
+  oldest_line_time_ = time(nullptr);
   Clear();
   NoteSuccess(State::kReset);
   return Outcome::kWritten;

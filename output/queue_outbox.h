@@ -83,6 +83,11 @@ class QueueOutbox {
   State state() const { return state_; }
   // Lines that reached the file since the outbox was made.
   uint64_t lines_written() const { return lines_written_; }
+  // When the oldest line in the file was appended, as far as this outbox
+  // knows: the time of its first append after it last found the file empty
+  // (or reset it), or of its first append at all when the file held lines
+  // already (a lower bound of their age). 0 before the first append.
+  time_t oldest_line_time() const { return oldest_line_time_; }
   // The last failure's text ("" when none yet) and when it happened.
   const std::string& last_error() const { return last_error_; }
   time_t last_error_time() const { return last_error_time_; }
@@ -136,6 +141,7 @@ class QueueOutbox {
     off_t offset = 0;
   } cut_;
   uint64_t lines_written_ = 0;
+  time_t oldest_line_time_ = 0;
   std::string last_error_;
   time_t last_error_time_ = 0;
 };

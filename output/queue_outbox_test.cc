@@ -62,6 +62,30 @@ TEST_F(QueueFileTest, LinesAreAppendedInOrder) {
                 "{\"event\":10,\"is_dir\":false,\"path\":\"/vol1/M/x\"}"}));
 }
 
+TEST_F(QueueFileTest, OldestLineTimeIsTheFirstAppendSinceTheFileWasEmpty) {
+  EXPECT_EQ(outbox_->oldest_line_time(), 0);
+  const time_t before = time(nullptr);
+  ASSERT_TRUE(Send("/vol1/M/a"));
+  const time_t first = outbox_->oldest_line_time();
+  EXPECT_GE(first, before);
+  EXPECT_LE(first, time(nullptr));
+  // The consumer has not taken it: a later append keeps the first time.
+  sleep(1);
+  ASSERT_TRUE(Send("/vol1/M/b"));
+  EXPECT_EQ(outbox_->oldest_line_time(), first);
+  // Taken: the next append is the oldest line again.
+  WriteFileText(file_, "");
+  ASSERT_TRUE(Send("/vol1/M/c"));
+  EXPECT_GT(outbox_->oldest_line_time(), first);
+}
+
+TEST_F(QueueFileTest, OldestLineTimeOfAFileFoundFullIsItsFirstAppend) {
+  WriteFileText(file_, "a line from before\n");
+  const time_t before = time(nullptr);
+  ASSERT_TRUE(Send("/vol1/M/a"));
+  EXPECT_GE(outbox_->oldest_line_time(), before);
+}
+
 TEST_F(QueueFileTest, SuccessLogsNothingBelowDebug) {
   Send("/vol1/M/a");
   EXPECT_TRUE(TakeLogLines().empty());

@@ -4,6 +4,7 @@
 
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "tools/ctl.h"
 #include "tools/status_format.h"
@@ -23,9 +24,17 @@ const char kStatusHelp[] =
     "\n"
     "  --json        the daemon's object as it came\n"
     "  --prometheus  the counters in the Prometheus text format, for\n"
-    "                node_exporter's textfile collector\n"
+    "                node_exporter's textfile collector (yulotifyd_up 0\n"
+    "                alone when the daemon cannot be reached)\n"
     "\n"
-    "Exit status 0 when the daemon answered, 3 when it cannot be reached.\n";
+    "Per queue file it also shows what waits there for its consumer: its\n"
+    "size, the share of the 100 MiB past which it is reset, and the age of\n"
+    "its oldest line.\n"
+    "\n"
+    "Exit status 0 when the daemon answered and all is well; 1 when it\n"
+    "answered but a queue file is failing, keeps lines it has not taken, or\n"
+    "is past 80% of its reset size (each said on stderr), so that it can\n"
+    "drive a health check; 3 when the daemon cannot be reached.\n";
 
 int RunStatus(const Globals& globals, const Args& args) {
   const std::string cmd = "status";
@@ -38,7 +47,10 @@ int RunStatus(const Globals& globals, const Args& args) {
   const ControlClient client(globals.socket_path, globals.timeout_ms);
   Json::Value status;
   const ControlResult result = client.Status(&status);
-  if (!result.ok()) return Report(client, "status", result);
+  if (!result.ok()) {
+    if (prometheus) std::cout << StatusPrometheusUp(false) << std::flush;
+    return Report(client, "status", result);
+  }
   if (json) {
     std::cout << status.toStyledString();
   } else if (prometheus) {
@@ -47,7 +59,10 @@ int RunStatus(const Globals& globals, const Args& args) {
     std::cout << StatusTable(status);
   }
   std::cout.flush();
-  return std::cout.good() ? kExitOk : kExitFailed;
+  if (!std::cout.good()) return kExitFailed;
+  const std::vector<std::string> problems = StatusProblems(status);
+  for (const std::string& problem : problems) Error(problem);
+  return problems.empty() ? kExitOk : kExitFailed;
 }
 
 }  // namespace ctl

@@ -38,6 +38,15 @@ std::string Number(const Json::Value& v, const char* key) {
   return "0";
 }
 
+// A fraction (0.0 ... ) as Prometheus and the table write it.
+std::string Fraction(const Json::Value& v, const char* key) {
+  const Json::Value& m = v[key];
+  if (!m.isNumeric()) return "0";
+  std::ostringstream out;
+  out << m.asDouble();
+  return out.str();
+}
+
 std::string Pad(const std::string& text, size_t width) {
   return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
@@ -127,10 +136,16 @@ std::string StatusTable(const Json::Value& status) {
   }
   out << "\n"
       << Pad("STATE", 9) << Pad("LINES", 12) << Pad("KEPT", 8)
+      << Pad("BYTES", 12) << Pad("LIMIT", 7) << Pad("OLDEST", 9)
       << "QUEUE FILE\n";
   for (const Json::Value& f : status["queue_files"]) {
+    char used[16];
+    std::snprintf(used, sizeof(used), "%.0f%%",
+                  100.0 * f["limit_used"].asDouble());
     out << Pad(Text(f, "state"), 9) << Pad(Number(f, "lines_written"), 12)
-        << Pad(Number(f, "lines_kept"), 8) << Text(f, "path") << "\n";
+        << Pad(Number(f, "lines_kept"), 8) << Pad(Number(f, "bytes"), 12)
+        << Pad(used, 7) << Pad(Number(f, "oldest_line_age") + "s", 9)
+        << Text(f, "path") << "\n";
     const std::string error = EscapeText(f["last_error"].asString());
     if (!error.empty()) {
       out << "         last error " << Time(f, "last_error_time") << ": "
@@ -186,23 +201,67 @@ std::string StatusPrometheus(const Json::Value& status) {
                    "Lines waiting for a queue file that did not take them.");
   Family file_state("queue_file_state", "gauge",
                     "1 for the queue file's state, 0 for the others.");
+  Family file_bytes("queue_file_bytes", "gauge",
+                    "Bytes waiting in the queue file for its consumer.");
+  Family file_limit("queue_file_limit_used_ratio", "gauge",
+                    "The queue file's size as a share of the size past "
+                    "which it is reset (its consumer then rescans).");
+  Family file_age("queue_file_oldest_line_age_seconds", "gauge",
+                  "Age of the oldest line waiting in the queue file; 0 when "
+                  "it is empty.");
   for (const Json::Value& f : status["queue_files"]) {
     const std::string path = "path=\"" + PrometheusLabel(Text(f, "path")) + "\"";
     file_lines.Add(path, Number(f, "lines_written"));
     file_kept.Add(path, Number(f, "lines_kept"));
+    file_bytes.Add(path, Number(f, "bytes"));
+    file_limit.Add(path, Fraction(f, "limit_used"));
+    file_age.Add(path, Number(f, "oldest_line_age"));
     for (const char* state : {"ok", "busy", "failing", "reset"}) {
       file_state.Add(path + ",state=\"" + state + "\"",
                      Text(f, "state") == state ? "1" : "0");
     }
   }
 
-  std::string out;
+  std::string out = StatusPrometheusUp(true);
   for (const Family* family :
        {&info, &uptime, &queues, &read, &injected, &queued, &lines,
-        &overflows, &rescans, &file_lines, &file_kept, &file_state}) {
+        &overflows, &rescans, &file_lines, &file_kept, &file_state,
+        &file_bytes, &file_limit, &file_age}) {
     family->AppendTo(&out);
   }
   return out;
+}
+
+std::string StatusPrometheusUp(bool up) {
+  Family family("up", "gauge", "1 when the daemon answered, 0 when not.");
+  family.Add("", up ? "1" : "0");
+  std::string out;
+  family.AppendTo(&out);
+  return out;
+}
+
+std::vector<std::string> StatusProblems(const Json::Value& status) {
+  std::vector<std::string> problems;
+  for (const Json::Value& f : status["queue_files"]) {
+    const std::string path = Text(f, "path");
+    const std::string state = Text(f, "state");
+    if (state == "failing") {
+      problems.push_back(path + " is failing: " +
+                         EscapeText(f["last_error"].asString()));
+    } else if (f["lines_kept"].asUInt64() > 0) {
+      problems.push_back(path + " keeps " + Number(f, "lines_kept") +
+                         " lines it has not taken (" + state + ")");
+    }
+    if (f["limit_used"].asDouble() > kLimitWarning) {
+      char used[16];
+      std::snprintf(used, sizeof(used), "%.0f%%",
+                    100.0 * f["limit_used"].asDouble());
+      problems.push_back(path + " is at " + used +
+                         " of the size past which it is reset: is its "
+                         "consumer running?");
+    }
+  }
+  return problems;
 }
 
 }  // namespace YULOTIFYD

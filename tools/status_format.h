@@ -9,6 +9,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -20,8 +21,20 @@ namespace YULOTIFYD {
 std::string StatusTable(const Json::Value& status);
 
 // Every counter and gauge, names prefixed "yulotifyd_", each with its HELP
-// and TYPE lines; labels name the volume or queue file.
+// and TYPE lines; labels name the volume or queue file. Begins with
+// StatusPrometheusUp(true).
 std::string StatusPrometheus(const Json::Value& status);
+
+// The "yulotifyd_up" gauge alone: 1 when the daemon answered, 0 when not.
+std::string StatusPrometheusUp(bool up);
+
+// A queue file past this share of its reset size counts as a problem.
+constexpr double kLimitWarning = 0.8;
+
+// What calls for a look, one line each: queue files failing, keeping lines
+// they have not taken, or past kLimitWarning of their reset size (their
+// consumer may have stopped). Empty when all is well.
+std::vector<std::string> StatusProblems(const Json::Value& status);
 
 // `text` as a Prometheus label value: backslash, double quote and line feed
 // escaped.

@@ -26,7 +26,8 @@ Json::Value Sample() {
                       "rescan_lines":1}],
           "queue_files":[{"path":"/q/a \"b\"\\c","lines_written":9,"lines_kept":2,
                           "state":"busy","last_error":"Resource temporarily unavailable",
-                          "last_error_time":1700000000}]})",
+                          "last_error_time":1700000000,"bytes":52428800,
+                          "limit_used":0.5,"oldest_line_age":75}]})",
       status));
   return status;
 }
@@ -36,7 +37,7 @@ TEST(StatusFormatTest, PrometheusOutputFollowsTheExpositionFormat) {
   const std::regex help(R"(# HELP (yulotifyd_[a-z_]+) .+)");
   const std::regex type(R"(# TYPE (yulotifyd_[a-z_]+) (counter|gauge))");
   const std::regex sample(
-      R"((yulotifyd_[a-z_]+)(\{([a-z_]+="([^"\\\n]|\\\\|\\"|\\n)*",?)*\})? [0-9]+)");
+      R"((yulotifyd_[a-z_]+)(\{([a-z_]+="([^"\\\n]|\\\\|\\"|\\n)*",?)*\})? [0-9][0-9.e+-]*)");
   std::istringstream in(text);
   std::string line, family;
   std::set<std::string> typed;
@@ -65,6 +66,44 @@ TEST(StatusFormatTest, PrometheusOutputFollowsTheExpositionFormat) {
             std::string::npos);
   EXPECT_NE(text.find("state=\"busy\"} 1\n"), std::string::npos);
   EXPECT_NE(text.find("state=\"ok\"} 0\n"), std::string::npos);
+  EXPECT_EQ(0u, text.find(StatusPrometheusUp(true))) << "up comes first";
+  EXPECT_NE(text.find("yulotifyd_up 1\n"), std::string::npos);
+  EXPECT_NE(text.find("yulotifyd_queue_file_bytes{path=\"/q/a \\\"b\\\"\\\\c\"} "
+                      "52428800\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("yulotifyd_queue_file_limit_used_ratio{path=\"/q/a \\\"b\\\"\\\\c\"} "
+                      "0.5\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("yulotifyd_queue_file_oldest_line_age_seconds{path=\"/q/a "
+                      "\\\"b\\\"\\\\c\"} 75\n"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(StatusPrometheusUp(false).find("yulotifyd_up 0\n") !=
+                std::string::npos,
+            true);
+}
+
+TEST(StatusFormatTest, ProblemsAreFailingKeptOrNearlyFullFiles) {
+  Json::Value status = Sample();
+  // Busy and keeping two lines: a problem.
+  EXPECT_EQ(1u, StatusProblems(status).size());
+  Json::Value& f = status["queue_files"][0];
+  f["state"] = "ok";
+  f["lines_kept"] = 0;
+  EXPECT_TRUE(StatusProblems(status).empty());
+  f["limit_used"] = 0.81;
+  ASSERT_EQ(1u, StatusProblems(status).size());
+  EXPECT_NE(StatusProblems(status)[0].find("81%"), std::string::npos);
+  f["limit_used"] = 0.1;
+  f["state"] = "failing";
+  f["last_error"] = "No space left on device";
+  ASSERT_EQ(1u, StatusProblems(status).size());
+  EXPECT_NE(StatusProblems(status)[0].find("No space left on device"),
+            std::string::npos);
+  status["queue_files"] = Json::Value(Json::arrayValue);
+  EXPECT_TRUE(StatusProblems(status).empty());
 }
 
 TEST(StatusFormatTest, TableShowsVolumesAndFailingFiles) {
@@ -73,6 +112,7 @@ TEST(StatusFormatTest, TableShowsVolumesAndFailingFiles) {
   EXPECT_NE(text.find("fanotify (renames paired)"), std::string::npos) << text;
   EXPECT_NE(text.find("/vol1/A"), std::string::npos) << text;
   EXPECT_NE(text.find("busy"), std::string::npos) << text;
+  EXPECT_NE(text.find("52428800    50%    75s"), std::string::npos) << text;
   EXPECT_NE(text.find("2023-11-14T22:13:20Z: Resource temporarily unavailable"),
             std::string::npos)
       << text;

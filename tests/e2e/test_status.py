@@ -66,12 +66,18 @@ def test_status_counts_what_happened(app):
     assert v1["lines_written"] == 5
     assert v1["kernel_overflows"] == 0 and v1["rescan_lines"] == 0
     assert v2["watched_shares"] == [] and v2["events_read"] == 0
-    assert s["queue_files"] == [{
+    [f] = s["queue_files"]
+    backlog = {k: f.pop(k) for k in ("bytes", "limit_used", "oldest_line_age")}
+    assert f == {
         "path": str(q), "lines_written": 5, "lines_kept": 0, "state": "ok",
-        "last_error": "", "last_error_time": 0}]
+        "last_error": "", "last_error_time": 0}
+    # Nobody consumes: the five lines wait there.
+    assert backlog["bytes"] == os.path.getsize(q) > 0
+    assert backlog["limit_used"] == backlog["bytes"] / 104857600
+    assert 0 <= backlog["oldest_line_age"] < 60
 
 
-def test_a_failing_queue_file_shows_as_failing(app):
+def test_a_failing_queue_file_shows_as_failing(app, ctl_binary):  # noqa: F811
     q = app.queue_path("gone/q.queue")
     app.add_queue("system", "q.json", q, [monitor("Public", events=["create"])])
     app.start()
@@ -84,11 +90,14 @@ def test_a_failing_queue_file_shows_as_failing(app):
     assert s["queue_files"][0]["lines_kept"] == 1
     assert s["queue_files"][0]["last_error"] == "No such file or directory"
     assert s["queue_files"][0]["last_error_time"] > 0
+    # A health check notices.
+    r = run_ctl(ctl_binary, "status", socket_path=app.socket_path, check=1)
+    assert "is failing: No such file or directory" in r.err, r.err
 
 
 PROM_SAMPLE = re.compile(
     r'^(yulotifyd_[a-z_]+)(\{([a-z_]+="(?:[^"\\\n]|\\[\\"n])*",?)*\})? '
-    r'(-?[0-9]+(\.[0-9]+)?)$')
+    r'(-?[0-9]+(\.[0-9]+)?([eE][-+]?[0-9]+)?)$')
 
 
 def parse_prometheus(text):
@@ -136,9 +145,44 @@ def test_yulotifyctl_status_in_three_forms(app, ctl_binary):  # noqa: F811
         families["yulotifyd_lines_written_total"]
     assert ('{path="%s",state="ok"}' % q, 1.0) in \
         families["yulotifyd_queue_file_state"]
+    assert ("", 1.0) in families["yulotifyd_up"]
     app.stop()
     r = run_ctl(ctl_binary, "status", socket_path=app.socket_path)
     assert r.returncode == 3, (r.out, r.err)
+    r = run_ctl(ctl_binary, "status", "--prometheus",
+                socket_path=app.socket_path)
+    assert r.returncode == 3, (r.out, r.err)
+    assert parse_prometheus(r.out) == {"yulotifyd_up": [("", 0.0)]}
+
+
+def test_backlog_grows_while_the_consumer_is_away(app, ctl_binary):  # noqa: F811
+    q = app.queue_path("q.queue")
+    app.add_queue("system", "q.json", q, [monitor("Public", events=["create"])])
+    app.start()
+    app.wait_ready()
+
+    def backlog():
+        r = run_ctl(ctl_binary, "status", "--prometheus",
+                    socket_path=app.socket_path, check=0)
+        families = parse_prometheus(r.out)
+        label = '{path="%s"}' % q
+        return (dict(families["yulotifyd_queue_file_bytes"])[label],
+                dict(families["yulotifyd_queue_file_oldest_line_age_seconds"])
+                [label])
+
+    touch(app.ns_path("/vol1/Public") / "a")
+    wait_count(app, q, 1)
+    size, age = backlog()
+    assert size == os.path.getsize(q) > 0
+    # The consumer stays away: the same line waits, older and older.
+    wait_until(lambda: backlog()[1] >= age + 2, 10)
+    touch(app.ns_path("/vol1/Public") / "b")
+    wait_count(app, q, 2)
+    size2, age2 = backlog()
+    assert size2 > size and age2 >= age + 2, (size, age, size2, age2)
+    # Consumed: nothing waits.
+    run_ctl(ctl_binary, "consume", q, check=0)
+    assert backlog() == (0.0, 0.0)
 
 
 def test_old_commands_keep_their_four_byte_replies(app):
