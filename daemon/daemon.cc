@@ -148,8 +148,12 @@ bool Daemon::Start() {
   if (GetRunStatus() == RUN_STATUS_UNSET || monitor_queues.empty()) {
     YULO_LOG_INFO("no run status or no monitor config(%zd), stop",
                   static_cast<ssize_t>(monitor_queues.size()));
-    // Said where "systemctl status" shows it, not only at info level.
-    if (monitor_queues.empty()) NotifyState("no monitor queue configured");
+    // Said where "systemctl status" and the default journal show it, not
+    // only at info level.
+    if (monitor_queues.empty()) {
+      YULO_LOG_NOTICE("Stopping: no monitor queue configured");
+      NotifyState("no monitor queue configured");
+    }
     return false;
   }
   if (!SetupDomainSocket()) {

@@ -176,12 +176,12 @@ int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues,
             static_cast<unsigned>(queue.GetOwnerGid()));
         loaded.push_back(std::move(queue));
       } else if (unsafe) {
-        YULO_LOG_ALWAYS_AS(kLogSource, "Unsafe monitor queue file: %s",
+        YULO_LOG_WARNING_AS(kLogSource, "Unsafe monitor queue file: %s",
                            file.c_str());
         YULO_LOG_DEBUG_AS(kLogSource, "monitor queue file %s: %s",
                           file.c_str(), reason.c_str());
       } else {
-        YULO_LOG_ALWAYS_AS(kLogSource, "skipped monitor queue file %s: %s",
+        YULO_LOG_WARNING_AS(kLogSource, "skipped monitor queue file %s: %s",
                            file.c_str(), reason.c_str());
       }
     }

@@ -87,7 +87,7 @@ bool ParseMonitor(const Json::Value& m, Json::ArrayIndex index,
     if (problem_out != nullptr) {
       *problem_out = problem;
     } else {
-      YULO_LOG_ALWAYS_AS(kLogSource,
+      YULO_LOG_WARNING_AS(kLogSource,
                          "monitor queue file %s: monitors[%u] skipped: %s",
                          file.c_str(), number, problem.c_str());
     }

@@ -90,7 +90,7 @@ bool EventProcessor::FinalPasses(
 
 void EventProcessor::SendRecoveryRescan() {
   if (!source_->IsRecovery()) return;
-  YULO_LOG_ALWAYS("Send Rescan because of recovery vol: %s",
+  YULO_LOG_WARNING("Send Rescan because of recovery vol: %s",
                   source_->GetMountPoint().c_str());
   StateGuard guard(this);
   std::vector<MonitorQueue> snapshot = source_->GetMonitorQueues();
@@ -140,7 +140,7 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
         // The kernel lost events: what is still pending is no longer the
         // whole story, so drop it and have every watching queue rescan the
         // volume.
-        YULO_LOG_ALWAYS("Recieve overflow event vol: %s",
+        YULO_LOG_WARNING("Recieve overflow event vol: %s",
                         source_->GetMountPoint().c_str());
         kernel_overflows_.fetch_add(1, std::memory_order_relaxed);
         SendRescan(snapshot);

@@ -21,6 +21,9 @@
 #define OUTBOX_LOG(gate, ...) \
   YULO_LOG_GATED_AS("event_processor", ::YULO::YULOTIFYD::LogGate::gate, \
                     __VA_ARGS__)
+// Lines that are written whatever the level, at a priority of their own.
+#define OUTBOX_WARNING(...) YULO_LOG_WARNING_AS("event_processor", __VA_ARGS__)
+#define OUTBOX_NOTICE(...) YULO_LOG_NOTICE_AS("event_processor", __VA_ARGS__)
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -220,7 +223,7 @@ bool QueueOutbox::AppendAs(const std::vector<MonitorQueue>& snapshot,
   // bounds, what it missed is summed up as rescans of its shares.
   if (lines_.size() > kOutboxMaxLines || bytes_.size() > kOutboxMaxBytes) {
     if (!overflow_logged_) {
-      OUTBOX_LOG(kAlways, "Queue outbox full, path=%s, rescan instead",
+      OUTBOX_WARNING("Queue outbox full, path=%s, rescan instead",
                  path_.c_str());
       overflow_logged_ = true;
     }
@@ -300,7 +303,7 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
 QueueOutbox::Outcome QueueOutbox::Reset(
     int fd, size_t index, const std::vector<MonitorQueue>& snapshot,
     QueueFileOps& ops) {
-  OUTBOX_LOG(kAlways, "Queue oversized, path=%s", path_.c_str());
+  OUTBOX_WARNING("Queue oversized, path=%s", path_.c_str());
   if (index + 1 < lines_.size()) {
     OUTBOX_LOG(kDebug, "Queue oversized, path=%s", path_.c_str());
   }
@@ -377,7 +380,7 @@ void QueueOutbox::NoteFailure(Failure failure, int err) {
                  path_.c_str());
       break;
     case Failure::kBusy:
-      OUTBOX_LOG(kAlways, "try lock too many times, path=%s, reason=%m",
+      OUTBOX_WARNING("try lock too many times, path=%s, reason=%m",
                  path_.c_str());
       break;
     case Failure::kWrite:
@@ -401,7 +404,7 @@ void QueueOutbox::NoteFailure(Failure failure, int err) {
 
 void QueueOutbox::NoteSuccess(State state) {
   if (failing_) {
-    OUTBOX_LOG(kAlways, "Queue writable again, path=%s, kept=%zu",
+    OUTBOX_NOTICE("Queue writable again, path=%s, kept=%zu",
                path_.c_str(), kept_lines_);
   }
   state_ = state;

@@ -146,7 +146,7 @@ bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
     WakeProcessorIfBusy(1, size_after);
     return true;
   }
-  YULO_LOG_ALWAYS("Event queue is full");
+  YULO_LOG_WARNING("Event queue is full");
   return false;
 }
 
@@ -163,7 +163,7 @@ bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
     WakeProcessorIfBusy(pushed, size_after);
     return true;
   }
-  YULO_LOG_ALWAYS("Event queue is full");
+  YULO_LOG_WARNING("Event queue is full");
   return false;
 }
 
@@ -226,7 +226,7 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
     if (queue_.PushAll(packed, &size_after)) {
       WakeProcessorIfBusy(pushed, size_after);
     } else {
-      YULO_LOG_ALWAYS("Event queue is full");
+      YULO_LOG_WARNING("Event queue is full");
     }
   }
   return offered;

@@ -58,8 +58,11 @@ BIND_TARGETS = ("/run", "/usr/yulo/etc", "/etc/samba")
 QUEUE_TYPE_DIRS = {0: "system.d", 1: "app.d", 2: "user.d"}
 QUEUE_TYPE_NAMES = {"system": 0, "app": 1, "user": 2}
 
-# syslog priority of every daemon line: facility LOG_USER (1 << 3) | LOG_ERR.
-LOG_USER_ERR = 8 | 3
+# syslog priorities of the daemon's lines: facility LOG_USER (1 << 3) and
+# the severity of what the line means.
+LOG_USER = 8
+LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG = 3, 4, 5, 6, 7
+LOG_USER_ERR = LOG_USER | LOG_ERR
 
 # Longest path bind(2) accepts for an AF_UNIX socket, with a little margin.
 _MAX_SOCKET_PATH = 100

@@ -5,8 +5,10 @@ The daemon logs at level 3 (error) here, so only the always-written lines
 can be asserted; progress and tracing lines are not.
 """
 
+import fcntl
 import json
 import os
+import re
 import signal
 import socket
 import stat
@@ -14,7 +16,9 @@ import time
 
 import pytest
 
-from harness import LOG_USER_ERR, monitor
+from control_util import send
+from harness import (LOG_DEBUG, LOG_ERR, LOG_INFO, LOG_NOTICE, LOG_USER,
+                     LOG_WARNING, monitor)
 
 # An idle daemon can take up to one select() period to notice a stop, and a
 # start-up failure ends it at once: either way well within this.
@@ -48,10 +52,12 @@ def assert_clean_exit(app, timeout=EXIT_TIMEOUT):
 
 
 def assert_log_format(app):
-    """Every line: LOG_ERR in the user facility, the program's name as tag,
-    and "<source stem>:<line> " in front of the message."""
+    """Every line: the user facility, a priority the default level writes
+    (err, warning or notice), the program's name as tag, and "<source
+    stem>:<line> " in front of the message."""
     for record in app.log_records:
-        assert record.pri == LOG_USER_ERR, record.raw
+        assert record.pri in (LOG_USER | LOG_ERR, LOG_USER | LOG_WARNING,
+                              LOG_USER | LOG_NOTICE), record.raw
         assert record.tag == "yulotifyd", record.raw
         assert record.pid is None, record.raw
         assert record.message and record.message.split(" ", 1)[0].count(":") == 1, \
@@ -79,8 +85,13 @@ def test_no_monitor_queue_stops_quietly(appliance):
     # Only the reason, for "systemctl status"; no readiness.
     assert appliance.notifications == ["STATUS=no monitor queue configured"]
     assert_stopped_and_tidy(appliance)
-    # A quiet stop: nothing went wrong, so nothing is logged at level 3.
-    assert appliance.logs == [], appliance.diagnostics()
+    # A quiet stop: nothing went wrong, so nothing is logged as an error,
+    # only why it stopped, at notice, for the default journal.
+    assert [(r.pri, r.message) for r in appliance.log_records] == [
+        (LOG_USER | LOG_NOTICE,
+         [m for m in appliance.logs if m.endswith(
+             " Stopping: no monitor queue configured")][0])], \
+        appliance.diagnostics()
 
 
 def test_no_monitor_queue_removes_stale_socket_file(appliance):
@@ -418,3 +429,40 @@ def test_config_change_without_write_does_not_reload(appliance, action):
     assert_loads(app, 2)
     app.signal(signal.SIGTERM)
     assert_clean_exit(app)
+
+
+# ----------------------------------------------------------------------
+# Log priorities: what `journalctl -p` filters on.
+
+
+def test_each_line_has_the_priority_of_what_it_means(appliance):
+    configure(appliance)
+    q = appliance.queue_path("10-indexer.queue")
+    # A monitor naming a share that does not exist: skipped, a warning.
+    appliance.add_queue("app", "20-typo.json", appliance.queue_path("t.queue"),
+                        [monitor("Pubic")])
+    appliance.start()
+    appliance.wait_ready()
+    assert send(appliance, "set_log_level", {"log_level": "debug"}) == 0
+    # A consumer keeps the lock through a pass: lines wait (a warning),
+    # then go in (a notice).
+    q.touch()
+    with open(q, "rb") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        (appliance.ns_path("/vol1/Public") / "a").write_text("a")
+        appliance.wait_log(r"try lock too many times")
+    appliance.wait_log(r"Queue writable again")
+
+    def pri(pattern):
+        rx = re.compile(pattern)
+        return {r.pri for r in appliance.log_records if rx.search(r.message)}
+    assert pri(r"monitors\[0\] skipped: unknown share") == \
+        {LOG_USER | LOG_WARNING}
+    assert pri(r"try lock too many times") == {LOG_USER | LOG_WARNING}
+    assert pri(r"Queue writable again") == {LOG_USER | LOG_NOTICE}
+    assert pri(r"^event_processor:\d+ Got event") == {LOG_USER | LOG_INFO}
+    assert pri(r"^event_processor:\d+ write event to") == \
+        {LOG_USER | LOG_DEBUG}
+    appliance.signal(signal.SIGTERM)
+    assert_clean_exit(appliance)
+    assert pri(r"In kill handler") == {LOG_USER | LOG_ERR}
