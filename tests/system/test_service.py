@@ -113,6 +113,10 @@ def test_fresh_install_waits_for_a_subscription(box):
         assert box.run(["systemctl", "is-enabled", unit]).stdout.strip() == \
             "enabled"
     assert show(box, "ActiveState", "yulotifyd.path") == "active"
+    # The metrics timer is shipped, and left to the administrator.
+    assert box.run(["systemctl", "is-enabled", "yulotifyd-metrics.timer"],
+                   check=False).stdout.strip() == "disabled"
+    assert show(box, "ActiveState", "yulotifyd-metrics.timer") == "inactive"
     box.run(["systemctl", "start", "yulotifyd"])
     assert show(box, "ActiveState") == "inactive"
     assert show(box, "ConditionResult") == "no"
