@@ -82,6 +82,7 @@ class DaemonTest : public ::testing::Test {
     struct group* own = getgrgid(getegid());
     options.socket_group = own != nullptr ? own->gr_name : "";
     options.run_status_path = dir_.File("etc/yulotifyd.run");
+    options.lock_path = dir_.File("yulotifyd.lock");
     options.conf_root = dir_.File("conf");
     // The machine's own mounts are none of these tests' business.
     options.mount_table_path = "";
@@ -352,12 +353,43 @@ TEST_F(DaemonTest, VolumeCommands) {
   EXPECT_EQ((Journal{"1 made"}), fakes_.TakeJournal());
 }
 
+TEST_F(DaemonTest, ASecondDaemonRefusesAndTouchesNothing) {
+  ASSERT_TRUE(Start());
+  const std::string running = dir_.Read("etc/yulotifyd.run");
+  fakes_.TakeJournal();
+  TakeLogLines();
+  {
+    Daemon second(Options());
+    EXPECT_FALSE(second.Start());
+    EXPECT_TRUE(second.refused());
+    second.Cleanup();
+  }
+  EXPECT_EQ(1u, LinesWithMessage(TakeLogLines(),
+                                 "Another yulotifyd is running (pid " +
+                                     std::to_string(getpid()) + ", lock " +
+                                     dir_.File("yulotifyd.lock") +
+                                     "), not starting",
+                                 "daemon")
+                    .size());
+  // No volume made or stopped, the run status and the socket as they were:
+  // the first daemon still answers.
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  EXPECT_EQ(running, dir_.Read("etc/yulotifyd.run"));
+  EXPECT_EQ(1u, Status()["monitor_queues"].asUInt());
+  // Once the first is gone, a daemon starts again.
+  Cleanup();
+  daemon_.reset();
+  Daemon third(Options());
+  EXPECT_TRUE(third.Start());
+  third.Cleanup();
+}
+
 TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueues) {
   ASSERT_TRUE(Start());
   fakes_.TakeJournal();
   AddQueue("user.d/20-sync.json", "sync", "Public");
   Step();
-  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
+  EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches"}),
             fakes_.TakeJournal());
   EXPECT_EQ(2u, daemon_->GetMonitorQueues().size());
   // Other names change nothing.
@@ -387,7 +419,8 @@ TEST_F(DaemonTest, VolumeTableChangesAreFollowedOnceSettled) {
   EXPECT_TRUE(fakes_.TakeJournal().empty());
   clock_.Advance(milliseconds(1));
   Step();
-  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "2 RelistShares"}),
+  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "1 ReloadWatches",
+                     "2 RelistShares", "2 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 
@@ -401,7 +434,8 @@ TEST_F(DaemonTest, VolumeThatWentAwayComesBackWithARescan) {
   platform_.AddVolume(1, dir_.File("vol1"));
   dir_.Write("etc/volumes.json", "{}");
   Follow();
-  EXPECT_EQ((Journal{"1 made with rescan", "1 RelistShares"}),
+  EXPECT_EQ((Journal{"1 made with rescan", "1 RelistShares",
+                     "1 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 
@@ -430,7 +464,8 @@ TEST_F(DaemonTest, ShareChangesReloadTheMonitorQueues) {
   platform_.AddShare("Docs", dir_.File("vol1/Docs"));
   dir_.Write("samba/smb.conf", "[global]\n[Docs]\n");
   Follow();
-  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches", "1 RelistShares"}),
+  EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches",
+                     "1 RelistShares"}),
             fakes_.TakeJournal());
 }
 

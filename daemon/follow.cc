@@ -145,9 +145,13 @@ void Daemon::AddVolumes(const VolumePlan& plan) {
     MountVolume(add.mount_point);
   }
   // Which volume holds a share depends on what is mounted (a volume inside
-  // another takes its shares): the managers list theirs again.
+  // another takes its shares): the managers list theirs again, and their
+  // receivers watch what is theirs now (in place; not waited for).
   if (!plan.drops.empty() || !plan.adds.empty()) {
-    for (auto& entry : volumes_.volumes()) entry.second->RelistShares();
+    for (auto& entry : volumes_.volumes()) {
+      entry.second->RelistShares();
+      entry.second->ReloadWatches();
+    }
   }
 }
 

@@ -2,6 +2,5 @@
 
 int main() {
   YULO::YULOTIFYD::Daemon daemon;
-  daemon.Run();
-  return 0;
+  return daemon.Run();
 }

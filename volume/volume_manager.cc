@@ -56,13 +56,9 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   vol_id_ = info->vol_id;
   ListShares();
 
-  uint32_t mask = 0;
-  for (const MonitorQueue& queue : GetMonitorQueues()) {
-    mask |= queue.GetUnionMask(mount_point_);
-  }
-  // Access, open and close-without-write are never asked of the kernel.
+  const uint32_t mask = WantedKernelMask(GetMonitorQueues(), mount_point_);
   try {
-    receiver_ = new EventReceiver(mask & kKernelMaskBits, this);
+    receiver_ = new EventReceiver(mask, this);
   } catch (...) {
     receiver_ = nullptr;
   }
@@ -296,6 +292,14 @@ void VolumeMgr::ReloadWatches() {
   receiver_->PostCommand(ReceiverCommand::kReloadAll, std::string());
 }
 
+void VolumeMgr::DrainKernel() {
+  receiver_->PostCommand(ReceiverCommand::kDrainKernel, std::string());
+}
+
+void VolumeMgr::ProcessQueued() {
+  processor_->DoAction(&EventProcessor::PassAction, nullptr);
+}
+
 void VolumeMgr::BeginDrain(std::chrono::steady_clock::time_point deadline) {
   receiver_->RequestDrainStop(deadline);
 }
@@ -352,10 +356,6 @@ std::vector<QueueFileStatus> VolumeMgr::GetQueueFileStatus() {
   return processor_->GetQueueFileStatus();
 }
 
-void VolumeMgr::NotifyProcessor() {
-  processor_->DoAction(&EventProcessor::FetchAction, nullptr);
-}
-
 std::vector<MonitorQueue> VolumeMgr::GetMonitorQueues() {
   if (context_ == nullptr) return std::vector<MonitorQueue>();
   return context_->GetMonitorQueues();
@@ -367,6 +367,10 @@ void VolumeMgr::WatchesReady() {
     watches_placed_ = true;
   }
   ready_cv_.notify_all();
+  if (context_ != nullptr) context_->PostReloadSemaphore();
+}
+
+void VolumeMgr::KernelDrained() {
   if (context_ != nullptr) context_->PostReloadSemaphore();
 }
 

@@ -66,9 +66,8 @@ int ReadAllShares(int flags,
 
 class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
-  // The kernel event bits a volume ever asks for: modify, attrib,
-  // close-write, both move halves, create and delete.
-  static constexpr uint32_t kKernelMaskBits = 0x3ce;
+  // The kernel event bits a volume ever asks for (see receiver_owner.h).
+  static constexpr uint32_t kKernelMaskBits = kVolumeKernelMaskBits;
   // The flag word the daemon enumerates shares with (the platform
   // library's to interpret).
   static constexpr int kShareEnumFlags = 0xA09;
@@ -99,8 +98,16 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
                  const std::string& path_old);
   void MountShare(const std::string& share_name);
   void UmountShare(const std::string& share_name);
-  // Asks the receiver to re-add every watch for the current configuration.
+  // Asks the receiver to bring its watches in line with the current
+  // configuration (EventReceiver::ReAddAllWatches); acknowledged through
+  // the context's reload semaphore.
   void ReloadWatches();
+  // Asks the receiver to queue what the kernel holds now; acknowledged
+  // through the context's reload semaphore.
+  void DrainKernel();
+  // Has the processor write every event queued so far, with the monitor
+  // queues as they are now. Main thread; waits for it.
+  void ProcessQueued();
 
   // Stops the volume's threads so that everything read gets written: the
   // receiver first reads what the kernel still holds, then the processor
@@ -114,14 +121,13 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool FinishDrain();
   // The three steps for this volume alone.
   bool Drain(std::chrono::steady_clock::time_point deadline);
-  // Has the processor take the events queued so far.
-  void NotifyProcessor();
   // Lists the volume's shares again (after the share configuration
   // changed); shares added by MountShare are forgotten.
   void RelistShares();
 
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
+  void KernelDrained() override;
   bool IsInitStart();
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.

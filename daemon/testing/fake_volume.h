@@ -35,7 +35,8 @@ class FakeVolumes {
   // Volume ids whose drains report lines left unwritten.
   std::set<int32_t> undrained;
   // Whether a fake acknowledges a reload as soon as it is asked to re-add
-  // its watches (as a receiver does once it has).
+  // its watches or to drain its kernel queue (as a receiver does once it
+  // has).
   bool acknowledge_reloads = true;
   // What each volume reports about its queue files, by volume id.
   std::map<int32_t, std::vector<QueueFileStatus>> queue_files;
