@@ -345,13 +345,19 @@ void Daemon::ReloadMonitorQueues() {
   DestroyReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->ProcessQueued();
   LoadMonitorQueue();
+  UpdateWatches();
+  NotifyWatching();
+}
+
+void Daemon::UpdateWatches() {
   // The receivers change their kernel watches in place: new event bits and
-  // shares first, what is no longer wanted last.
+  // shares first, what is no longer wanted last. Waited for, so that once
+  // this returns every volume reports what the queues want, and no
+  // acknowledgement is left over for the next barrier.
   CreateReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->ReloadWatches();
   AwaitReloadAcks();
   DestroyReloadSemaphore();
-  NotifyWatching();
 }
 
 void Daemon::AwaitReloadAcks() {

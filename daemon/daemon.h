@@ -162,6 +162,9 @@ class Daemon : public VolumeContext, private ControlHandler {
   void CreateReloadSemaphore();
   // Waits for one post of the reload semaphore per volume manager.
   void AwaitReloadAcks();
+  // Has every receiver bring its watches in line with the monitor queues
+  // and the volumes, and waits until all have.
+  void UpdateWatches();
   void DestroyReloadSemaphore();
 
   // Control socket.

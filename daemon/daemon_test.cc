@@ -419,8 +419,8 @@ TEST_F(DaemonTest, VolumeTableChangesAreFollowedOnceSettled) {
   EXPECT_TRUE(fakes_.TakeJournal().empty());
   clock_.Advance(milliseconds(1));
   Step();
-  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "1 ReloadWatches",
-                     "2 RelistShares", "2 ReloadWatches"}),
+  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "2 RelistShares",
+                     "1 ReloadWatches", "2 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 

@@ -146,12 +146,10 @@ void Daemon::AddVolumes(const VolumePlan& plan) {
   }
   // Which volume holds a share depends on what is mounted (a volume inside
   // another takes its shares): the managers list theirs again, and their
-  // receivers watch what is theirs now (in place; not waited for).
+  // receivers watch what is theirs now.
   if (!plan.drops.empty() || !plan.adds.empty()) {
-    for (auto& entry : volumes_.volumes()) {
-      entry.second->RelistShares();
-      entry.second->ReloadWatches();
-    }
+    for (auto& entry : volumes_.volumes()) entry.second->RelistShares();
+    UpdateWatches();
   }
 }
 

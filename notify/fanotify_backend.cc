@@ -215,17 +215,21 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
   return 0;
 }
 
-int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
-                                 uint32_t /*mask*/) {
+std::map<std::string, FanotifyBackend::MountWatch>::iterator
+FanotifyBackend::FindWatch(int fd, const std::string& mount_point) {
   if (!OwnDescriptor(fd)) {
     errno = EBADF;
-    return -1;
+    return watches_.end();
   }
   const auto it = watches_.find(mount_point);
-  if (it == watches_.end()) {
-    errno = ENOENT;
-    return -1;
-  }
+  if (it == watches_.end()) errno = ENOENT;
+  return it;
+}
+
+int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
+                                 uint32_t /*mask*/) {
+  const auto it = FindWatch(fd, mount_point);
+  if (it == watches_.end()) return -1;
   const uint64_t fsid = it->second.fsid;
   bool shared = false;
   for (const auto& entry : watches_) {
@@ -268,15 +272,8 @@ int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
 int FanotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
                                      uint32_t /*old_mask*/,
                                      uint32_t new_mask) {
-  if (!OwnDescriptor(fd)) {
-    errno = EBADF;
-    return -1;
-  }
-  const auto it = watches_.find(mount_point);
-  if (it == watches_.end()) {
-    errno = ENOENT;
-    return -1;
-  }
+  const auto it = FindWatch(fd, mount_point);
+  if (it == watches_.end()) return -1;
   const uint64_t fsid = it->second.fsid;
   const uint64_t marked = fs_masks_[fsid];
   const uint64_t wanted = FanotifyMarkMask(new_mask, rename_events_);

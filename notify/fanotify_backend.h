@@ -114,6 +114,10 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   int Mark(unsigned int flags, int mount_fd, bool is_dir,
            const std::string& mount_point, uint64_t mask);
   bool OwnDescriptor(int fd) const;
+  // The watch of `mount_point`; watches_.end() with errno EBADF (not our
+  // descriptor) or ENOENT (no such watch).
+  std::map<std::string, MountWatch>::iterator FindWatch(
+      int fd, const std::string& mount_point);
   // The watch through which paths on `fsid` are resolved, or null.
   const std::pair<const std::string, MountWatch>* Resolver(uint64_t fsid);
 

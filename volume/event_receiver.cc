@@ -160,11 +160,14 @@ void EventReceiver::ReAddAllWatches() {
     YULO_LOG_INFO("Add watch, path=%s", share.c_str());
     if (AddWatch(share) < 0) YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
   }
-  std::vector<int> unwanted;
+  std::vector<std::pair<std::string, int>> unwanted;
   for (const auto& watched : watched_paths()) {
-    if (shares.count(watched.first) == 0) unwanted.push_back(watched.second);
+    if (shares.count(watched.first) == 0) unwanted.emplace_back(watched);
   }
-  for (int id : unwanted) RemoveWatch(id);
+  for (const auto& watched : unwanted) {
+    YULO_LOG_INFO("Remove watch, path=%s", watched.first.c_str());
+    RemoveWatch(watched.second);
+  }
   // Narrow last, once every wanted bit is in place.
   SetEventMask(new_mask);
   owner_->WatchesReady();

@@ -86,9 +86,13 @@ class EventReceiverTest : public ::testing::Test {
   }
   void TearDown() override { Thread::DestroyThreadLock(); }
 
-  std::unique_ptr<EventReceiver> Make() {
+  std::unique_ptr<EventReceiver> Make(uint32_t mask = 0x3ce) {
     return std::make_unique<EventReceiver>(
-        0x3ce, &owner_, std::make_unique<FakeBackend>(kernel_), &env_);
+        mask, &owner_, std::make_unique<FakeBackend>(kernel_), &env_);
+  }
+  // Made with the event bits the owner's queues want, as a volume does.
+  std::unique_ptr<EventReceiver> MakeForQueues() {
+    return Make(WantedKernelMask(owner_.GetMonitorQueues(), "/vol1"));
   }
 
   FakeMountEnv env_;
@@ -130,9 +134,7 @@ TEST_F(EventReceiverTest, ReAddWithNothingOnTheVolumeRemovesAllAndStillAcks) {
 // never goes, not even for a moment.
 TEST_F(EventReceiverTest, ReloadChangesTheKernelMaskInPlace) {
   owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE);
-  auto receiver = std::make_unique<EventReceiver>(
-      WantedKernelMask(owner_.GetMonitorQueues(), "/vol1"), &owner_,
-      std::make_unique<FakeBackend>(kernel_), &env_);
+  auto receiver = MakeForQueues();
   receiver->ReAddAllWatches();
   EXPECT_EQ(kernel_->calls.back(), "add 9 /vol1 0x180");  // create, moved-to
   kernel_->calls.clear();
@@ -157,9 +159,7 @@ TEST_F(EventReceiverTest, ReloadChangesTheKernelMaskInPlace) {
 // is watched with them, and the share no longer wanted goes last.
 TEST_F(EventReceiverTest, ReloadMovingToAnotherShareWidensBeforeNarrowing) {
   owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE);
-  auto receiver = std::make_unique<EventReceiver>(
-      WantedKernelMask(owner_.GetMonitorQueues(), "/vol1"), &owner_,
-      std::make_unique<FakeBackend>(kernel_), &env_);
+  auto receiver = MakeForQueues();
   receiver->ReAddAllWatches();
   kernel_->calls.clear();
   owner_.WatchEvents({"/vol1/b"}, QUEUE_EVENT_CLOSE_WRITE);
@@ -177,9 +177,7 @@ TEST_F(EventReceiverTest, ReloadMovingToAnotherShareWidensBeforeNarrowing) {
 // share appeared in the share configuration): watched with its bits.
 TEST_F(EventReceiverTest, AShareAppearingLaterIsWatchedWithItsBits) {
   owner_.WatchEvents({}, QUEUE_EVENT_CREATE);
-  auto receiver = std::make_unique<EventReceiver>(
-      WantedKernelMask(owner_.GetMonitorQueues(), "/vol1"), &owner_,
-      std::make_unique<FakeBackend>(kernel_), &env_);
+  auto receiver = MakeForQueues();
   receiver->ReAddAllWatches();
   EXPECT_EQ(receiver->event_mask(), 0u);
   EXPECT_EQ(kernel_->Count("add "), 0);

@@ -9,14 +9,10 @@ import pytest
 
 from control_util import send
 from harness import monitor, wait_line, wait_until
-from test_pipeline import stop_cleanly
+from test_pipeline import line, stop_cleanly
 
 SECOND_REFUSED = (r"^daemon:\d+ Another yulotifyd is running \(pid \d+, lock "
                   r"/var/run/yulotifyd\.lock\), not starting$")
-
-
-def line(event, path, is_dir=False):
-    return {"event": event, "is_dir": is_dir, "path": path}
 
 
 @pytest.fixture

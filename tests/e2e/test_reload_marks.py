@@ -11,16 +11,12 @@ service manager notifications ("STATUS=reloading", then "STATUS=watching
 
 import os
 
-import pytest
-
 from harness import monitor, wait_line, wait_lines, wait_until
-from test_pipeline import stop_cleanly
+# The appliance of these tests: /vol1 with share Public, no queue yet.
+from test_outbox import app  # noqa: F401
+from test_pipeline import line
 
 RELOAD_TIMEOUT = 15.0
-
-
-def line(event, path, is_dir=False):
-    return {"event": event, "is_dir": is_dir, "path": path}
 
 
 def statuses(app):
@@ -36,14 +32,6 @@ def wait_reloads(app, count):
                 and seen[-1].startswith("watching"))
     assert wait_until(done, RELOAD_TIMEOUT), \
         "reload %d not done: %r%s" % (count, statuses(app), app.diagnostics())
-
-
-@pytest.fixture
-def app(appliance):
-    appliance.add_volume(1, "/vol1")
-    appliance.add_share("Public", "/vol1/Public")
-    yield appliance
-    stop_cleanly(appliance)
 
 
 def test_share_appearing_later_gets_the_events_its_queue_wants(app):

@@ -42,22 +42,6 @@ def test_running_is_marked_before_ready(app):
     assert app.read_run_status() == {"status": "stop"}
 
 
-def test_sigkill_leaves_running_and_the_next_start_rescans(app):
-    app.start()
-    app.wait_ready()
-    (app.ns_path("/vol1/Public") / "before-kill").write_text("x")
-    app.signal(signal.SIGKILL)
-    app.wait_exit(15)
-    assert app.read_run_status() == {"status": "running"}
-    app.start()
-    app.wait_ready()
-    app.wait_log(r"Send Rescan because of recovery vol: /vol1$")
-    lines = wait_lines(app, app.q, lambda ls: RESCAN_VOL1 in ls)
-    # The rescan of the volume covers the file made before the kill (and
-    # anything done while the daemon was down).
-    assert lines[-1] == RESCAN_VOL1
-
-
 def crash_with_changes_pending(app):
     app.start()
     app.wait_ready()
@@ -65,6 +49,17 @@ def crash_with_changes_pending(app):
     app.signal(signal.SIGKILL)
     app.wait_exit(15)
     assert app.read_run_status() == {"status": "running"}
+
+
+def test_sigkill_leaves_running_and_the_next_start_rescans(app):
+    crash_with_changes_pending(app)
+    app.start()
+    app.wait_ready()
+    app.wait_log(r"Send Rescan because of recovery vol: /vol1$")
+    lines = wait_lines(app, app.q, lambda ls: RESCAN_VOL1 in ls)
+    # The rescan of the volume covers the file made before the kill (and
+    # anything done while the daemon was down).
+    assert lines[-1] == RESCAN_VOL1
 
 
 def assert_quiet_stop_keeps_recovery(app):
