@@ -102,6 +102,8 @@ void EventProcessor::PassAction(Thread* thread, char* /*arg*/) {
 void EventProcessor::PassLocked() {
   YULO_LOG_DEBUG("EventProcessor alive ...");
   try {
+    // Events the source could not even queue: the volume is rescanned.
+    if (source_->TakeLostEvents()) recovery_owed_ = true;
     if (recovery_owed_) SendOwedRecovery();
     if (fetching_ == 0) FetchEvents();
     last_pass_events_ = pending_.size();

@@ -22,7 +22,9 @@
 // handled at that moment, with its move partner, becomes a rescan of its
 // watched path for every queue near it at the next pass, since some queues
 // may have its line already and others not. A recovery rescan that could
-// not be made is made by the next pass.
+// not be made is made by the next pass, and so is a rescan of the volume
+// when its source could not even queue some events (EventSource::
+// TakeLostEvents).
 //
 // Ownership: the processor does not own its source, which must outlive it,
 // nor the QueueFileOps it is given (it then must outlive it too). It owns
@@ -158,7 +160,8 @@ class EventProcessor : public Thread {
   void FetchEvents();
   // RunOnePass's body.
   void PassLocked();
-  // The recovery rescan, once more if memory ran out the last time.
+  // The rescan of the volume owed by a recovery or by events the source
+  // lost, once more if memory ran out the last time.
   void SendOwedRecovery();
   // Handles every pending event, in order, into the outboxes.
   void HandlePending(std::vector<MonitorQueue>& snapshot);
@@ -203,7 +206,8 @@ class EventProcessor : public Thread {
   size_t last_pass_events_ = 0;
   // A pass ran out of memory and no pass has completed since.
   bool out_of_memory_ = false;
-  // The recovery rescan could not be made for want of memory yet.
+  // A rescan of the volume is owed (recovery, events the source lost) and
+  // could not be made yet for want of memory.
   bool recovery_owed_ = false;
   std::atomic<uint64_t> lines_written_{0};
   std::atomic<uint64_t> kernel_overflows_{0};

@@ -142,7 +142,7 @@ bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
     WakeProcessorIfBusy(1, size_after);
     return true;
   }
-  YULO_LOG_ALWAYS("Event queue is full");
+  NoteLostEvents();
   return false;
 }
 
@@ -159,9 +159,17 @@ bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
     WakeProcessorIfBusy(pushed, size_after);
     return true;
   }
-  YULO_LOG_ALWAYS("Event queue is full");
+  NoteLostEvents();
   return false;
 }
+
+void VolumeMgr::NoteLostEvents() {
+  YULO_LOG_ALWAYS("Event queue is full");
+  // The processor rescans the volume at its next pass instead.
+  events_lost_.store(true);
+}
+
+bool VolumeMgr::TakeLostEvents() { return events_lost_.exchange(false); }
 
 void VolumeMgr::WakeProcessorIfBusy(size_t pushed, size_t size_after) {
   // A burst is written as it comes rather than piled up for the next
@@ -222,7 +230,7 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
     if (queue_.PushAll(packed, &size_after)) {
       WakeProcessorIfBusy(pushed, size_after);
     } else {
-      YULO_LOG_ALWAYS("Event queue is full");
+      NoteLostEvents();
     }
   }
   return offered;

@@ -132,6 +132,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.
   bool IsRecovery() override;
+  bool TakeLostEvents() override;
   const std::string& GetMountPoint() const override { return mount_point_; }
   // Whether `path` lies on this volume: below its mount point and on no
   // other mounted volume of the volume table inside it (the deepest one
@@ -170,6 +171,9 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // Starts the processor's next pass now when a push of `pushed` events
   // brought the queue to `size_after` across the early-pass mark.
   void WakeProcessorIfBusy(size_t pushed, size_t size_after);
+  // Events could not be queued (out of memory): logged, and the volume is
+  // rescanned by the processor's next pass.
+  void NoteLostEvents();
   // The first of `share_paths` that `path` begins with; "" when none.
   static std::string FindShareRoot(const std::vector<std::string>& share_paths,
                                    const std::string& path);
@@ -186,6 +190,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::condition_variable ready_cv_;
   bool watches_placed_ = false;
   std::atomic<uint64_t> events_injected_{0};
+  std::atomic<bool> events_lost_{false};
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
   const bool rescan_at_start_;
