@@ -1,8 +1,10 @@
 // Daemon: the yulotifyd process object.
 //
-// Run() performs the start-up sequence, reports readiness to the service
-// manager, serves the configuration watch and the control socket on the main
-// thread until SIGTERM or SIGINT, and tears everything down in a fixed order.
+// Run() takes the instance lock (one daemon at a time), performs the
+// start-up sequence, reports readiness to the service manager, serves the
+// configuration watch and the control socket on the main thread until
+// SIGTERM or SIGINT (SIGHUP reloads the monitor queues), and tears
+// everything down in a fixed order.
 // The main loop also follows the mount table, the volume table and the share
 // configuration (SourceWatch): volumes get and lose their managers, and the
 // monitor queues are reloaded when shares change, with no command needed.

@@ -4,14 +4,14 @@
 // kernel and fills the event queue, and the EventProcessor, which drains it
 // into the queue files), the event queue between them, and the list of
 // shares on the volume. The daemon core reaches the threads only through it:
-// share mount and unmount, re-adding all watches after a reload, and events
-// injected by other services.
+// share mount and unmount, bringing the watches in line after a reload, and
+// events injected by other services.
 //
 // Ownership: created and deleted by the daemon core; owns its receiver,
 // processor and queued events; `context` is not owned and outlives it.
 // Thread-safety: the event queue is guarded by its own (leaf) mutex. The
-// share list and PushEvent, MountShare, UmountShare, ReloadWatches and
-// NotifyProcessor belong to the daemon's main thread.
+// share list and PushEvent, MountShare, UmountShare, ReloadWatches,
+// DrainKernel and ProcessQueued belong to the daemon's main thread.
 #ifndef YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
@@ -66,8 +66,6 @@ int ReadAllShares(int flags,
 
 class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
-  // The kernel event bits a volume ever asks for (see receiver_owner.h).
-  static constexpr uint32_t kKernelMaskBits = kVolumeKernelMaskBits;
   // The flag word the daemon enumerates shares with (the platform
   // library's to interpret).
   static constexpr int kShareEnumFlags = 0xA09;
