@@ -157,8 +157,13 @@ void EventReceiver::ReAddAllWatches() {
   SetEventMask(old_mask | new_mask);
   for (const std::string& share : shares) {
     if (watched_paths().count(share) != 0) continue;
-    YULO_LOG_INFO("Add watch, path=%s", share.c_str());
-    if (AddWatch(share) < 0) YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
+    // Said once the watch is in place: whoever waits for the line may rely
+    // on the share's changes being seen from then on.
+    if (AddWatch(share) < 0) {
+      YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
+    } else {
+      YULO_LOG_INFO("Add watch, path=%s", share.c_str());
+    }
   }
   std::vector<std::pair<std::string, int>> unwanted;
   for (const auto& watched : watched_paths()) {
