@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "base/errno_text.h"
+#include "daemon/queue_union.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 
@@ -313,7 +314,7 @@ void Daemon::LoadMonitorQueue() {
 
 std::vector<MonitorQueue> Daemon::GetMonitorQueues() {
   RwLockGuard guard(&monitor_queue_lock, /*write=*/false);
-  return monitor_queues;
+  return in_transition_ ? transition_queues_ : monitor_queues;
 }
 
 void Daemon::LoadDaemonRunStatus() { run_status_file_.Load(); }
@@ -334,17 +335,29 @@ void Daemon::HandleInotify() {
 
 void Daemon::ReloadMonitorQueues() {
   NotifyState("reloading");
-  // What happened before the reload is written under the configuration it
-  // happened under: every receiver queues what the kernel holds, then every
-  // processor writes its queue, both with the old monitor queues. So a
-  // reload that stops wanting an event type never drops one the old
-  // configuration still owed to a queue.
+  // Every receiver queues what the kernel holds: changes read so far, which
+  // may have happened under either configuration.
   CreateReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->DrainKernel();
   AwaitReloadAcks();
   DestroyReloadSemaphore();
-  for (auto& entry : volumes_.volumes()) entry.second->ProcessQueued();
+  const std::vector<MonitorQueue> before = GetMonitorQueues();
   LoadMonitorQueue();
+  // Every processor writes them to each queue that wants them under the old
+  // or the new configuration: a reload that stops wanting an event type
+  // never drops one the old configuration still owed to a queue, and a
+  // subscription gets what happened right after it was written.
+  {
+    RwLockGuard guard(&monitor_queue_lock, /*write=*/true);
+    transition_queues_ = UniteQueueLists(before, monitor_queues);
+    in_transition_ = true;
+  }
+  for (auto& entry : volumes_.volumes()) entry.second->ProcessQueued();
+  {
+    RwLockGuard guard(&monitor_queue_lock, /*write=*/true);
+    in_transition_ = false;
+    transition_queues_.clear();
+  }
   UpdateWatches();
   NotifyWatching();
 }

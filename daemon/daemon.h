@@ -225,6 +225,11 @@ class Daemon : public VolumeContext, private ControlHandler {
   ConfigWatch config_;
   RunStatusFile run_status_file_;
   std::vector<MonitorQueue> monitor_queues;
+  // While a reload writes what was queued before it: the old and the new
+  // queues united (see queue_union.h), which GetMonitorQueues returns then.
+  // Guarded by monitor_queue_lock.
+  std::vector<MonitorQueue> transition_queues_;
+  bool in_transition_ = false;
   // When Start ran, for the uptime.
   std::chrono::steady_clock::time_point started_;
   // The reload barrier; set only while HandleInotify waits for the

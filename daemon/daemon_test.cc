@@ -398,6 +398,23 @@ TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueues) {
   EXPECT_TRUE(fakes_.TakeJournal().empty());
 }
 
+TEST_F(DaemonTest, AReloadWritesWhatWasQueuedUnderBothConfigurations) {
+  ASSERT_TRUE(Start());
+  // The indexer moves from Public to Media.
+  AddQueue("system.d/10-indexer.json", "indexer", "Media");
+  Step();
+  ASSERT_EQ(1u, fakes_.queues_when_processing.size());
+  const std::vector<MonitorQueue>& united = fakes_.queues_when_processing[0];
+  ASSERT_EQ(1u, united.size());
+  EXPECT_EQ(2u, united[0].GetConfigs().size());
+  EXPECT_TRUE(MonitorQueue::IsDirMonitoring(united, dir_.File("vol1/Public")));
+  EXPECT_TRUE(MonitorQueue::IsDirMonitoring(united, dir_.File("vol2/Media")));
+  // Afterwards, the new configuration alone.
+  const std::vector<MonitorQueue> now = daemon_->GetMonitorQueues();
+  ASSERT_EQ(1u, now.size());
+  EXPECT_FALSE(MonitorQueue::IsDirMonitoring(now, dir_.File("vol1/Public")));
+}
+
 TEST_F(DaemonTest, ConfigurationIsServedBeforeACommandOfTheSameRound) {
   ASSERT_TRUE(Start());
   AddQueue("app.d/20-thumbs.json", "thumbs", "Media");

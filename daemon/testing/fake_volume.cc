@@ -37,7 +37,10 @@ class FakeVolume : public ManagedVolume {
     Note("DrainKernel");
     if (owner_->acknowledge_reloads) context_->PostReloadSemaphore();
   }
-  void ProcessQueued() override { Note("ProcessQueued"); }
+  void ProcessQueued() override {
+    Note("ProcessQueued");
+    owner_->queues_when_processing.push_back(context_->GetMonitorQueues());
+  }
   void RelistShares() override { Note("RelistShares"); }
   void BeginDrain(Deadline /*deadline*/) override { Note("BeginDrain"); }
   void FinishReceiving(Deadline /*deadline*/) override {

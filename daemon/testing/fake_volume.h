@@ -44,6 +44,8 @@ class FakeVolumes {
   // (the last one made for the id).
   int made = 0;
   std::map<int32_t, bool> rescan_at_start;
+  // The monitor queues the context gave each ProcessQueued, in order.
+  std::vector<std::vector<MonitorQueue>> queues_when_processing;
 
  private:
   friend class FakeVolume;
