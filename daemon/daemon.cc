@@ -11,10 +11,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <utility>
 
+#include "base/errno_text.h"
+#include "daemon/queue_union.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 
@@ -27,6 +30,9 @@ namespace {
 // async-signal-safe.
 std::atomic<bool> g_stop_flag{false};
 static_assert(sizeof(g_stop_flag) == 1, "the stop flag is one byte");
+
+// Set by HangupHandler, taken by Step: reload the monitor queues.
+std::atomic<bool> g_reload_flag{false};
 
 // The signal KillHandler took and has not been reported yet; 0 when none.
 std::atomic<int> g_kill_signal{0};
@@ -92,7 +98,9 @@ void Daemon::KillHandler(int signo) {
   g_stop_flag.store(true);
 }
 
-void Daemon::Run() {
+void Daemon::HangupHandler(int /*signo*/) { g_reload_flag.store(true); }
+
+int Daemon::Run() {
   umask(0);
   // Queue files of subscriptions not owned by root are written with their
   // owners' file-system ids, and supplementary groups would count in those
@@ -109,15 +117,22 @@ void Daemon::Run() {
   // No SA_RESTART: the handler must interrupt the main loop's wait.
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
+  // SIGHUP, the usual "read your configuration again", reloads the
+  // monitor queues; it must never end the daemon without its teardown.
+  struct sigaction hangup = {};
+  hangup.sa_handler = &Daemon::HangupHandler;
+  sigemptyset(&hangup.sa_mask);
+  sigaction(SIGHUP, &hangup, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  // Keep the termination signals blocked outside the main loop's wait. Worker
-  // threads, created later, inherit the blocked mask, so the handler only
-  // ever runs inside pselect and a stop request is never lost between the
-  // flag test and the wait.
+  // Keep these signals blocked outside the main loop's wait. Worker
+  // threads, created later, inherit the blocked mask, so the handlers only
+  // ever run inside pselect and a request is never lost between the flag
+  // test and the wait.
   sigset_t term;
   sigemptyset(&term);
   sigaddset(&term, SIGTERM);
   sigaddset(&term, SIGINT);
+  sigaddset(&term, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
   YULO_LOG_INFO("Signal handler set ...");
 
@@ -128,9 +143,46 @@ void Daemon::Run() {
     NotifyState("stopping: writing what was read");
   }
   Cleanup();
+  return refused_ ? 1 : 0;
+}
+
+bool Daemon::TakeInstanceLock() {
+  if (options_.lock_path.empty()) return true;
+  pid_t holder = 0;
+  switch (instance_lock_.Take(options_.lock_path, &holder)) {
+    case InstanceLock::Result::kTaken:
+      return true;
+    case InstanceLock::Result::kHeld:
+      YULO_LOG_ALWAYS("Another yulotifyd is running (pid %ld, lock %s), "
+                      "not starting",
+                      static_cast<long>(holder), options_.lock_path.c_str());
+      std::fprintf(stderr,
+                   "yulotifyd: another yulotifyd is running (pid %ld, lock "
+                   "%s); not starting\n",
+                   static_cast<long>(holder), options_.lock_path.c_str());
+      break;
+    case InstanceLock::Result::kFailed: {
+      const std::string reason = ErrnoText(errno);
+      YULO_LOG_ALWAYS("Cannot take the instance lock %s, not starting: %s",
+                      options_.lock_path.c_str(), reason.c_str());
+      std::fprintf(stderr,
+                   "yulotifyd: cannot take the instance lock %s (%s); not "
+                   "starting\n",
+                   options_.lock_path.c_str(), reason.c_str());
+      break;
+    }
+  }
+  NotifyState("another yulotifyd is running");
+  return false;
 }
 
 bool Daemon::Start() {
+  // Before anything else: a second daemon must not touch the socket, the
+  // run-status file or any queue file of the one that runs.
+  if (!TakeInstanceLock()) {
+    refused_ = true;
+    return false;
+  }
   started_ = clock_->Now();
   if (pthread_rwlock_init(&monitor_queue_lock, nullptr) != 0) {
     YULO_LOG_ALWAYS("Init RWLock for MonitorQueue failed");
@@ -195,6 +247,7 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
   pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
   sigdelset(&wait_mask, SIGTERM);
   sigdelset(&wait_mask, SIGINT);
+  sigdelset(&wait_mask, SIGHUP);
   fd_set readable, writable, exceptional;
   FD_ZERO(&readable);
   FD_ZERO(&writable);
@@ -209,6 +262,10 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
       pselect(width, &readable, &writable, &exceptional, &timeout, &wait_mask);
   ReportKillSignal();
   if (g_stop_flag.load()) return false;
+  if (g_reload_flag.exchange(false)) {
+    YULO_LOG_NOTICE("SIGHUP: reloading monitor queues");
+    ReloadMonitorQueues();
+  }
   if (ready > 0) {
     // A configuration change only notes a reload; it runs once the changes
     // were gathered and the previous reload is far enough back.
@@ -230,6 +287,9 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
 }
 
 void Daemon::Cleanup() {
+  // Refused: nothing of this process was set up, and what is there belongs
+  // to the daemon that runs.
+  if (refused_) return;
   YULO_LOG_DEBUG("Cleaning resource");
   control_.Close();
   config_.Close();
@@ -261,7 +321,7 @@ void Daemon::LoadMonitorQueue() {
 
 std::vector<MonitorQueue> Daemon::GetMonitorQueues() {
   RwLockGuard guard(&monitor_queue_lock, /*write=*/false);
-  return monitor_queues;
+  return in_transition_ ? transition_queues_ : monitor_queues;
 }
 
 void Daemon::LoadDaemonRunStatus() { run_status_file_.Load(); }
@@ -280,22 +340,53 @@ void Daemon::HandleInotify() { config_.Handle(clock_->NowMillis()); }
 
 void Daemon::ReloadMonitorQueues() {
   NotifyState("reloading");
-  // Events queued under the old configuration are taken by the processors
-  // before the new one is loaded.
-  for (auto& entry : volumes_.volumes()) entry.second->NotifyProcessor();
+  // Every receiver queues what the kernel holds: changes read so far, which
+  // may have happened under either configuration.
+  CreateReloadSemaphore();
+  for (auto& entry : volumes_.volumes()) entry.second->DrainKernel();
+  AwaitReloadAcks();
+  DestroyReloadSemaphore();
+  const std::vector<MonitorQueue> before = GetMonitorQueues();
   LoadMonitorQueue();
+  // Every processor writes them to each queue that wants them under the old
+  // or the new configuration: a reload that stops wanting an event type
+  // never drops one the old configuration still owed to a queue, and a
+  // subscription gets what happened right after it was written.
+  {
+    RwLockGuard guard(&monitor_queue_lock, /*write=*/true);
+    transition_queues_ = UniteQueueLists(before, monitor_queues);
+    in_transition_ = true;
+  }
+  for (auto& entry : volumes_.volumes()) entry.second->ProcessQueued();
+  {
+    RwLockGuard guard(&monitor_queue_lock, /*write=*/true);
+    in_transition_ = false;
+    transition_queues_.clear();
+  }
+  UpdateWatches();
+  NotifyWatching();
+  // Whatever asked for it, the next reload for a configuration change
+  // keeps its distance from this one.
+  config_.Reloaded(clock_->NowMillis());
+}
+
+void Daemon::UpdateWatches() {
+  // The receivers change their kernel watches in place: new event bits and
+  // shares first, what is no longer wanted last. Waited for, so that once
+  // this returns every volume reports what the queues want, and no
+  // acknowledgement is left over for the next barrier.
   CreateReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->ReloadWatches();
+  AwaitReloadAcks();
+  DestroyReloadSemaphore();
+}
+
+void Daemon::AwaitReloadAcks() {
   // One acknowledgement per manager, whatever their number.
   for (size_t i = 0; i < volumes_.size(); ++i) {
     while (sem_wait(reload_sem) != 0 && errno == EINTR) {
     }
   }
-  DestroyReloadSemaphore();
-  NotifyWatching();
-  // Whatever asked for it, the next reload for a configuration change
-  // keeps its distance from this one.
-  config_.Reloaded(clock_->NowMillis());
 }
 
 void Daemon::CreateReloadSemaphore() {

@@ -1,8 +1,10 @@
 // Daemon: the yulotifyd process object.
 //
-// Run() performs the start-up sequence, reports readiness to the service
-// manager, serves the configuration watch and the control socket on the main
-// thread until SIGTERM or SIGINT, and tears everything down in a fixed order.
+// Run() takes the instance lock (one daemon at a time), performs the
+// start-up sequence, reports readiness to the service manager, serves the
+// configuration watch and the control socket on the main thread until
+// SIGTERM or SIGINT (SIGHUP reloads the monitor queues), and tears
+// everything down in a fixed order.
 // The main loop also follows the mount table, the volume table and the share
 // configuration (SourceWatch): volumes get and lose their managers, and the
 // monitor queues are reloaded when shares change, with no command needed.
@@ -43,6 +45,7 @@
 #include "daemon/clock.h"
 #include "daemon/config_watch.h"
 #include "daemon/control_server.h"
+#include "daemon/instance_lock.h"
 #include "daemon/managed_volume.h"
 #include "daemon/platform_api.h"
 #include "daemon/run_status_file.h"
@@ -65,6 +68,9 @@ struct DaemonOptions {
   // unknown: nobody but root.
   std::string socket_group = YULOTIFYD_SOCKET_GROUP;
   std::string run_status_path = YULOTIFYD_RUN_STATUS_PATH;
+  // Locked while the daemon runs, so that a second one refuses to start;
+  // "" takes no lock (tests that run several daemons side by side).
+  std::string lock_path = YULOTIFYD_LOCK_PATH;
   std::string conf_root = YULOTIFYD_CONF_DIR;
   // What the main loop follows (the platform library reads the compiled-in
   // paths whatever these say); "" leaves a source out.
@@ -94,14 +100,19 @@ class Daemon : public VolumeContext, private ControlHandler {
   Daemon& operator=(const Daemon&) = delete;
 
   // Start-up, main loop and teardown, with the process-wide settings the
-  // daemon needs (umask, groups, random seed, signal handling).
-  void Run();
+  // daemon needs (umask, groups, random seed, signal handling). Returns the
+  // process's exit status: 0, or 1 when another daemon is running.
+  int Run();
 
-  // The start-up sequence without the process-wide settings: locks,
-  // monitor queues, run status, control socket, configuration watch,
-  // following, volume managers, "running". True when the daemon is ready to
-  // serve; either way Cleanup must follow. REQUIRES: called once.
+  // The start-up sequence without the process-wide settings: the instance
+  // lock, locks, monitor queues, run status, control socket, configuration
+  // watch, following, volume managers, "running". True when the daemon is
+  // ready to serve; either way Cleanup must follow. When another daemon
+  // holds the instance lock, Start touches nothing and refused() is true.
+  // REQUIRES: called once.
   bool Start();
+  // Start found another daemon running; Cleanup then leaves everything be.
+  bool refused() const { return refused_; }
   // One round of the main loop: waits at most `max_wait` (less when
   // followed changes or a reload fall due earlier) for the configuration
   // watch, the control socket or a followed source, serves what is ready,
@@ -120,6 +131,9 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // The handler installed for SIGTERM and SIGINT.
   static void KillHandler(int signo);
+  // The handler installed for SIGHUP: the main loop reloads the monitor
+  // queues.
+  static void HangupHandler(int signo);
 
   // Serves one accepted control connection `conn`: reads one request,
   // carries it out, sends the reply and closes `conn`. Returns the reply (0
@@ -130,6 +144,9 @@ class Daemon : public VolumeContext, private ControlHandler {
 
  private:
   void MainLoop();
+  // Takes the instance lock; false (logged, and said on stderr) when
+  // another daemon holds it or it cannot be taken.
+  bool TakeInstanceLock();
 
   // Run status and monitor queues.
   void LoadMonitorQueue();
@@ -141,12 +158,18 @@ class Daemon : public VolumeContext, private ControlHandler {
   void StopVolumeMgrs();
   bool SetupInotify();
   void HandleInotify();
-  // Has every processor take its queued events, reloads the monitor queues
-  // and waits until every receiver has re-added its watches. Configuration
-  // changes lead here through ConfigWatch's pacing (at most about one a
-  // second); share changes through SourceWatch's settling.
+  // Has every volume write what happened before under the old monitor
+  // queues, reloads them, and waits until every receiver has brought its
+  // watches in line with them. Configuration changes lead here through
+  // ConfigWatch's pacing (at most about one a second); share changes
+  // through SourceWatch's settling.
   void ReloadMonitorQueues();
   void CreateReloadSemaphore();
+  // Waits for one post of the reload semaphore per volume manager.
+  void AwaitReloadAcks();
+  // Has every receiver bring its watches in line with the monitor queues
+  // and the volumes, and waits until all have.
+  void UpdateWatches();
   void DestroyReloadSemaphore();
 
   // Control socket.
@@ -201,10 +224,17 @@ class Daemon : public VolumeContext, private ControlHandler {
   PlatformApi* const platform_;
   const MonotonicClock* const clock_;
 
+  InstanceLock instance_lock_;
+  bool refused_ = false;
   ControlServer control_;
   ConfigWatch config_;
   RunStatusFile run_status_file_;
   std::vector<MonitorQueue> monitor_queues;
+  // While a reload writes what was queued before it: the old and the new
+  // queues united (see queue_union.h), which GetMonitorQueues returns then.
+  // Guarded by monitor_queue_lock.
+  std::vector<MonitorQueue> transition_queues_;
+  bool in_transition_ = false;
   // When Start ran, for the uptime.
   std::chrono::steady_clock::time_point started_;
   // The reload barrier; set only while HandleInotify waits for the

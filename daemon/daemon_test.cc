@@ -83,6 +83,7 @@ class DaemonTest : public ::testing::Test {
     struct group* own = getgrgid(getegid());
     options.socket_group = own != nullptr ? own->gr_name : "";
     options.run_status_path = dir_.File("etc/yulotifyd.run");
+    options.lock_path = dir_.File("yulotifyd.lock");
     options.conf_root = dir_.File("conf");
     // The machine's own mounts are none of these tests' business.
     options.mount_table_path = "";
@@ -386,6 +387,37 @@ TEST_F(DaemonTest, VolumeCommands) {
   EXPECT_EQ((Journal{"1 made"}), fakes_.TakeJournal());
 }
 
+TEST_F(DaemonTest, ASecondDaemonRefusesAndTouchesNothing) {
+  ASSERT_TRUE(Start());
+  const std::string running = dir_.Read("etc/yulotifyd.run");
+  fakes_.TakeJournal();
+  TakeLogLines();
+  {
+    Daemon second(Options());
+    EXPECT_FALSE(second.Start());
+    EXPECT_TRUE(second.refused());
+    second.Cleanup();
+  }
+  EXPECT_EQ(1u, LinesWithMessage(TakeLogLines(),
+                                 "Another yulotifyd is running (pid " +
+                                     std::to_string(getpid()) + ", lock " +
+                                     dir_.File("yulotifyd.lock") +
+                                     "), not starting",
+                                 "daemon")
+                    .size());
+  // No volume made or stopped, the run status and the socket as they were:
+  // the first daemon still answers.
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  EXPECT_EQ(running, dir_.Read("etc/yulotifyd.run"));
+  EXPECT_EQ(1u, Status()["monitor_queues"].asUInt());
+  // Once the first is gone, a daemon starts again.
+  Cleanup();
+  daemon_.reset();
+  Daemon third(Options());
+  EXPECT_TRUE(third.Start());
+  third.Cleanup();
+}
+
 TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueuesOnceGathered) {
   ASSERT_TRUE(Start());
   fakes_.TakeJournal();
@@ -400,7 +432,7 @@ TEST_F(DaemonTest, ConfigurationChangeReloadsTheMonitorQueuesOnceGathered) {
   clock_.Advance(milliseconds(1));
   Step();
   // Both changes in one reload.
-  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
+  EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches"}),
             fakes_.TakeJournal());
   EXPECT_EQ(3u, daemon_->GetMonitorQueues().size());
   // Other names change nothing.
@@ -420,7 +452,7 @@ TEST_F(DaemonTest, ChangesInALoopReloadAtMostOnceASecond) {
     AddQueue("user.d/20-sync.json", "sync" + std::to_string(i % 2), "Public");
     Step();
     for (const std::string& entry : fakes_.TakeJournal()) {
-      if (entry == "1 NotifyProcessor") ++reloads;
+      if (entry == "1 DrainKernel") ++reloads;
     }
     clock_.Advance(milliseconds(10));
   }
@@ -430,7 +462,7 @@ TEST_F(DaemonTest, ChangesInALoopReloadAtMostOnceASecond) {
   // reload at the latest.
   clock_.Advance(milliseconds(ConfigWatch::kReloadIntervalMillis));
   Step();
-  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches"}),
+  EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 
@@ -459,6 +491,25 @@ TEST_F(DaemonTest, AStalledControlClientDoesNotHoldTheMainLoop) {
   close(stalled);
 }
 
+TEST_F(DaemonTest, AReloadWritesWhatWasQueuedUnderBothConfigurations) {
+  ASSERT_TRUE(Start());
+  // The indexer moves from Public to Media.
+  AddQueue("system.d/10-indexer.json", "indexer", "Media");
+  Step();
+  clock_.Advance(milliseconds(ConfigWatch::kGatherMillis));
+  Step();
+  ASSERT_EQ(1u, fakes_.queues_when_processing.size());
+  const std::vector<MonitorQueue>& united = fakes_.queues_when_processing[0];
+  ASSERT_EQ(1u, united.size());
+  EXPECT_EQ(2u, united[0].GetConfigs().size());
+  EXPECT_TRUE(MonitorQueue::IsDirMonitoring(united, dir_.File("vol1/Public")));
+  EXPECT_TRUE(MonitorQueue::IsDirMonitoring(united, dir_.File("vol2/Media")));
+  // Afterwards, the new configuration alone.
+  const std::vector<MonitorQueue> now = daemon_->GetMonitorQueues();
+  ASSERT_EQ(1u, now.size());
+  EXPECT_FALSE(MonitorQueue::IsDirMonitoring(now, dir_.File("vol1/Public")));
+}
+
 TEST_F(DaemonTest, TheWaitEndsWhenAReloadFallsDue) {
   ASSERT_TRUE(Start());
   AddQueue("app.d/20-thumbs.json", "thumbs", "Media");
@@ -482,7 +533,8 @@ TEST_F(DaemonTest, VolumeTableChangesAreFollowedOnceSettled) {
   EXPECT_TRUE(fakes_.TakeJournal().empty());
   clock_.Advance(milliseconds(1));
   Step();
-  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "2 RelistShares"}),
+  EXPECT_EQ((Journal{"2 made", "1 RelistShares", "2 RelistShares",
+                     "1 ReloadWatches", "2 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 
@@ -496,7 +548,8 @@ TEST_F(DaemonTest, VolumeThatWentAwayComesBackWithARescan) {
   platform_.AddVolume(1, dir_.File("vol1"));
   dir_.Write("etc/volumes.json", "{}");
   Follow();
-  EXPECT_EQ((Journal{"1 made with rescan", "1 RelistShares"}),
+  EXPECT_EQ((Journal{"1 made with rescan", "1 RelistShares",
+                     "1 ReloadWatches"}),
             fakes_.TakeJournal());
 }
 
@@ -525,7 +578,8 @@ TEST_F(DaemonTest, ShareChangesReloadTheMonitorQueues) {
   platform_.AddShare("Docs", dir_.File("vol1/Docs"));
   dir_.Write("samba/smb.conf", "[global]\n[Docs]\n");
   Follow();
-  EXPECT_EQ((Journal{"1 NotifyProcessor", "1 ReloadWatches", "1 RelistShares"}),
+  EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches",
+                     "1 RelistShares"}),
             fakes_.TakeJournal());
 }
 

@@ -149,9 +149,11 @@ void Daemon::AddVolumes(const VolumePlan& plan) {
     MountVolume(add.mount_point);
   }
   // Which volume holds a share depends on what is mounted (a volume inside
-  // another takes its shares): the managers list theirs again.
+  // another takes its shares): the managers list theirs again, and their
+  // receivers watch what is theirs now.
   if (!plan.drops.empty() || !plan.adds.empty()) {
     for (auto& entry : volumes_.volumes()) entry.second->RelistShares();
+    UpdateWatches();
   }
 }
 

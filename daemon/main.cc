@@ -14,6 +14,5 @@ int main(int argc, char** argv) {
       break;
   }
   YULO::YULOTIFYD::Daemon daemon;
-  daemon.Run();
-  return 0;
+  return daemon.Run();
 }

@@ -27,7 +27,8 @@ class VolumeMgrVolume : public ManagedVolume {
     mgr_.UmountShare(share_name);
   }
   void ReloadWatches() override { mgr_.ReloadWatches(); }
-  void NotifyProcessor() override { mgr_.NotifyProcessor(); }
+  void DrainKernel() override { mgr_.DrainKernel(); }
+  void ProcessQueued() override { mgr_.ProcessQueued(); }
   void RelistShares() override { mgr_.RelistShares(); }
   void BeginDrain(Deadline deadline) override { mgr_.BeginDrain(deadline); }
   void FinishReceiving(Deadline deadline) override {

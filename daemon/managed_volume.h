@@ -40,7 +40,8 @@ class ManagedVolume {
   virtual void MountShare(const std::string& share_name) = 0;
   virtual void UmountShare(const std::string& share_name) = 0;
   virtual void ReloadWatches() = 0;
-  virtual void NotifyProcessor() = 0;
+  virtual void DrainKernel() = 0;
+  virtual void ProcessQueued() = 0;
   virtual void RelistShares() = 0;
 
   virtual void BeginDrain(Deadline deadline) = 0;

@@ -63,6 +63,15 @@ void RunStatusFile::MarkRunning() { marked_running_ = Write("running"); }
 void RunStatusFile::SaveStop(bool all_written) {
   // A daemon that stopped before reading the file leaves it as it was.
   if (status_ == RUN_STATUS_UNSET) return;
+  // A start that ended before it was ready has not queued the rescans that
+  // an unclean stop of the previous run owes: the file keeps saying so, for
+  // the next start to do it.
+  if (!marked_running_ && status_ == RUN_STATUS_RECOVERY) {
+    YULO_LOG_ALWAYS_AS(kLogSource,
+                       "Start ended before ready, recovery still owed, "
+                       "run status left as it was");
+    return;
+  }
   // A stop that left something unwritten keeps "running": the next start
   // then rescans.
   if (marked_running_ && !all_written) return;

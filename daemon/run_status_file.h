@@ -6,8 +6,11 @@
 // rescan of every volume). MarkRunning replaces it with "running" once the
 // daemon is ready, so that any end but a complete clean stop is seen as an
 // unclean one by the next start. SaveStop writes "stop" on the way out,
-// unless the file was never read or a volume stopped with events unwritten
-// after "running" was written. Writes replace the file atomically.
+// unless the file was never read, or a volume stopped with events unwritten
+// after "running" was written, or the file owed a recovery and this start
+// ended before "running" (before its volumes queued their rescans): a
+// recovery is owed until a start has got that far. Writes replace the file
+// atomically.
 //
 // Ownership: `platform` is not owned and outlives the object.
 // Thread-safety: none; the daemon's main thread only. status() may be read
@@ -43,7 +46,7 @@ class RunStatusFile {
   void MarkRunning();
   // Writes "stop" unless the file was never read, or "running" was written
   // and `all_written` is false (a volume stopped before writing all it had
-  // read).
+  // read), or the file owed a recovery and "running" was never written.
   void SaveStop(bool all_written);
 
   const std::string& path() const { return path_; }

@@ -126,6 +126,37 @@ TEST_F(RunStatusFileTest, StopBeforeReadinessWritesStop) {
   EXPECT_EQ(RUN_STATUS_STOPPED, LoadText(dir_.Read("yulotifyd.run")));
 }
 
+TEST_F(RunStatusFileTest, OwedRecoverySurvivesAStartThatEndedBeforeReady) {
+  for (const std::string& text :
+       {std::string(R"({"status": "running"})"), std::string("{ not json")}) {
+    dir_.Write("yulotifyd.run", text);
+    RunStatusFile file(dir_.File("yulotifyd.run"), &platform_);
+    file.Load();
+    ASSERT_EQ(RUN_STATUS_RECOVERY, file.status());
+    TakeLogLines();
+    // No volume mounted yet, or no queue loadable: the start ends before
+    // its volumes queued their rescans.
+    file.SaveStop(true);
+    EXPECT_EQ(text, dir_.Read("yulotifyd.run"));
+    EXPECT_EQ(1u, LinesWithMessage(TakeLogLines(),
+                                   "Start ended before ready, recovery still "
+                                   "owed, run status left as it was",
+                                   "run_status")
+                      .size());
+    // The start after that still owes it.
+    EXPECT_EQ(RUN_STATUS_RECOVERY, LoadText(dir_.Read("yulotifyd.run")));
+  }
+}
+
+TEST_F(RunStatusFileTest, RecoveryDoneByACompleteStartEndsInStop) {
+  dir_.Write("yulotifyd.run", R"({"status": "running"})");
+  RunStatusFile file(dir_.File("yulotifyd.run"), &platform_);
+  file.Load();
+  file.MarkRunning();
+  file.SaveStop(true);
+  EXPECT_EQ(RUN_STATUS_STOPPED, LoadText(dir_.Read("yulotifyd.run")));
+}
+
 TEST_F(RunStatusFileTest, CleanStopReplacesRunning) {
   RunStatusFile file(dir_.File("yulotifyd.run"), &platform_);
   file.Load();

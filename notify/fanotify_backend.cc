@@ -221,18 +221,22 @@ void FanotifyBackend::ReleaseStatDir() {
   stat_dir_key_.clear();
 }
 
-int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
-                                 uint32_t /*mask*/) {
+std::map<std::string, FanotifyBackend::MountWatch>::iterator
+FanotifyBackend::FindWatch(int fd, const std::string& mount_point) {
   if (!OwnDescriptor(fd)) {
     errno = EBADF;
-    return -1;
+    return watches_.end();
   }
   ReleaseStatDir();  // it may be on the file system that goes
   const auto it = watches_.find(mount_point);
-  if (it == watches_.end()) {
-    errno = ENOENT;
-    return -1;
-  }
+  if (it == watches_.end()) errno = ENOENT;
+  return it;
+}
+
+int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
+                                 uint32_t /*mask*/) {
+  const auto it = FindWatch(fd, mount_point);
+  if (it == watches_.end()) return -1;
   const uint64_t fsid = it->second.fsid;
   bool shared = false;
   for (const auto& entry : watches_) {
@@ -269,6 +273,51 @@ int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
     errno = err;
     return -1;
   }
+  return 0;
+}
+
+int FanotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
+                                     uint32_t /*old_mask*/,
+                                     uint32_t new_mask) {
+  const auto it = FindWatch(fd, mount_point);
+  if (it == watches_.end()) return -1;
+  const uint64_t fsid = it->second.fsid;
+  const uint64_t marked = fs_masks_[fsid];
+  const uint64_t wanted = FanotifyMarkMask(new_mask, rename_events_);
+  const uint64_t added = wanted & ~marked;
+  const uint64_t removed = marked & ~wanted;
+  UniqueFd mount_fd(OpenPathOnly(mount_point));
+  uint64_t now = 0;
+  if (!mount_fd.Valid() || !FsidOf(mount_fd.Get(), &now) || now != fsid) {
+    // The file system is no longer mounted there: its mark went with it
+    // (see RemoveWatch). Nothing to change in the kernel.
+    fs_masks_[fsid] = wanted;
+    event_mask_ = new_mask;
+    translator_.SetEventMask(event_mask_);
+    return 0;
+  }
+  if (added != 0) {
+    if (Mark(FAN_MARK_ADD, mount_fd.Get(), it->second.is_dir, mount_point,
+             added) != 0) {
+      return -1;
+    }
+    fs_masks_[fsid] |= added;
+    // The new bits produce records from now on; the old ones still do
+    // until they are removed below.
+    translator_.SetEventMask(event_mask_ | new_mask);
+  }
+  if (removed != 0) {
+    if (Mark(FAN_MARK_REMOVE, mount_fd.Get(), it->second.is_dir, mount_point,
+             removed) != 0) {
+      const int err = errno;
+      event_mask_ |= new_mask;
+      errno = err;
+      return -1;
+    }
+    fs_masks_[fsid] &= ~removed;
+  }
+  event_mask_ = new_mask;
+  translator_.SetEventMask(event_mask_);
   return 0;
 }
 

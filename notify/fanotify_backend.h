@@ -12,6 +12,7 @@
 //   RemoveWatch  removes that mark when no watched mount point is left on
 //                the file system (one no longer mounted at its mount point
 //                lost its mark when it was unmounted)
+//   ChangeWatchMask  widens or narrows that mark in place
 //   Read         packed RawNotifyRecords with full paths, never a record
 //                split across two reads (see FanotifyTranslator); it tells
 //                the translator when a read found the kernel queue empty
@@ -91,6 +92,12 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   int AddWatch(int fd, const std::string& mount_point, uint32_t mask) override;
   int RemoveWatch(int fd, const std::string& mount_point,
                   uint32_t mask) override;
+  // FAN_MARK_ADD of the bits newly wanted on the mount point's file system,
+  // then FAN_MARK_REMOVE of the bits no longer wanted; the mark itself is
+  // never removed. Records are written for the union of both masks until
+  // the removal is done.
+  int ChangeWatchMask(int fd, const std::string& mount_point,
+                      uint32_t old_mask, uint32_t new_mask) override;
   // Reports readable at once, without a system call, while events read from
   // the kernel are still waiting to be translated.
   int WaitReadable(int fd, const struct timeval& timeout,
@@ -133,6 +140,10 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   int Mark(unsigned int flags, int mount_fd, bool is_dir,
            const std::string& mount_point, uint64_t mask);
   bool OwnDescriptor(int fd) const;
+  // The watch of `mount_point`; watches_.end() with errno EBADF (not our
+  // descriptor) or ENOENT (no such watch).
+  std::map<std::string, MountWatch>::iterator FindWatch(
+      int fd, const std::string& mount_point);
   // The watch through which paths on `fsid` are resolved, or null.
   const std::pair<const std::string, MountWatch>* Resolver(uint64_t fsid);
 

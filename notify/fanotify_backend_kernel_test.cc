@@ -119,6 +119,40 @@ TEST_F(FanotifyBackendKernelTest, RecordsCarryFullPaths) {
   }
 }
 
+// A watch's event bits change in place: new bits report at once, removed
+// ones stop, and what both masks want keeps coming.
+TEST_F(FanotifyBackendKernelTest, ChangeWatchMaskWidensAndNarrowsInPlace) {
+  const uint32_t create = YULO_CREATE;
+  const uint32_t create_delete = YULO_CREATE | YULO_DELETE;
+  ASSERT_EQ(0, backend_.AddWatch(fd_, m1_, create));
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/a", "", 0644));
+  ASSERT_EQ(0, unlink((m1_ + "/a").c_str()));
+  EXPECT_EQ(Changes(ReadAll()),
+            (std::vector<std::pair<uint32_t, std::string>>{{create, m1_ + "/a"}}));
+
+  ASSERT_EQ(0, backend_.ChangeWatchMask(fd_, m1_, create, create_delete))
+      << ErrnoText(errno);
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/b", "", 0644));
+  ASSERT_EQ(0, unlink((m1_ + "/b").c_str()));
+  EXPECT_EQ(Changes(ReadAll()),
+            (std::vector<std::pair<uint32_t, std::string>>{
+                {create, m1_ + "/b"}, {uint32_t{YULO_DELETE}, m1_ + "/b"}}));
+
+  ASSERT_EQ(0, backend_.ChangeWatchMask(fd_, m1_, create_delete, create))
+      << ErrnoText(errno);
+  ASSERT_TRUE(WriteWholeFile(m1_ + "/c", "", 0644));
+  ASSERT_EQ(0, unlink((m1_ + "/c").c_str()));
+  EXPECT_EQ(Changes(ReadAll()),
+            (std::vector<std::pair<uint32_t, std::string>>{{create, m1_ + "/c"}}));
+  // The watch is still there to be removed.
+  EXPECT_EQ(0, backend_.RemoveWatch(fd_, m1_, create));
+}
+
+TEST_F(FanotifyBackendKernelTest, ChangeWatchMaskOfAnUnknownWatchFails) {
+  EXPECT_EQ(-1, backend_.ChangeWatchMask(fd_, m1_, 0, YULO_CREATE));
+  EXPECT_EQ(ENOENT, errno);
+}
+
 // A bare fanotify group beside the backend's, with the same mark: shows
 // what the kernel itself queued.
 class RawGroup {

@@ -34,6 +34,15 @@ struct timespec Remaining(const struct timespec& deadline) {
 
 }  // namespace
 
+int NotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
+                                   uint32_t old_mask, uint32_t new_mask) {
+  const uint32_t added = new_mask & ~old_mask;
+  const uint32_t removed = old_mask & ~new_mask;
+  if (added != 0 && AddWatch(fd, mount_point, added) != 0) return -1;
+  if (removed != 0 && RemoveWatch(fd, mount_point, removed) != 0) return -1;
+  return 0;
+}
+
 int WaitFdReadable(int fd, const struct timeval& timeout, bool* readable) {
   *readable = false;
   if (fd < 0 || timeout.tv_sec < 0 || timeout.tv_usec < 0) {

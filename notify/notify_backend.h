@@ -56,6 +56,16 @@ class NotifyBackend {
   virtual int RemoveWatch(int fd, const std::string& mount_point,
                           uint32_t mask) = 0;
 
+  // Changes the event bits of the watch AddWatch placed on `mount_point`
+  // from `old_mask` to `new_mask`, in place: the bits only `new_mask` has
+  // are added before the bits only `old_mask` has are removed, so that an
+  // event type both masks want is never unwatched, not even for a moment.
+  // 0 on success, else -1 with errno. By default an add-watch call with the
+  // added bits, then a remove-watch call with the removed ones (each only
+  // when there are any), which is what the appliance calls take.
+  virtual int ChangeWatchMask(int fd, const std::string& mount_point,
+                              uint32_t old_mask, uint32_t new_mask);
+
   // Waits up to `timeout` for `fd` to become readable, like select(2) on a
   // set holding only `fd`: returns 1 when the wait ended with `fd` reported
   // (then *readable tells whether it is readable), 0 on timeout, -1 with

@@ -16,7 +16,11 @@ uint32_t PackedEvents::InternWatch(std::string_view watch) {
 }
 
 void PackedEvents::Push(const NotifyEvent& event) {
+  // Everything that may fail to allocate comes before the entry goes in,
+  // so that a failure leaves the pack as it was (a watched path interned
+  // for nothing is harmless).
   const uint32_t watch = InternWatch(event.watch);
+  paths_.reserve(paths_.size() + event.path.size());
   entries_.push_back(Entry{event.mask, event.cookie, event.root, watch,
                            paths_.size(),
                            static_cast<uint32_t>(event.path.size())});
@@ -30,15 +34,25 @@ void PackedEvents::Append(PackedEvents& other) {
     other.clear();
     return;
   }
+  // All or nothing: when memory runs out, both packs stay as they were.
+  const size_t entries_before = entries_.size();
+  const size_t watches_before = watches_.size();
   entries_.reserve(entries_.size() + other.entries_.size());
+  paths_.reserve(paths_.size() + other.paths_.size());
   const uint64_t base = paths_.size();
-  for (const Entry& entry : other.entries_) {
-    Entry moved = entry;
-    moved.watch = InternWatch(other.watches_[entry.watch]);
-    moved.path_offset += base;
-    entries_.push_back(moved);
+  try {
+    for (const Entry& entry : other.entries_) {
+      Entry moved = entry;
+      moved.watch = InternWatch(other.watches_[entry.watch]);
+      moved.path_offset += base;
+      entries_.push_back(moved);  // reserved: never throws
+    }
+  } catch (...) {
+    entries_.resize(entries_before);
+    watches_.resize(watches_before);
+    throw;
   }
-  paths_ += other.paths_;
+  paths_ += other.paths_;  // reserved: never throws
   other.clear();
 }
 

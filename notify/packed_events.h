@@ -38,7 +38,8 @@ class PackedEvents {
 
   void Push(const NotifyEvent& event);
   // Moves every event of `other` to the end of this pack, oldest first;
-  // `other` is left empty.
+  // `other` is left empty. Push and Append change nothing when they throw
+  // std::bad_alloc.
   void Append(PackedEvents& other);
 
   size_t size() const { return entries_.size(); }

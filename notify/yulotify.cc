@@ -162,6 +162,30 @@ void YULotify::RemoveAllWatches() {
   buffer_pending_ = 0;
 }
 
+bool YULotify::SetEventMask(uint32_t mask) {
+  if (fd_ < 0 || !backend_ || mask == mask_) return true;
+  bool ok = true;
+  for (const auto& mount : mount_points_) {
+    if (backend_->ChangeWatchMask(fd_, mount.first, mask_, mask) != 0) {
+      LogKernelCallError(kLineChangeMaskFailed, "yulo_notify_change_mask",
+                         errno);
+      ok = false;
+      continue;
+    }
+    if (LogGateOpen(LogGate::kDebug)) {
+      LogWrite(kYulotifyLogSource, kLineMaskChanged,
+               "yulotify(%d): event mask of mount point %s changed from "
+               "0x%x to 0x%x\n",
+               kLineMaskChanged, mount.first.c_str(),
+               static_cast<unsigned>(mask_), static_cast<unsigned>(mask));
+    }
+  }
+  // A watch whose change failed may still carry the old bits; later adds
+  // ask for both, so that no wanted bit is ever missing.
+  mask_ = ok ? mask : (mask_ | mask);
+  return ok;
+}
+
 int YULotify::LookupWatch(std::string_view name, std::string& watch,
                           std::string& relative, int& id) const {
   if (watched_paths_.empty()) return -1;

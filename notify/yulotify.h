@@ -77,6 +77,14 @@ class YULotify {
   // but not decoded yet. Ids keep counting from where they were.
   void RemoveAllWatches();
 
+  // Makes `mask` the event bits of every kernel watch, present and future,
+  // changing each in place (NotifyBackend::ChangeWatchMask): no watch is
+  // removed, and no bit wanted both before and after is ever unwatched.
+  // Returns false, after logging, when some kernel watch could not be
+  // changed; the mask is then the union of both, as far as the kernel
+  // took it. Nothing happens on an inert object.
+  bool SetEventMask(uint32_t mask);
+
   // The watched path covering `name` (trailing slashes ignored, see the .cc)
   // into `watch`, the rest of the name into `relative` ("/" when nothing is
   // left) and its id into `id`. 0 when found, -1 when no watch covers it;

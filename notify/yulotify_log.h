@@ -24,6 +24,7 @@ constexpr int kLineFdIsSet = 163;         // descriptor not reported readable
 constexpr int kLineRead = 170;            // reading the descriptor failed
 constexpr int kLineStatPath = 532;        // stat of the path to resolve
 constexpr int kLineStatAncestor = 542;    // stat of one of its ancestors
+constexpr int kLineChangeMaskFailed = 620;  // a watch's mask was not changed
 
 // Written only at LOG_LEVEL 7.
 constexpr int kLineWatchAdded = 585;      // a mount point got its kernel watch
@@ -31,6 +32,7 @@ constexpr int kLineWatchRemoved = 606;    // ... and lost it
 constexpr int kLineFindMountPoint = 332;  // AddWatch resolved a mount point
 constexpr int kLineWatchGone = 500;       // record under no watched path
 constexpr int kLineNoMountEntry = 569;    // candidate not in the mount table
+constexpr int kLineMaskChanged = 624;     // a watch's mask changed in place
 
 // "yulotify(<line>): <call>: <strerror(err)> (<err>)", always written.
 void LogKernelCallError(int line, const char* call, int err);

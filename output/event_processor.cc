@@ -90,33 +90,59 @@ bool EventProcessor::FinalPasses(
 
 void EventProcessor::SendRecoveryRescan() {
   if (!source_->IsRecovery()) return;
-  YULO_LOG_WARNING("Send Rescan because of recovery vol: %s",
-                  source_->GetMountPoint().c_str());
   StateGuard guard(this);
+  recovery_owed_ = true;
+  try {
+    YULO_LOG_WARNING("Send Rescan because of recovery vol: %s",
+                     source_->GetMountPoint().c_str());
+    SendOwedRecovery();
+  } catch (const std::bad_alloc&) {
+    // Still owed: the next pass sends it first.
+    YULO_LOG_ALWAYS("Out of memory during a pass, vol: %s",
+                    source_->GetMountPoint().c_str());
+    out_of_memory_ = true;
+  }
+}
+
+void EventProcessor::SendOwedRecovery() {
   std::vector<MonitorQueue> snapshot = source_->GetMonitorQueues();
   BindOutboxes(snapshot);
   SendRescan(snapshot);
+  // In the outboxes now, which keep their lines until written.
+  recovery_owed_ = false;
   FlushOutboxes(snapshot);
 }
 
 void EventProcessor::RunOnePass() {
   StateGuard guard(this);
-  YULO_LOG_DEBUG("EventProcessor alive ...");
-  if (fetching_ == 0) FetchEvents();
-  last_pass_events_ = pending_.size();
-  if (pending_.empty() && KeptLinesLocked() == 0) return;
+  PassLocked();
+}
 
-  // One copy of the monitor queues serves every event of the pass.
-  std::vector<MonitorQueue> snapshot = source_->GetMonitorQueues();
+void EventProcessor::PassAction(Thread* thread, char* /*arg*/) {
+  EventProcessor* processor = dynamic_cast<EventProcessor*>(thread);
+  if (processor != nullptr) processor->PassLocked();
+}
+
+void EventProcessor::PassLocked() {
+  YULO_LOG_DEBUG("EventProcessor alive ...");
   try {
+    // Events the source could not even queue: the volume is rescanned.
+    if (source_->TakeLostEvents()) recovery_owed_ = true;
+    if (recovery_owed_) SendOwedRecovery();
+    if (fetching_ == 0) FetchEvents();
+    last_pass_events_ = pending_.size();
+    if (pending_.empty() && KeptLinesLocked() == 0) return;
+    // One copy of the monitor queues serves every event of the pass.
+    std::vector<MonitorQueue> snapshot = source_->GetMonitorQueues();
     BindOutboxes(snapshot);
     HandlePending(snapshot);
     FlushOutboxes(snapshot);
     out_of_memory_ = false;
   } catch (const std::bad_alloc&) {
     // What was handled is in the outboxes and what was not stays pending;
-    // both are tried again at the next pass. Logged once until a pass
-    // completes again.
+    // the event being handled when memory ran out stays too, marked to
+    // become a rescan of its watched path. All of it is tried again at the
+    // next pass. Logged once until a pass completes again.
     if (!out_of_memory_) {
       YULO_LOG_ALWAYS("Out of memory during a pass, vol: %s",
                       source_->GetMountPoint().c_str());
@@ -127,13 +153,23 @@ void EventProcessor::RunOnePass() {
 
 void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
   // Events are handled in place, in order; a move's partner further on is
-  // marked as taken instead of being removed.
-  taken_.assign(pending_.size(), 0);
+  // marked as done instead of being removed. The marks of a pass that ran
+  // out of memory carry over: its handled events are not written twice,
+  // and the one it was in the middle of becomes a rescan. Events fetched
+  // since start unmarked.
+  done_.resize(pending_.size(), kToHandle);
   size_t i = 0;
+  size_t partner = kNoPartner;
   try {
     for (; i < pending_.size(); ++i) {
-      if (taken_[i]) continue;
+      if (done_[i] == kHandled) continue;
       const PackedEvents::View event = pending_.Get(i);
+      partner = kNoPartner;
+      if (done_[i] == kRescanInstead) {
+        SendWatchRescan(event, snapshot);
+        done_[i] = kHandled;
+        continue;
+      }
       LogEvent(i);
 
       if (event.mask & YULO_Q_OVERFLOW) {
@@ -152,25 +188,26 @@ void EventProcessor::HandlePending(std::vector<MonitorQueue>& snapshot) {
         continue;
       }
       if (event.mask & (YULO_MOVE_FROM | YULO_MOVE_TO)) {
-        size_t partner = 0;
         if (PairMoveEvent(i, &partner)) {
           HandleMovePair(event, pending_.Get(partner), snapshot);
+          done_[i] = kHandled;
           continue;
         }
         YULO_LOG_DEBUG("pair fail");
       }
       HandleEvent(event, snapshot);
+      done_[i] = kHandled;
     }
   } catch (const std::bad_alloc&) {
-    // Keep what was not handled yet for the next pass.
-    PackedEvents rest;
-    for (size_t j = i + 1; j < pending_.size(); ++j) {
-      if (!taken_[j]) rest.Push(pending_.ToEvent(j));
-    }
-    pending_.swap(rest);
+    // Some queues may have the event's line and others not: rather than
+    // write it twice or not at all, every queue near it gets a rescan of
+    // its watched path next time. Marking allocates nothing.
+    if (i < pending_.size()) done_[i] = kRescanInstead;
+    if (partner != kNoPartner) done_[partner] = kRescanInstead;
     throw;
   }
   pending_.clear();
+  done_.clear();
 }
 
 std::vector<QueueFileStatus> EventProcessor::GetQueueFileStatus() {
@@ -236,13 +273,17 @@ void EventProcessor::BindOutboxes(const std::vector<MonitorQueue>& snapshot) {
   targets_.clear();
   targets_.reserve(snapshot.size());
   for (const MonitorQueue& queue : snapshot) {
-    std::unique_ptr<QueueOutbox>& outbox = outboxes_[OutboxKey(
-        queue.GetQueuePath(), queue.GetOwnerUid(), queue.GetOwnerGid())];
-    if (!outbox) {
-      outbox = std::make_unique<QueueOutbox>(
+    OutboxKey key(queue.GetQueuePath(), queue.GetOwnerUid(),
+                  queue.GetOwnerGid());
+    auto found = outboxes_.find(key);
+    if (found == outboxes_.end()) {
+      // Made before it goes into the map, so that running out of memory
+      // never leaves an empty slot there.
+      auto outbox = std::make_unique<QueueOutbox>(
           queue.GetQueuePath(), queue.GetOwnerUid(), queue.GetOwnerGid());
+      found = outboxes_.emplace(std::move(key), std::move(outbox)).first;
     }
-    targets_.push_back(outbox.get());
+    targets_.push_back(found->second.get());
   }
 }
 
@@ -292,7 +333,13 @@ void EventProcessor::FetchAction(Thread* thread, char* /*arg*/) {
 void EventProcessor::FetchEvents() {
   fetching_ = 1;
   const size_t before = pending_.size();
-  source_->GetEvents(pending_);
+  try {
+    source_->GetEvents(pending_);
+  } catch (...) {
+    // Out of memory: the events stay with the source for the next fetch.
+    fetching_ = 0;
+    throw;
+  }
   if (pending_.size() != before) {
     YULO_LOG_DEBUG("EventProcessor got %zd events",
                    static_cast<ssize_t>(pending_.size()));
@@ -316,10 +363,10 @@ bool EventProcessor::PairMoveEvent(size_t first, size_t* partner) {
   const uint32_t wanted =
       (half.mask & YULO_MOVE_FROM) ? YULO_MOVE_TO : YULO_MOVE_FROM;
   for (size_t j = first + 1; j < pending_.size(); ++j) {
-    if (taken_[j]) continue;
+    if (done_[j] != kToHandle) continue;
     const PackedEvents::View other = pending_.Get(j);
     if (other.cookie != half.cookie || (other.mask & wanted) == 0) continue;
-    taken_[j] = 1;
+    done_[j] = kHandled;
     LogEvent(j);
     *partner = j;
     return true;
@@ -399,6 +446,19 @@ void EventProcessor::HandleMovePair(const PackedEvents::View& first,
       SendEvent(code_b, path_b_, IsDir(partner.mask), i);
       RescanArrival(partner, path_b_, snapshot, i);
     }
+  }
+}
+
+void EventProcessor::SendWatchRescan(const PackedEvents::View& event,
+                                     std::vector<MonitorQueue>& snapshot) {
+  // Without a watched path (an overflow record) the whole volume.
+  if (event.watch.empty()) {
+    SendRescan(snapshot);
+    return;
+  }
+  path_a_.assign(event.watch);
+  for (size_t i : QueuesNear(event.watch, snapshot)) {
+    SendEvent(QUEUE_EVENT_RESCAN, path_a_, true, i);
   }
 }
 

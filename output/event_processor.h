@@ -29,6 +29,15 @@
 // Lines a file does not take stay in its outbox and are tried again at every
 // later pass, also a pass without new events.
 //
+// A pass that runs out of memory (std::bad_alloc) loses nothing: events not
+// handled yet stay pending (or queued at the source), and the event being
+// handled at that moment, with its move partner, becomes a rescan of its
+// watched path for every queue near it at the next pass, since some queues
+// may have its line already and others not. A recovery rescan that could
+// not be made is made by the next pass, and so is a rescan of the volume
+// when its source could not even queue some events (EventSource::
+// TakeLostEvents).
+//
 // Ownership: the processor does not own its source, which must outlive it,
 // nor the QueueFileOps it is given (it then must outlive it too). It owns
 // the events it has taken and not yet handled, and its outboxes; the
@@ -110,6 +119,12 @@ class EventProcessor : public Thread {
   // pending event.
   void RunOnePass();
 
+  // The action for Thread::DoAction: one pass, as RunOnePass, on the
+  // caller's thread. A reload has the events queued under the old
+  // configuration written with it this way. `thread` must be an
+  // EventProcessor; `arg` is ignored (null).
+  static void PassAction(Thread* thread, char* arg);
+
   // The start-up step of the thread body: when the source is in recovery,
   // logs that and writes a rescan of the volume to every watching queue.
   void SendRecoveryRescan();
@@ -157,6 +172,11 @@ class EventProcessor : public Thread {
   // REQUIRES (for these and everything below): StateGuard held, or the
   // thread not running.
   void FetchEvents();
+  // RunOnePass's body.
+  void PassLocked();
+  // The rescan of the volume owed by a recovery or by events the source
+  // lost, once more if memory ran out the last time.
+  void SendOwedRecovery();
   // Handles every pending event, in order, into the outboxes.
   void HandlePending(std::vector<MonitorQueue>& snapshot);
   // Logs pending event `index` (level 6 or 7).
@@ -183,6 +203,10 @@ class EventProcessor : public Thread {
   // A rescan of `dir` to queue `queue_index`, unless it would repeat the
   // line written last to that queue.
   void SendRescanLine(const std::string& dir, size_t queue_index);
+  // A rescan of the event's watched path to every queue near it, in place
+  // of the event (one that a pass could not finish).
+  void SendWatchRescan(const PackedEvents::View& event,
+                       std::vector<MonitorQueue>& snapshot);
   // Add one line to the outbox of the snapshot's queue `queue_index`.
   void SendEvent(uint32_t code, const std::string& path, bool is_dir,
                  size_t queue_index);
@@ -206,6 +230,9 @@ class EventProcessor : public Thread {
   size_t last_pass_events_ = 0;
   // A pass ran out of memory and no pass has completed since.
   bool out_of_memory_ = false;
+  // A rescan of the volume is owed (recovery, events the source lost) and
+  // could not be made yet for want of memory.
+  bool recovery_owed_ = false;
   std::atomic<uint64_t> lines_written_{0};
   std::atomic<uint64_t> kernel_overflows_{0};
   std::atomic<uint64_t> rescan_lines_{0};
@@ -213,7 +240,11 @@ class EventProcessor : public Thread {
   // StateGuard they never overlap, so it stays a plain flag.
   int32_t fetching_;
   PackedEvents pending_;
-  std::vector<char> taken_;  // per pending event: handled as a partner
+  // Per pending event: what is left to do with it. Kept across a pass that
+  // ran out of memory.
+  enum : char { kToHandle = 0, kHandled = 1, kRescanInstead = 2 };
+  static constexpr size_t kNoPartner = static_cast<size_t>(-1);
+  std::vector<char> done_;
   PosixQueueFileOps posix_ops_;
   QueueFileOps* ops_;
   // One outbox per queue file path (byte-wise) and owner of the queues

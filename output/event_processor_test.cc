@@ -543,6 +543,22 @@ TEST_F(EventProcessorTest, RecoveryRescanComesBeforeAnyEvent) {
             1u);
 }
 
+TEST_F(EventProcessorTest, EventsTheSourceCouldNotQueueBecomeARescan) {
+  TwoShareQueues();
+  EventProcessor processor(&source_);
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/before"));
+  source_.LoseEvents();
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(docs_), (Lines{Line(512, "/vol1", true),
+                                     Line(64, "/vol1/Docs/before")}));
+  EXPECT_EQ(ReadLines(media_), (Lines{Line(512, "/vol1", true)}));
+  // Once.
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Docs", "/after"));
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(docs_).back(), Line(64, "/vol1/Docs/after"));
+  EXPECT_EQ(ReadLines(media_).size(), 1u);
+}
+
 TEST_F(EventProcessorTest, NoRecoveryNoRescan) {
   TwoShareQueues();
   EventProcessor processor(&source_);

@@ -28,6 +28,10 @@ class EventSource {
   // True when the daemon started after a stop that was not clean.
   virtual bool IsRecovery() = 0;
 
+  // True, once, when events could not be queued (out of memory) since the
+  // last call: the volume must be rescanned.
+  virtual bool TakeLostEvents() { return false; }
+
   // The volume's mount point, e.g. "/vol1".
   virtual const std::string& GetMountPoint() const = 0;
 };

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <utility>
@@ -119,6 +120,13 @@ QueueOutbox::QueueOutbox(std::string path, uid_t owner_uid, gid_t owner_gid)
 
 void QueueOutbox::AddLine(std::string_view text,
                           std::string_view quoted_old_path) {
+  // All or nothing: everything that may fail to allocate comes first, so
+  // that running out of memory never leaves part of a line behind, to be
+  // glued to the next one.
+  bytes_.reserve(bytes_.size() + text.size() + 1);  // grows geometrically
+  if (lines_.size() == lines_.capacity()) {
+    lines_.reserve(std::max<size_t>(16, 2 * lines_.capacity()));
+  }
   uint32_t old_index = 0;
   if (!quoted_old_path.empty()) {
     old_paths_.emplace_back(quoted_old_path);
@@ -139,6 +147,11 @@ void QueueOutbox::Clear() {
   bytes_.clear();
   lines_.clear();
   old_paths_.clear();
+}
+
+void QueueOutbox::Written() {
+  Clear();
+  kept_shares_.clear();
 }
 
 bool QueueOutbox::AppendToQueue(const std::vector<MonitorQueue>& snapshot,
@@ -219,9 +232,25 @@ bool QueueOutbox::AppendAs(const std::vector<MonitorQueue>& snapshot,
     if (outcome != Outcome::kKept) return true;
   }
 
-  // Kept. A file that stays away must not cost unbounded memory: past the
+  // Kept. The shares of the queues naming the file now are remembered
+  // with the lines: should a reload remove those queues before the lines
+  // are written, the rescans that sum them up still know where to point.
+  KeepShares(snapshot);
+  // A file that stays away must not cost unbounded memory: past the
   // bounds, what it missed is summed up as rescans of its shares.
   if (lines_.size() > kOutboxMaxLines || bytes_.size() > kOutboxMaxBytes) {
+    if (!Subscribed(snapshot)) {
+      // Nobody subscribes to the file any more: no consumer is left to
+      // miss the lines.
+      OUTBOX_LOG(kAlways,
+                 "Queue file no longer subscribed, path=%s, dropped %zu kept "
+                 "lines",
+                 path_.c_str(), lines_.size());
+      Clear();
+      kept_shares_.clear();
+      kept_lines_ = 0;
+      return true;
+    }
     if (!overflow_logged_) {
       OUTBOX_WARNING("Queue outbox full, path=%s, rescan instead",
                  path_.c_str());
@@ -240,7 +269,7 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
   std::string first_line;
   if (ReadFirstLine(ops, fd, &first_line) && IsResetMarker(first_line)) {
     OUTBOX_LOG(kDebug, "Queue oversized, path=%s", path_.c_str());
-    Clear();
+    Written();
     NoteSuccess(State::kReset);
     return Outcome::kDropped;
   }
@@ -295,7 +324,7 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
     oldest_line_time_ = time(nullptr);
   }
   lines_written_ += lines_.size();
-  Clear();
+  Written();
   NoteSuccess(State::kOk);
   return Outcome::kWritten;
 }
@@ -328,18 +357,37 @@ QueueOutbox::Outcome QueueOutbox::Reset(
     return Outcome::kKept;
   }
   oldest_line_time_ = time(nullptr);
-  Clear();
+  Written();
   NoteSuccess(State::kReset);
   return Outcome::kWritten;
+}
+
+bool QueueOutbox::Subscribed(const std::vector<MonitorQueue>& snapshot) const {
+  for (const MonitorQueue& queue : snapshot) {
+    if (queue.GetQueuePath() == path_) return true;
+  }
+  return false;
+}
+
+std::set<std::string> QueueOutbox::SharesOf(
+    const std::vector<MonitorQueue>& snapshot) const {
+  std::set<std::string> shares = kept_shares_;
+  for (const MonitorQueue& queue : snapshot) {
+    if (queue.GetQueuePath() == path_) queue.CollectShareSet(shares);
+  }
+  return shares;
+}
+
+void QueueOutbox::KeepShares(const std::vector<MonitorQueue>& snapshot) {
+  for (const MonitorQueue& queue : snapshot) {
+    if (queue.GetQueuePath() == path_) queue.CollectShareSet(kept_shares_);
+  }
 }
 
 std::string QueueOutbox::ResetText(
     std::string_view quoted_old_path,
     const std::vector<MonitorQueue>& snapshot) const {
-  std::set<std::string> shares;
-  for (const MonitorQueue& queue : snapshot) {
-    if (queue.GetQueuePath() == path_) queue.CollectShareSet(shares);
-  }
+  const std::set<std::string> shares = SharesOf(snapshot);
   // The marker and the rescan lines keep the old path of a move that
   // triggered the reset, as the object they were made from did.
   std::string text;
@@ -353,10 +401,7 @@ std::string QueueOutbox::ResetText(
 }
 
 void QueueOutbox::ReplaceByRescans(const std::vector<MonitorQueue>& snapshot) {
-  std::set<std::string> shares;
-  for (const MonitorQueue& queue : snapshot) {
-    if (queue.GetQueuePath() == path_) queue.CollectShareSet(shares);
-  }
+  const std::set<std::string> shares = SharesOf(snapshot);
   Clear();
   std::string text;
   for (const std::string& share : shares) {

@@ -15,7 +15,10 @@
 // kOutboxMaxLines lines or kOutboxMaxBytes bytes are kept, they are replaced
 // by one rescan line per share of the queues that name the file, so a file
 // that never comes back costs bounded memory and its consumer still learns
-// what to rescan. A file in the reset state (first line a reset marker)
+// what to rescan. The shares are remembered while lines are kept, so that a
+// reload that removed the file's queues' monitors meanwhile still leaves
+// them somewhere to point; a file that no queue names any more at that
+// point has no consumer left, and its lines are dropped with one log line. A file in the reset state (first line a reset marker)
 // takes nothing: lines meant for it are dropped, since the marker already
 // tells its consumer to rescan.
 //
@@ -31,6 +34,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,7 +71,8 @@ class QueueOutbox {
   // Adds one line: `text` is the JSON object without its line feed. For a
   // move line, `quoted_old_path` is its "path_old" value as quoted JSON
   // text (a reset that this line triggers keeps it in the marker and the
-  // rescan lines); empty otherwise.
+  // rescan lines); empty otherwise. Adds nothing when it throws
+  // std::bad_alloc.
   void AddLine(std::string_view text, std::string_view quoted_old_path = {});
 
   // Appends every line held to the file under its lock, as described above.
@@ -115,6 +120,17 @@ class QueueOutbox {
                         const std::vector<MonitorQueue>& snapshot) const;
   // Replaces what is held by one rescan line per share.
   void ReplaceByRescans(const std::vector<MonitorQueue>& snapshot);
+  // Whether a queue of `snapshot` names this file.
+  bool Subscribed(const std::vector<MonitorQueue>& snapshot) const;
+  // The shares of the queues of `snapshot` naming this file, and those
+  // remembered with the lines held.
+  std::set<std::string> SharesOf(
+      const std::vector<MonitorQueue>& snapshot) const;
+  // Remembers the shares of the queues of `snapshot` naming this file.
+  void KeepShares(const std::vector<MonitorQueue>& snapshot);
+  // Clear, once what was held reached the file (or a reset file that
+  // takes nothing): the remembered shares go too.
+  void Written();
   std::string_view OldPathOf(size_t index) const;
   void Clear();
   // Records a failure (errno `err`) and logs it when it starts one; later
@@ -128,6 +144,8 @@ class QueueOutbox {
   std::string bytes_;   // every line held, each with its line feed
   std::vector<Line> lines_;
   std::vector<std::string> old_paths_;
+  // The shares of the queues that named the file while lines were kept.
+  std::set<std::string> kept_shares_;
   State state_ = State::kOk;
   bool failing_ = false;       // a failure was logged and has not ended
   bool overflow_logged_ = false;

@@ -160,6 +160,46 @@ TEST_F(QueueFileTest, FullOutboxBecomesRescanLines) {
                                       Line(64, "/vol1/M/last")}));
 }
 
+TEST_F(QueueFileTest, FullOutboxRescansTheSharesOfItsLinesAfterAReload) {
+  const std::string sub = dir_.File("sub");
+  const std::string path = sub + "/queue";
+  queues_ = {MakeQueue(path, "/vol1/M")};
+  outbox_ = std::make_unique<QueueOutbox>(path);
+  Add("/vol1/M/a");
+  EXPECT_FALSE(Flush()) << "no directory yet: kept";
+  // A reload leaves the file named by a queue without any share of its
+  // own (its monitors were removed): the lines kept are still about M.
+  queues_ = {MonitorQueue(path, {})};
+  for (size_t i = 0; i < kOutboxMaxLines; ++i) Add("/vol1/M/f");
+  EXPECT_FALSE(Flush());
+  ASSERT_EQ(outbox_->LineCount(), 1u) << "summed up, not emptied";
+  ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
+  EXPECT_TRUE(Flush());
+  EXPECT_EQ(ReadLines(path),
+            (std::vector<std::string>{Line(512, "/vol1/M", true)}));
+}
+
+TEST_F(QueueFileTest, FullOutboxOfAFileNobodySubscribesToIsDroppedOnce) {
+  const std::string path = dir_.File("sub/queue");
+  queues_ = {MakeQueue(path, "/vol1/M")};
+  outbox_ = std::make_unique<QueueOutbox>(path);
+  Add("/vol1/M/a");
+  EXPECT_FALSE(Flush());
+  TakeLogLines();
+  // The reload removed every queue naming the file: no consumer is left.
+  queues_ = {MakeQueue(dir_.File("other"), "/vol1/M")};
+  for (size_t i = 0; i < kOutboxMaxLines; ++i) Add("/vol1/M/f");
+  EXPECT_TRUE(Flush());
+  EXPECT_TRUE(outbox_->empty());
+  const auto lines = TakeLogLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(LinesWithMessage(lines, "Queue file no longer subscribed, path=" +
+                                        path + ", dropped 10001 kept lines")
+                .size(),
+            1u)
+      << lines[0];
+}
+
 TEST_F(QueueFileTest, OutboxIsBoundedInBytesToo) {
   queues_ = {MakeQueue(dir_.File("none/queue"), "/vol1/M")};
   outbox_ = std::make_unique<QueueOutbox>(dir_.File("none/queue"));

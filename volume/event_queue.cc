@@ -38,7 +38,13 @@ bool EventQueue::PushAll(PackedEvents& events, size_t* size_after) {
 
 void EventQueue::TakeAll(PackedEvents& out) {
   pthread_mutex_lock(&mutex_);
-  out.Append(events_);
+  try {
+    out.Append(events_);
+  } catch (...) {
+    // Out of memory: the events stay queued for the next taker.
+    pthread_mutex_unlock(&mutex_);
+    throw;
+  }
   pthread_mutex_unlock(&mutex_);
 }
 

@@ -1,5 +1,7 @@
 #include "volume/event_receiver.h"
 
+#include <set>
+
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -77,6 +79,9 @@ void EventReceiver::RunCommands() {
       case ReceiverCommand::kMountShare:
         MountShare(command.path);
         break;
+      case ReceiverCommand::kDrainKernel:
+        DrainKernelNow();
+        break;
       default:
         break;  // unknown commands are dropped
     }
@@ -138,19 +143,70 @@ bool EventReceiver::DrainKernel(
 }
 
 void EventReceiver::ReAddAllWatches() {
-  const std::set<std::string> shares =
-      MonitorQueue::GetShareSet(owner_->GetMonitorQueues());
-  RemoveAllWatches();
-  for (const std::string& share : shares) {
-    if (!owner_->OwnsPath(share)) continue;
-    YULO_LOG_INFO("Add watch, path=%s", share.c_str());
-    if (AddWatch(share) < 0) YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
+  const std::vector<MonitorQueue> queues = owner_->GetMonitorQueues();
+  std::set<std::string> shares;
+  for (const std::string& share : MonitorQueue::GetShareSet(queues)) {
+    if (owner_->OwnsPath(share)) shares.insert(share);
   }
+  const uint32_t old_mask = event_mask();
+  const uint32_t new_mask = WantedKernelMask(queues, owner_->GetMountPoint());
+  if (new_mask != old_mask) {
+    YULO_LOG_DEBUG("Event mask of volume %s changes from 0x%x to 0x%x",
+                   owner_->GetMountPoint().c_str(),
+                   static_cast<unsigned>(old_mask),
+                   static_cast<unsigned>(new_mask));
+  }
+  // Widen first: the kernel watches already there take the new bits, and
+  // shares added below are watched with them.
+  SetEventMask(old_mask | new_mask);
+  for (const std::string& share : shares) {
+    if (watched_paths().count(share) != 0) continue;
+    // Said once the watch is in place: whoever waits for the line may rely
+    // on the share's changes being seen from then on.
+    if (AddWatch(share) < 0) {
+      YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
+    } else {
+      YULO_LOG_INFO("Add watch, path=%s", share.c_str());
+    }
+  }
+  std::vector<std::pair<std::string, int>> unwanted;
+  for (const auto& watched : watched_paths()) {
+    if (shares.count(watched.first) == 0) unwanted.emplace_back(watched);
+  }
+  for (const auto& watched : unwanted) {
+    YULO_LOG_INFO("Remove watch, path=%s", watched.first.c_str());
+    RemoveWatch(watched.second);
+  }
+  // Narrow last, once every wanted bit is in place.
+  SetEventMask(new_mask);
   owner_->WatchesReady();
 }
 
+void EventReceiver::DrainKernelNow() {
+  // Bounded, so that writers that never pause cannot hold a reload up;
+  // what comes after the deadline is read as usual.
+  constexpr auto kDrainLimit = std::chrono::seconds(1);
+  NotifyEvent event;
+  const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
+  while (HasEvent() && std::chrono::steady_clock::now() < deadline) {
+    // Records of one read go in together, as RunOnce queues them.
+    batch_.clear();
+    if (ReadEvent(event)) batch_.Push(event);
+    while (buffer_pending() != 0) {
+      if (ReadEvent(event)) batch_.Push(event);
+    }
+    if (batch_.size() != 0) owner_->EnqueueEvents(batch_);
+  }
+  owner_->KernelDrained();
+}
+
 void EventReceiver::MountShare(const std::string& path) {
-  if (!MonitorQueue::IsDirMonitoring(owner_->GetMonitorQueues(), path)) return;
+  const std::vector<MonitorQueue> queues = owner_->GetMonitorQueues();
+  if (!MonitorQueue::IsDirMonitoring(queues, path)) return;
+  // The share is watched with every bit its subscriptions want; bits are
+  // only ever added here (a reload narrows).
+  SetEventMask(event_mask() |
+               WantedKernelMask(queues, owner_->GetMountPoint()));
   if (AddWatch(path) < 0) {
     YULO_LOG_ALWAYS("Add failed, path=%s", path.c_str());
     return;

@@ -31,7 +31,13 @@ namespace YULO {
 namespace YULOTIFYD {
 
 struct ReceiverCommand {
-  enum Type : int32_t { kMountShare = 0, kUmountShare = 1, kReloadAll = 2 };
+  enum Type : int32_t {
+    kMountShare = 0,
+    kUmountShare = 1,
+    kReloadAll = 2,
+    // Queue what the kernel holds now, then tell the owner (KernelDrained).
+    kDrainKernel = 3,
+  };
   int32_t type;
   std::string path;  // the share's absolute path; empty for kReloadAll
 };
@@ -60,8 +66,13 @@ class EventReceiver : public YULotify, public Thread {
   // Returns whether an event was queued; `event` holds the first.
   bool RunOnce(NotifyEvent& event);
 
-  // Removes every watch and adds one for each monitored share on the volume,
-  // then tells the owner.
+  // Brings the watches in line with the current configuration, then tells
+  // the owner (WatchesReady): every monitored share on the volume is
+  // watched, no other path is, and the kernel watches ask for the event
+  // bits the monitor queues want on the volume. Changed in place, never
+  // removed and added again: newly wanted bits and shares come first, and
+  // what is no longer wanted goes last, so that no event a queue wants
+  // both before and after goes unseen.
   void ReAddAllWatches();
 
   // Stops the thread without waiting for it, as Thread::RequestStop, but has
@@ -87,6 +98,8 @@ class EventReceiver : public YULotify, public Thread {
   void Setup(ReceiverOwner* owner);
   void MountShare(const std::string& path);
   void UmountShare(const std::string& path);
+  // kDrainKernel: queues what the kernel holds, for at most a second.
+  void DrainKernelNow();
 
   ReceiverOwner* owner_;
   // Set before the stop flag is raised and read by the worker after it sees

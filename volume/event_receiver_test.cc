@@ -43,11 +43,20 @@ class FakeOwner : public ReceiverOwner {
   }
   const std::string& GetMountPoint() const override { return mount_point; }
 
+  void KernelDrained() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++drained;
+  }
+
   // Replaces the configuration with one queue watching `shares`.
   void Watch(const std::vector<std::string>& shares) {
+    WatchEvents(shares, 1023);
+  }
+  // The same, for the queue event codes `events`.
+  void WatchEvents(const std::vector<std::string>& shares, uint32_t events) {
     std::vector<MonitorQueue::MonitorQueueConfig> configs;
     for (const std::string& s : shares) {
-      configs.push_back(MonitorQueue::MakeConfig("x", s, "/", true, 1023));
+      configs.push_back(MonitorQueue::MakeConfig("x", s, "/", true, events));
     }
     std::lock_guard<std::mutex> lock(mutex);
     queues = {MonitorQueue("/tmp/q", configs)};
@@ -58,6 +67,7 @@ class FakeOwner : public ReceiverOwner {
   std::vector<NotifyEvent> events;
   std::vector<size_t> batches;  // sizes of the EnqueueEvents calls
   int ready = 0;
+  int drained = 0;
   std::string mount_point = "/vol1";
 };
 
@@ -76,9 +86,13 @@ class EventReceiverTest : public ::testing::Test {
   }
   void TearDown() override { Thread::DestroyThreadLock(); }
 
-  std::unique_ptr<EventReceiver> Make() {
+  std::unique_ptr<EventReceiver> Make(uint32_t mask = 0x3ce) {
     return std::make_unique<EventReceiver>(
-        0x3ce, &owner_, std::make_unique<FakeBackend>(kernel_), &env_);
+        mask, &owner_, std::make_unique<FakeBackend>(kernel_), &env_);
+  }
+  // Made with the event bits the owner's queues want, as a volume does.
+  std::unique_ptr<EventReceiver> MakeForQueues() {
+    return Make(WantedKernelMask(owner_.GetMonitorQueues(), "/vol1"));
   }
 
   FakeMountEnv env_;
@@ -113,6 +127,79 @@ TEST_F(EventReceiverTest, ReAddWithNothingOnTheVolumeRemovesAllAndStillAcks) {
   EXPECT_TRUE(receiver->watched_paths().empty());
   EXPECT_EQ(kernel_->Count("remove "), 1);
   EXPECT_EQ(owner_.ready, 2);
+}
+
+// A reload that changes what the queues want changes the kernel watch in
+// place: the new bits are added, the old ones removed, and the watch itself
+// never goes, not even for a moment.
+TEST_F(EventReceiverTest, ReloadChangesTheKernelMaskInPlace) {
+  owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE);
+  auto receiver = MakeForQueues();
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(kernel_->calls.back(), "add 9 /vol1 0x180");  // create, moved-to
+  kernel_->calls.clear();
+
+  owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE | QUEUE_EVENT_DELETE);
+  receiver->PostCommand(ReceiverCommand::kReloadAll, "");
+  receiver->RunCommands();
+  EXPECT_EQ(kernel_->calls, (std::vector<std::string>{"add 9 /vol1 0x240"}));
+  EXPECT_EQ(receiver->event_mask(), 0x3c0u);
+  kernel_->calls.clear();
+
+  // Narrowed again: only the bits nobody wants any more go.
+  owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE);
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(kernel_->calls, (std::vector<std::string>{"remove 9 /vol1 0x240"}));
+  EXPECT_EQ(receiver->event_mask(), 0x180u);
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/a"), 1u);
+  EXPECT_EQ(owner_.ready, 3);
+}
+
+// Another share wanting other bits: the bits come first, so the new share
+// is watched with them, and the share no longer wanted goes last.
+TEST_F(EventReceiverTest, ReloadMovingToAnotherShareWidensBeforeNarrowing) {
+  owner_.WatchEvents({"/vol1/a"}, QUEUE_EVENT_CREATE);
+  auto receiver = MakeForQueues();
+  receiver->ReAddAllWatches();
+  kernel_->calls.clear();
+  owner_.WatchEvents({"/vol1/b"}, QUEUE_EVENT_CLOSE_WRITE);
+  receiver->ReAddAllWatches();
+  // Close-write added, then create and moved-to removed; one watch all the
+  // time (the two shares share the mount point's).
+  EXPECT_EQ(kernel_->calls, (std::vector<std::string>{"add 9 /vol1 0x8",
+                                                      "remove 9 /vol1 0x180"}));
+  std::vector<std::string> watched;
+  for (const auto& entry : receiver->watched_paths()) watched.push_back(entry.first);
+  EXPECT_EQ(watched, (std::vector<std::string>{"/vol1/b"}));
+}
+
+// A volume that nobody wanted anything of gets its first share later (the
+// share appeared in the share configuration): watched with its bits.
+TEST_F(EventReceiverTest, AShareAppearingLaterIsWatchedWithItsBits) {
+  owner_.WatchEvents({}, QUEUE_EVENT_CREATE);
+  auto receiver = MakeForQueues();
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(receiver->event_mask(), 0u);
+  EXPECT_EQ(kernel_->Count("add "), 0);
+  owner_.WatchEvents({"/vol1/c"}, QUEUE_EVENT_CREATE | QUEUE_EVENT_DELETE);
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(kernel_->calls.back(), "add 9 /vol1 0x3c0");
+  EXPECT_EQ(kernel_->Count("remove "), 0);
+}
+
+TEST_F(EventReceiverTest, DrainKernelQueuesWhatTheKernelHoldsAndTellsTheOwner) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  receiver->ReAddAllWatches();
+  kernel_->reads.push_back(RawRecordBytes(YULO_CREATE, 0, "/vol1/a/x") +
+                           RawRecordBytes(YULO_DELETE, 0, "/vol1/a/y"));
+  receiver->PostCommand(ReceiverCommand::kDrainKernel, "");
+  receiver->RunCommands();
+  ASSERT_EQ(owner_.events.size(), 2u);
+  EXPECT_EQ(owner_.events[0].path, "/x");
+  EXPECT_EQ(owner_.events[1].path, "/y");
+  EXPECT_EQ(owner_.batches, (std::vector<size_t>{2}));
+  EXPECT_EQ(owner_.drained, 1);
 }
 
 TEST_F(EventReceiverTest, MountAddsWatchOnlyForMonitoredShares) {

@@ -5,6 +5,7 @@
 #ifndef YULOTIFYD_VOLUME_RECEIVER_OWNER_H_
 #define YULOTIFYD_VOLUME_RECEIVER_OWNER_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,22 @@
 
 namespace YULO {
 namespace YULOTIFYD {
+
+// The kernel event bits a volume ever asks for: modify, attrib,
+// close-write, both move halves, create and delete. Access, open and
+// close-without-write are never asked of the kernel.
+constexpr uint32_t kVolumeKernelMaskBits = 0x3ce;
+
+// The kernel event bits that `queues` want on the volume mounted at
+// `mount_point`.
+inline uint32_t WantedKernelMask(const std::vector<MonitorQueue>& queues,
+                                 const std::string& mount_point) {
+  uint32_t mask = 0;
+  for (const MonitorQueue& queue : queues) {
+    mask |= queue.GetUnionMask(mount_point);
+  }
+  return mask & kVolumeKernelMaskBits;
+}
 
 class ReceiverOwner {
  public:
@@ -30,6 +47,9 @@ class ReceiverOwner {
   virtual bool EnqueueEvents(PackedEvents& events) = 0;
   // Called after every full (re)adding of the watches.
   virtual void WatchesReady() = 0;
+  // Called once the receiver has queued what the kernel held when it was
+  // asked to (ReceiverCommand::kDrainKernel).
+  virtual void KernelDrained() {}
   // The volume's mount point.
   virtual const std::string& GetMountPoint() const = 0;
   // Whether `path` lies on the volume, i.e. is to be watched by its

@@ -31,7 +31,8 @@ class VolumeContext {
   // The run status read at start; constant while volumes exist.
   virtual int32_t GetRunStatus() const = 0;
 
-  // Acknowledges that a receiver has re-added its watches after a reload.
+  // Acknowledges that a receiver has done what a reload asked of it
+  // (queued what the kernel held, or brought its watches in line).
   // Harmless outside a reload.
   virtual void PostReloadSemaphore() = 0;
 };

@@ -56,13 +56,9 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   vol_id_ = info->vol_id;
   ListShares();
 
-  uint32_t mask = 0;
-  for (const MonitorQueue& queue : GetMonitorQueues()) {
-    mask |= queue.GetUnionMask(mount_point_);
-  }
-  // Access, open and close-without-write are never asked of the kernel.
+  const uint32_t mask = WantedKernelMask(GetMonitorQueues(), mount_point_);
   try {
-    receiver_ = new EventReceiver(mask & kKernelMaskBits, this);
+    receiver_ = new EventReceiver(mask, this);
   } catch (...) {
     receiver_ = nullptr;
   }
@@ -146,7 +142,7 @@ bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
     WakeProcessorIfBusy(1, size_after);
     return true;
   }
-  YULO_LOG_WARNING("Event queue is full");
+  NoteLostEvents();
   return false;
 }
 
@@ -163,9 +159,17 @@ bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
     WakeProcessorIfBusy(pushed, size_after);
     return true;
   }
-  YULO_LOG_WARNING("Event queue is full");
+  NoteLostEvents();
   return false;
 }
+
+void VolumeMgr::NoteLostEvents() {
+  YULO_LOG_WARNING("Event queue is full");
+  // The processor rescans the volume at its next pass instead.
+  events_lost_.store(true);
+}
+
+bool VolumeMgr::TakeLostEvents() { return events_lost_.exchange(false); }
 
 void VolumeMgr::WakeProcessorIfBusy(size_t pushed, size_t size_after) {
   // A burst is written as it comes rather than piled up for the next
@@ -226,7 +230,7 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
     if (queue_.PushAll(packed, &size_after)) {
       WakeProcessorIfBusy(pushed, size_after);
     } else {
-      YULO_LOG_WARNING("Event queue is full");
+      NoteLostEvents();
     }
   }
   return offered;
@@ -296,6 +300,14 @@ void VolumeMgr::ReloadWatches() {
   receiver_->PostCommand(ReceiverCommand::kReloadAll, std::string());
 }
 
+void VolumeMgr::DrainKernel() {
+  receiver_->PostCommand(ReceiverCommand::kDrainKernel, std::string());
+}
+
+void VolumeMgr::ProcessQueued() {
+  processor_->DoAction(&EventProcessor::PassAction, nullptr);
+}
+
 void VolumeMgr::BeginDrain(std::chrono::steady_clock::time_point deadline) {
   receiver_->RequestDrainStop(deadline);
 }
@@ -352,10 +364,6 @@ std::vector<QueueFileStatus> VolumeMgr::GetQueueFileStatus() {
   return processor_->GetQueueFileStatus();
 }
 
-void VolumeMgr::NotifyProcessor() {
-  processor_->DoAction(&EventProcessor::FetchAction, nullptr);
-}
-
 std::vector<MonitorQueue> VolumeMgr::GetMonitorQueues() {
   if (context_ == nullptr) return std::vector<MonitorQueue>();
   return context_->GetMonitorQueues();
@@ -367,6 +375,10 @@ void VolumeMgr::WatchesReady() {
     watches_placed_ = true;
   }
   ready_cv_.notify_all();
+  if (context_ != nullptr) context_->PostReloadSemaphore();
+}
+
+void VolumeMgr::KernelDrained() {
   if (context_ != nullptr) context_->PostReloadSemaphore();
 }
 

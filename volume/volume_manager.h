@@ -4,14 +4,14 @@
 // kernel and fills the event queue, and the EventProcessor, which drains it
 // into the queue files), the event queue between them, and the list of
 // shares on the volume. The daemon core reaches the threads only through it:
-// share mount and unmount, re-adding all watches after a reload, and events
-// injected by other services.
+// share mount and unmount, bringing the watches in line after a reload, and
+// events injected by other services.
 //
 // Ownership: created and deleted by the daemon core; owns its receiver,
 // processor and queued events; `context` is not owned and outlives it.
 // Thread-safety: the event queue is guarded by its own (leaf) mutex. The
-// share list and PushEvent, MountShare, UmountShare, ReloadWatches and
-// NotifyProcessor belong to the daemon's main thread.
+// share list and PushEvent, MountShare, UmountShare, ReloadWatches,
+// DrainKernel and ProcessQueued belong to the daemon's main thread.
 #ifndef YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 #define YULOTIFYD_VOLUME_VOLUME_MANAGER_H_
 
@@ -66,9 +66,6 @@ int ReadAllShares(int flags,
 
 class VolumeMgr : public EventSource, public ReceiverOwner {
  public:
-  // The kernel event bits a volume ever asks for: modify, attrib,
-  // close-write, both move halves, create and delete.
-  static constexpr uint32_t kKernelMaskBits = 0x3ce;
   // The flag word the daemon enumerates shares with (the platform
   // library's to interpret).
   static constexpr int kShareEnumFlags = 0xA09;
@@ -99,8 +96,16 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
                  const std::string& path_old);
   void MountShare(const std::string& share_name);
   void UmountShare(const std::string& share_name);
-  // Asks the receiver to re-add every watch for the current configuration.
+  // Asks the receiver to bring its watches in line with the current
+  // configuration (EventReceiver::ReAddAllWatches); acknowledged through
+  // the context's reload semaphore.
   void ReloadWatches();
+  // Asks the receiver to queue what the kernel holds now; acknowledged
+  // through the context's reload semaphore.
+  void DrainKernel();
+  // Has the processor write every event queued so far, with the monitor
+  // queues as they are now. Main thread; waits for it.
+  void ProcessQueued();
 
   // Stops the volume's threads so that everything read gets written: the
   // receiver first reads what the kernel still holds, then the processor
@@ -114,18 +119,18 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool FinishDrain();
   // The three steps for this volume alone.
   bool Drain(std::chrono::steady_clock::time_point deadline);
-  // Has the processor take the events queued so far.
-  void NotifyProcessor();
   // Lists the volume's shares again (after the share configuration
   // changed); shares added by MountShare are forgotten.
   void RelistShares();
 
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
+  void KernelDrained() override;
   bool IsInitStart();
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.
   bool IsRecovery() override;
+  bool TakeLostEvents() override;
   const std::string& GetMountPoint() const override { return mount_point_; }
   // Whether `path` lies on this volume: below its mount point and on no
   // other mounted volume of the volume table inside it (the deepest one
@@ -164,6 +169,9 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // Starts the processor's next pass now when a push of `pushed` events
   // brought the queue to `size_after` across the early-pass mark.
   void WakeProcessorIfBusy(size_t pushed, size_t size_after);
+  // Events could not be queued (out of memory): logged, and the volume is
+  // rescanned by the processor's next pass.
+  void NoteLostEvents();
   // The first of `share_paths` that `path` begins with; "" when none.
   static std::string FindShareRoot(const std::vector<std::string>& share_paths,
                                    const std::string& path);
@@ -180,6 +188,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::condition_variable ready_cv_;
   bool watches_placed_ = false;
   std::atomic<uint64_t> events_injected_{0};
+  std::atomic<bool> events_lost_{false};
   std::vector<std::string> share_paths_;
   VolumeContext* context_;
   const bool rescan_at_start_;

@@ -33,7 +33,14 @@ class FakeVolume : public ManagedVolume {
     Note("ReloadWatches");
     if (owner_->acknowledge_reloads) context_->PostReloadSemaphore();
   }
-  void NotifyProcessor() override { Note("NotifyProcessor"); }
+  void DrainKernel() override {
+    Note("DrainKernel");
+    if (owner_->acknowledge_reloads) context_->PostReloadSemaphore();
+  }
+  void ProcessQueued() override {
+    Note("ProcessQueued");
+    owner_->queues_when_processing.push_back(context_->GetMonitorQueues());
+  }
   void RelistShares() override { Note("RelistShares"); }
   void BeginDrain(Deadline /*deadline*/) override { Note("BeginDrain"); }
   void FinishReceiving(Deadline /*deadline*/) override {

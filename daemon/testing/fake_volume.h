@@ -35,7 +35,8 @@ class FakeVolumes {
   // Volume ids whose drains report lines left unwritten.
   std::set<int32_t> undrained;
   // Whether a fake acknowledges a reload as soon as it is asked to re-add
-  // its watches (as a receiver does once it has).
+  // its watches or to drain its kernel queue (as a receiver does once it
+  // has).
   bool acknowledge_reloads = true;
   // What each volume reports about its queue files, by volume id.
   std::map<int32_t, std::vector<QueueFileStatus>> queue_files;
@@ -43,6 +44,8 @@ class FakeVolumes {
   // (the last one made for the id).
   int made = 0;
   std::map<int32_t, bool> rescan_at_start;
+  // The monitor queues the context gave each ProcessQueued, in order.
+  std::vector<std::vector<MonitorQueue>> queues_when_processing;
 
  private:
   friend class FakeVolume;

@@ -32,6 +32,8 @@ class FakeEventSource : public EventSource {
   void Push(const NotifyEvent& event);
   void SetQueues(std::vector<MonitorQueue> queues);
   void SetRecovery(bool recovery);
+  // The next TakeLostEvents says events were lost.
+  void LoseEvents() { lost_.store(true); }
   size_t Queued();
   int GetEventsCalls() const { return get_events_calls_.load(); }
   int SnapshotCalls() const { return snapshot_calls_.load(); }
@@ -39,6 +41,7 @@ class FakeEventSource : public EventSource {
   void GetEvents(PackedEvents& out) override;
   std::vector<MonitorQueue> GetMonitorQueues() override;
   bool IsRecovery() override;
+  bool TakeLostEvents() override { return lost_.exchange(false); }
   const std::string& GetMountPoint() const override { return mount_point_; }
 
  private:
@@ -47,6 +50,7 @@ class FakeEventSource : public EventSource {
   PackedEvents queue_;
   std::vector<MonitorQueue> queues_;
   bool recovery_ = false;
+  std::atomic<bool> lost_{false};
   std::atomic<int> get_events_calls_{0};
   std::atomic<int> snapshot_calls_{0};
 };

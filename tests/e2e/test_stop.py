@@ -42,13 +42,17 @@ def test_running_is_marked_before_ready(app):
     assert app.read_run_status() == {"status": "stop"}
 
 
-def test_sigkill_leaves_running_and_the_next_start_rescans(app):
+def crash_with_changes_pending(app):
     app.start()
     app.wait_ready()
     (app.ns_path("/vol1/Public") / "before-kill").write_text("x")
     app.signal(signal.SIGKILL)
     app.wait_exit(15)
     assert app.read_run_status() == {"status": "running"}
+
+
+def test_sigkill_leaves_running_and_the_next_start_rescans(app):
+    crash_with_changes_pending(app)
     app.start()
     app.wait_ready()
     app.wait_log(r"Send Rescan because of recovery vol: /vol1$")
@@ -56,6 +60,37 @@ def test_sigkill_leaves_running_and_the_next_start_rescans(app):
     # The rescan of the volume covers the file made before the kill (and
     # anything done while the daemon was down).
     assert lines[-1] == RESCAN_VOL1
+
+
+def assert_quiet_stop_keeps_recovery(app):
+    assert app.wait_exit(35) == 0, app.diagnostics()
+    assert not app.ready_seen
+    assert app.read_run_status() == {"status": "running"}
+
+
+def test_recovery_survives_a_start_without_the_volume(app):
+    crash_with_changes_pending(app)
+    # The data volume mounts late: this start finds nothing to watch.
+    app.volumes[0]["mounted"] = False
+    app.start()
+    assert_quiet_stop_keeps_recovery(app)
+    app.volumes[0]["mounted"] = True
+    app.start()
+    app.wait_ready()
+    wait_lines(app, app.q, lambda ls: RESCAN_VOL1 in ls)
+
+
+def test_recovery_survives_a_start_without_a_monitor_queue(app):
+    crash_with_changes_pending(app)
+    conf = app.conf_dir("system") / "q.json"
+    saved = conf.read_text()
+    conf.unlink()
+    app.start()
+    assert_quiet_stop_keeps_recovery(app)
+    app.write_queue_file("system", "q.json", saved)
+    app.start()
+    app.wait_ready()
+    wait_lines(app, app.q, lambda ls: RESCAN_VOL1 in ls)
 
 
 def test_sigterm_soon_after_a_burst_writes_every_line(app):
