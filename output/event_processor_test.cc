@@ -304,6 +304,34 @@ TEST_F(EventProcessorTest, MoveBetweenQueuesIsDeleteAndCreate) {
             (Lines{Line(64, "/vol1/Docs/a"), Line(128, "/vol1/Docs/c")}));
 }
 
+TEST_F(EventProcessorTest, RenamesAcrossExcludedNamesKeepTheirMeaning) {
+  MonitorQueue::MonitorQueueConfig config = MonitorQueue::MakeConfig(
+      "Multimedia", "/vol1/Multimedia", "/", true, QUEUE_EVENT_ALL);
+  config.exclude = {"*.part", "@eaDir"};
+  source_.SetQueues({MonitorQueue(media_, {config})});
+  // A download finishes: from an excluded name to a wanted one.
+  source_.Push(MakeEvent(YULO_CREATE, "/vol1/Multimedia", "/film.mkv.part"));
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia",
+                         "/film.mkv.part", 31));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/film.mkv", 31));
+  // Something put away into an excluded directory: gone for the consumer.
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/a.jpg", 32));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/@eaDir/a.jpg",
+                         32));
+  // Within excluded names: nothing at all.
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/x.part", 33));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/@eaDir/x", 33));
+  // Between wanted names: one move line, as ever.
+  source_.Push(MakeEvent(YULO_MOVE_FROM, "/vol1/Multimedia", "/b", 34));
+  source_.Push(MakeEvent(YULO_MOVE_TO, "/vol1/Multimedia", "/c", 34));
+  EventProcessor processor(&source_);
+  processor.RunOnePass();
+  EXPECT_EQ(ReadLines(media_),
+            (Lines{Line(64, "/vol1/Multimedia/film.mkv"),
+                   Line(128, "/vol1/Multimedia/a.jpg"),
+                   MoveLine("/vol1/Multimedia/b", "/vol1/Multimedia/c")}));
+}
+
 TEST_F(EventProcessorTest, MoveBetweenTwoSharesOfOneQueueIsOneMoveLine) {
   source_.SetQueues({MonitorQueue(
       media_, {MonitorQueue::MakeConfig("A", "/vol1/A", "/", true, 1023),
