@@ -29,6 +29,21 @@ bool IsConfFileRecord(const struct inotify_event& header, const char* name) {
              0;
 }
 
+// Calls fn(header, name) for each whole record of an inotify read of `size`
+// bytes; an incomplete last record is left out.
+template <typename Fn>
+void ForEachRecord(const char* data, size_t size, Fn fn) {
+  size_t offset = 0;
+  while (offset + sizeof(struct inotify_event) <= size) {
+    struct inotify_event header;
+    std::memcpy(&header, data + offset, sizeof(header));
+    const size_t name_at = offset + sizeof(header);
+    if (name_at + header.len > size) break;
+    fn(header, data + name_at);
+    offset = name_at + header.len;
+  }
+}
+
 }  // namespace
 
 ConfigWatch::ConfigWatch(std::string conf_root)
@@ -120,23 +135,17 @@ int ConfigWatch::TypeOfName(const char* name, size_t length) const {
 
 bool ConfigWatch::HandleRecords(const char* data, size_t size) {
   bool reload = false;
-  size_t offset = 0;
-  while (offset + sizeof(struct inotify_event) <= size) {
-    struct inotify_event header;
-    std::memcpy(&header, data + offset, sizeof(header));
-    const size_t name_at = offset + sizeof(header);
-    if (name_at + header.len > size) break;
-    const char* name = data + name_at;
-    offset = name_at + header.len;
+  ForEachRecord(data, size, [&](const struct inotify_event& header,
+                                const char* name) {
     if (header.mask & IN_Q_OVERFLOW) {
       // Nobody knows what changed: look for every directory again.
       for (int type = 0; type < kTypes; ++type) AddDirWatch(type, false);
       reload = true;
-      continue;
+      return;
     }
     if (header.wd == root_wd_ && root_wd_ >= 0) {
       const int type = TypeOfName(name, strnlen(name, header.len));
-      if (type < 0 || (header.mask & IN_ISDIR) == 0) continue;
+      if (type < 0 || (header.mask & IN_ISDIR) == 0) return;
       if (header.mask & (IN_CREATE | IN_MOVED_TO)) {
         AddDirWatch(type, false);
       } else if ((header.mask & IN_MOVED_FROM) && dir_wd_[type] >= 0) {
@@ -145,7 +154,7 @@ bool ConfigWatch::HandleRecords(const char* data, size_t size) {
         dir_wd_[type] = -1;
       }
       reload = true;
-      continue;
+      return;
     }
     if (header.mask & IN_IGNORED) {
       // A watched directory was removed (or its watch taken away).
@@ -155,10 +164,10 @@ bool ConfigWatch::HandleRecords(const char* data, size_t size) {
           reload = true;
         }
       }
-      continue;
+      return;
     }
     if (IsConfFileRecord(header, name)) reload = true;
-  }
+  });
   return reload;
 }
 
@@ -210,19 +219,13 @@ bool ConfigWatch::RecordsCallForReload(const char* data, size_t size) {
   // How many configuration files changed does not matter: one wake-up is at
   // most one full reload.
   bool reload = false;
-  size_t offset = 0;
-  while (offset + sizeof(struct inotify_event) <= size) {
-    struct inotify_event header;
-    std::memcpy(&header, data + offset, sizeof(header));
-    const size_t name_at = offset + sizeof(header);
-    if (name_at + header.len > size) break;
+  ForEachRecord(data, size, [&](const struct inotify_event& header,
+                                const char* name) {
     // After an overflow nobody knows what changed.
-    if ((header.mask & IN_Q_OVERFLOW) ||
-        IsConfFileRecord(header, data + name_at)) {
+    if ((header.mask & IN_Q_OVERFLOW) || IsConfFileRecord(header, name)) {
       reload = true;
     }
-    offset = name_at + header.len;
-  }
+  });
   return reload;
 }
 
