@@ -19,6 +19,8 @@
 // fanotify buffer.
 #include <errno.h>
 
+#include <sys/stat.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -49,6 +51,29 @@ class FakeResolver : public DirResolver {
     }
     return 0;
   }
+  // What a directory holds is a function of the name, so that every
+  // answer comes up: a file, a directory, nothing, or a directory out of
+  // reach.
+  int StatName(const DirHandle& dir, std::string_view name,
+               struct stat* st) override {
+    if (dir.size == 0 || dir.bytes[0] == 0xFF) return ESTALE;
+    const unsigned pick = name.empty() ? 0u
+                                       : static_cast<unsigned char>(name[0]);
+    switch (pick % 4) {
+      case 0:
+        return ENOENT;
+      case 1:
+        *st = {};
+        st->st_mode = S_IFREG | 0644;
+        return 0;
+      case 2:
+        *st = {};
+        st->st_mode = S_IFDIR | 0755;
+        return 0;
+      default:
+        return EACCES;
+    }
+  }
 };
 
 constexpr uint32_t kTypeBits = YULO_ACCESS | YULO_MODIFY | YULO_ATTRIB |
@@ -74,6 +99,14 @@ void CheckRecords(const std::vector<uint8_t>& out, size_t written,
     const uint32_t type = header.mask & ~static_cast<uint32_t>(YULO_ISDIR);
     if (type == YULO_Q_OVERFLOW) {
       FUZZ_CHECK(path.empty() && header.cookie == 0, "overflow record");
+    } else if (type == YULO_RESCAN) {
+      // A directory whose entries the translator could not put in order.
+      FUZZ_CHECK(header.mask == (YULO_RESCAN | YULO_ISDIR) &&
+                     header.cookie == kDerivedRescanCookie,
+                 "rescan record mask or cookie");
+      FUZZ_CHECK(path.compare(0, sizeof(kResolvedPrefix) - 1,
+                              kResolvedPrefix) == 0,
+                 "rescan path not from the resolver: " + path);
     } else {
       FUZZ_CHECK((type & kTypeBits) == type && __builtin_popcount(type) == 1,
                  "record mask " + std::to_string(header.mask));
