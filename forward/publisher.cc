@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "forward/log.h"
 #include "forward/oversize.h"
 #include "forward/redact.h"
 #include "yulotifyd/json_util.h"
+#include "yulotifyd/log.h"
 #include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
@@ -69,14 +69,14 @@ int64_t Publisher::ReconnectDelay(natsConnection*, int attempts, void*) {
 void Publisher::OnDisconnected(natsConnection*, void* closure) {
   auto* self = static_cast<Publisher*>(closure);
   if (self->connected_.exchange(false) && !self->closing_.load()) {
-    ForwardLog("disconnected from the server; lines wait in the spool");
+    YULO_LOG_WARNING("disconnected from the server; lines wait in the spool");
   }
 }
 
 void Publisher::OnReconnected(natsConnection* nc, void* closure) {
   auto* self = static_cast<Publisher*>(closure);
   if (!self->connected_.exchange(true)) {
-    ForwardLog("connected to %s", ConnectedUrl(nc).c_str());
+    YULO_LOG_NOTICE("connected to %s", ConnectedUrl(nc).c_str());
   }
 }
 
@@ -147,9 +147,9 @@ bool Publisher::Start(const Config& config, std::string* error) {
   s = natsConnection_Connect(&nc_, opts_);
   if (s == NATS_OK) {
     connected_.store(true);
-    ForwardLog("connected to %s", ConnectedUrl(nc_).c_str());
+    YULO_LOG_NOTICE("connected to %s", ConnectedUrl(nc_).c_str());
   } else if (s == NATS_NOT_YET_CONNECTED) {
-    ForwardLog("server not reachable yet; lines wait in the spool");
+    YULO_LOG_WARNING("server not reachable yet; lines wait in the spool");
   } else {
     *error = "cannot set up the connection: " + StatusText(s);
     return false;
@@ -235,8 +235,8 @@ Publisher::StreamResult Publisher::EnsureStream(std::string* error) {
       // A server that answered and refused will refuse again.
       return jerr != 0 ? StreamResult::kFailed : StreamResult::kRetry;
     }
-    ForwardLog("created stream %s for subject %s", config_.stream.c_str(),
-               config_.subject.c_str());
+    YULO_LOG_NOTICE("created stream %s for subject %s",
+                    config_.stream.c_str(), config_.subject.c_str());
   } else if (s != NATS_OK) {
     *error = "cannot look up stream " + name + ": " + StatusText(s);
     return StreamResult::kRetry;
@@ -298,11 +298,12 @@ size_t Publisher::SendGroup(const std::vector<SpooledLine>& lines,
       if (!fits) {
         // Nothing of it can ever go; waiting would stop the queue for good.
         if (log) {
-          ForwardLog("line %llu of the spool (%zu bytes) cannot be published: "
-                     "the server takes messages of at most %lld bytes, too few "
-                     "even for a rescan line; dropped",
-                     static_cast<unsigned long long>(line.seq),
-                     line.text.size(), static_cast<long long>(limit));
+          YULO_LOG_ALWAYS("line %llu of the spool (%zu bytes) cannot be "
+                          "published: the server takes messages of at most "
+                          "%lld bytes, too few even for a rescan line; "
+                          "dropped",
+                          static_cast<unsigned long long>(line.seq),
+                          line.text.size(), static_cast<long long>(limit));
         }
         std::lock_guard<std::mutex> lock(mu_);
         batch_status_[i] = 1;
@@ -310,11 +311,11 @@ size_t Publisher::SendGroup(const std::vector<SpooledLine>& lines,
         continue;
       }
       if (log) {
-        ForwardLog("line %llu of the spool (%zu bytes) is larger than the "
-                   "server takes (%lld bytes a message): published a rescan "
-                   "line in its place",
-                   static_cast<unsigned long long>(line.seq), line.text.size(),
-                   static_cast<long long>(limit));
+        YULO_LOG_WARNING("line %llu of the spool (%zu bytes) is larger than "
+                         "the server takes (%lld bytes a message): published "
+                         "a rescan line in its place",
+                         static_cast<unsigned long long>(line.seq),
+                         line.text.size(), static_cast<long long>(limit));
       }
       payload = &rescan;
     }

@@ -38,13 +38,14 @@
 #include <utility>
 #include <vector>
 
+#include "forward/batch_publisher.h"
 #include "forward/spool.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
 
-class Publisher {
+class Publisher : public BatchPublisher {
  public:
   struct Config {
     std::vector<std::string> servers;
@@ -55,7 +56,7 @@ class Publisher {
   };
 
   Publisher() = default;
-  ~Publisher();
+  ~Publisher() override;
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
@@ -63,15 +64,14 @@ class Publisher {
   // (the library keeps trying). False only for a bad configuration.
   bool Start(const Config& config, std::string* error);
 
-  bool connected() const { return connected_.load(); }
+  bool connected() const override { return connected_.load(); }
 
-  enum class StreamResult { kReady, kRetry, kFailed };
   // With a stream name: makes sure the stream exists, creating it (file
   // storage, our subject) when it does not. Without one: looks up the
   // stream that takes our subject. Either way learns the stream's maximum
   // message size and whether the subject is the stream's only one. Done
   // once, and again after the server refused a message.
-  StreamResult EnsureStream(std::string* error);
+  StreamResult EnsureStream(std::string* error) override;
 
   // Publishes `lines` in order and waits up to `timeout_ms` for their
   // acknowledgements. Returns how many lines from the first one on were all
@@ -80,7 +80,7 @@ class Publisher {
   // once its rescan line is; one for which not even a rescan line fits
   // counts as done, with a log line.
   size_t PublishBatch(const std::vector<SpooledLine>& lines,
-                      int64_t timeout_ms, std::string* error);
+                      int64_t timeout_ms, std::string* error) override;
 
   // Bytes a message takes against the server's size limits: its payload
   // and its headers as the protocol encodes them.

@@ -95,6 +95,8 @@ class Spool {
   uint64_t size_bytes() const { return size_; }
   uint64_t unacked_bytes() const { return size_ - acked_offset_; }
   uint64_t acked_seq() const { return acked_seq_; }
+  // Lines appended and not acknowledged yet.
+  uint64_t unacked_lines() const { return next_seq_ - acked_seq_; }
   uint64_t next_seq() const { return next_seq_; }
   uint64_t epoch() const { return epoch_; }
   const std::string& spool_path() const { return spool_path_; }
