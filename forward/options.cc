@@ -27,15 +27,7 @@ constexpr size_t kMaxConfigBytes = 64 * 1024;
 // "/a/b", not "a/b" nor "/a/../b": a path whose meaning does not depend on
 // where ".." leads.
 bool IsPlainAbsolute(const std::string& path) {
-  if (path.empty() || path[0] != '/') return false;
-  size_t pos = 0;
-  while (pos < path.size()) {
-    size_t end = path.find('/', pos);
-    if (end == std::string::npos) end = path.size();
-    if (path.compare(pos, end - pos, "..") == 0) return false;
-    pos = end + 1;
-  }
-  return true;
+  return !path.empty() && path[0] == '/' && !HasDotDotComponent(path);
 }
 
 // Splits at commas, dropping empty parts.

@@ -24,7 +24,9 @@ std::string Line(const std::string& dir) {
 
 std::string RescanDirFor(const std::string& line) {
   Json::Value v;
-  if (!fromString(line, v) || !v.isObject() || !v["path"].isString()) return "/";
+  if (!fromString(line, v) || !v.isObject() || !v["path"].isString()) {
+    return "/";
+  }
   const std::string path = v["path"].asString();
   if (path.empty() || path[0] != '/') return "/";
   std::string dir = ParentDir(path);
@@ -36,7 +38,8 @@ std::string RescanDirFor(const std::string& line) {
   return dir;
 }
 
-bool RescanLineFor(const std::string& line, size_t max_bytes, std::string* out) {
+bool RescanLineFor(const std::string& line, size_t max_bytes,
+                   std::string* out) {
   std::string dir = RescanDirFor(line);
   for (;;) {
     *out = Line(dir);

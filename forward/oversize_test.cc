@@ -19,11 +19,14 @@ TEST(OversizeTest, RescansTheDirectoryThatHeldTheChange) {
 }
 
 TEST(OversizeTest, AMoveRescansTheDirectoryHoldingBothNames) {
-  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/a/n","path_old":"/v/s/b/c/o"})"),
+  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/a/n",)"
+                         R"("path_old":"/v/s/b/c/o"})"),
             "/v/s");
-  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/a/n","path_old":"/v/s/a/o"})"),
+  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/a/n",)"
+                         R"("path_old":"/v/s/a/o"})"),
             "/v/s/a");
-  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/n","path_old":"/w/o"})"),
+  EXPECT_EQ(RescanDirFor(R"({"event":256,"is_dir":false,"path":"/v/s/n",)"
+                         R"("path_old":"/w/o"})"),
             "/");
 }
 
@@ -36,7 +39,8 @@ TEST(OversizeTest, WithoutAUsablePathTheRescanIsOfTheRoot) {
 }
 
 TEST(OversizeTest, AShortLimitRescansAParentAndNothingFitsBelowTheRoot) {
-  const std::string line = R"({"event":64,"is_dir":false,"path":"/vol1/Public/deep/er/x"})";
+  const std::string line =
+      R"({"event":64,"is_dir":false,"path":"/vol1/Public/deep/er/x"})";
   std::string out;
   const std::string root = R"({"event":512,"is_dir":true,"path":"/"})";
   const std::string vol = R"({"event":512,"is_dir":true,"path":"/vol1"})";

@@ -42,22 +42,6 @@ uint64_t NowNanos() {
          static_cast<uint64_t>(ts.tv_nsec);
 }
 
-// Reads [offset, offset + size) or less at the end of the file.
-bool ReadAt(int fd, uint64_t offset, size_t size, std::string* out) {
-  out->resize(size);
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = pread(fd, &(*out)[done], size - done,
-                            static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
-  out->resize(done);
-  return true;
-}
-
 }  // namespace
 
 bool Spool::MakeDirs(const std::string& dir, std::string* error) {
@@ -143,8 +127,10 @@ bool Spool::Open(const std::string& dir, const std::string& queue_path,
   uint64_t complete_end = acked_offset_;
   std::string chunk;
   while (offset < size_) {
-    if (!ReadAt(fd_.Get(), offset, 1 << 20, &chunk)) {
-      *error = Errno("cannot read " + spool_path_, errno);
+    const int err =
+        ReadAt(fd_.Get(), static_cast<off_t>(offset), 1 << 20, &chunk);
+    if (err != 0) {
+      *error = Errno("cannot read " + spool_path_, err);
       return false;
     }
     if (chunk.empty()) break;
@@ -207,10 +193,12 @@ bool Spool::ReadNext(size_t max_lines, size_t max_bytes,
   out->clear();
   std::string chunk;
   while (out->size() < max_lines && read_offset_ < size_) {
-    const size_t want = static_cast<size_t>(
-        std::min<uint64_t>(size_ - read_offset_, std::max<size_t>(max_bytes, 4096)));
-    if (!ReadAt(fd_.Get(), read_offset_, want, &chunk)) {
-      *error = Errno("cannot read " + spool_path_, errno);
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(
+        size_ - read_offset_, std::max<size_t>(max_bytes, 4096)));
+    const int err =
+        ReadAt(fd_.Get(), static_cast<off_t>(read_offset_), want, &chunk);
+    if (err != 0) {
+      *error = Errno("cannot read " + spool_path_, err);
       return false;
     }
     size_t pos = 0;
@@ -218,7 +206,8 @@ bool Spool::ReadNext(size_t max_lines, size_t max_bytes,
     for (;;) {
       const size_t nl = chunk.find('\n', pos);
       if (nl == std::string::npos) break;
-      if (out->size() >= max_lines || (taken > 0 && taken + nl - pos > max_bytes)) {
+      if (out->size() >= max_lines ||
+          (taken > 0 && taken + nl - pos > max_bytes)) {
         break;
       }
       SpooledLine line;
@@ -231,7 +220,8 @@ bool Spool::ReadNext(size_t max_lines, size_t max_bytes,
       pos = nl + 1;
     }
     if (taken == 0) {
-      if (pos == 0 && want == size_ - read_offset_) break;  // no line feed: cannot happen
+      // No line feed at all: cannot happen, Open drops an unfinished line.
+      if (pos == 0 && want == size_ - read_offset_) break;
       if (pos == 0) {
         // A line longer than max_bytes: read it whole.
         max_bytes = want * 2;
@@ -287,8 +277,8 @@ bool Spool::SaveState(std::string* error) {
   const std::string text = toString(state) + "\n";
   const std::string tmp = state_path_ + ".tmp";
   const UniqueFd fd(RetryOnEintr([&] {
-    return open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
-                0600);
+    return open(tmp.c_str(),
+                O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0600);
   }));
   if (!fd.Valid()) {
     *error = Errno("cannot create " + tmp, errno);

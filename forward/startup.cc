@@ -63,8 +63,9 @@ PlaceCheck CheckQueuePlace(const std::string& queue,
     holder = HiddenHolder(real_dir, hidden_dirs);
   }
   if (holder != nullptr) {
-    *error = "the queue file " + queue + " is under " + *holder +
-             (real_dir.empty() || real_dir == dir ? "" : " (as " + real_dir + ")") +
+    const std::string as =
+        real_dir.empty() || real_dir == dir ? "" : " (as " + real_dir + ")";
+    *error = "the queue file " + queue + " is under " + *holder + as +
              ", which this forwarder cannot see (its unit gives it a private "
              "or empty " + *holder + "): " + kWhereQueuesLive;
     return PlaceCheck::kHidden;
@@ -124,7 +125,8 @@ bool PrepareSpoolDir(const std::string& dir, const std::string& queue,
     *error = "cannot stat " + dir + ": " + ErrnoText(errno);
     return false;
   }
-  if ((st.st_mode & 0111) != 0111 && chmod(dir.c_str(), (st.st_mode & 07777) | 0111) != 0) {
+  if ((st.st_mode & 0111) != 0111 &&
+      chmod(dir.c_str(), (st.st_mode & 07777) | 0111) != 0) {
     *error = "cannot chmod " + dir + ": " + ErrnoText(errno);
     return false;
   }
@@ -142,7 +144,8 @@ bool PrepareSpoolDir(const std::string& dir, const std::string& queue,
   }
   if ((st.st_uid != who.uid || st.st_gid != who.gid) &&
       fchown(fd.Get(), who.uid, who.gid) != 0) {
-    *error = "cannot give " + mine + " to " + who.name + ": " + ErrnoText(errno);
+    *error = "cannot give " + mine + " to " + who.name + ": " +
+             ErrnoText(errno);
     return false;
   }
   if ((st.st_mode & 07777) != 0700 && fchmod(fd.Get(), 0700) != 0) {
@@ -169,7 +172,8 @@ bool PrepareSpoolDir(const std::string& dir, const std::string& queue,
       return open(to.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     }));
     if (!file.Valid() || fchown(file.Get(), who.uid, who.gid) != 0) {
-      *error = "cannot give " + to + " to " + who.name + ": " + ErrnoText(errno);
+      *error = "cannot give " + to + " to " + who.name + ": " +
+               ErrnoText(errno);
       return false;
     }
     *moved = true;

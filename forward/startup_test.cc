@@ -39,10 +39,12 @@ TEST_F(StartupTest, AQueueUnderAHiddenDirectoryIsRefusedSayingWhereToPutIt) {
   std::string error;
   EXPECT_EQ(CheckQueuePlace("/tmp/q.queue", {"/var/tmp", "/tmp"}, &error),
             PlaceCheck::kHidden);
-  EXPECT_NE(error.find("/tmp/q.queue is under /tmp"), std::string::npos) << error;
+  EXPECT_NE(error.find("/tmp/q.queue is under /tmp"), std::string::npos)
+      << error;
   EXPECT_NE(error.find("cannot see"), std::string::npos) << error;
   EXPECT_NE(error.find("/var, /srv"), std::string::npos) << error;
-  EXPECT_EQ(CheckQueuePlace("/home/u/x/q", {"/home"}, &error), PlaceCheck::kHidden);
+  EXPECT_EQ(CheckQueuePlace("/home/u/x/q", {"/home"}, &error),
+            PlaceCheck::kHidden);
   // "/tmpx" is not under "/tmp".
   fs::create_directories(root_ + "/tmpx");
   EXPECT_EQ(CheckQueuePlace(root_ + "/tmpx/q", {root_ + "/tmp"}, &error),
@@ -55,16 +57,19 @@ TEST_F(StartupTest, ALinkedDirectoryLeadingIntoAHiddenOneIsRefusedToo) {
   fs::create_directories(root_ + "/srv");
   fs::create_directory_symlink(root_ + "/hidden/d", root_ + "/srv/link");
   std::string error;
-  EXPECT_EQ(CheckQueuePlace(root_ + "/srv/link/q", {root_ + "/hidden"}, &error),
-            PlaceCheck::kHidden);
-  EXPECT_NE(error.find("(as " + root_ + "/hidden/d)"), std::string::npos) << error;
+  EXPECT_EQ(
+      CheckQueuePlace(root_ + "/srv/link/q", {root_ + "/hidden"}, &error),
+      PlaceCheck::kHidden);
+  EXPECT_NE(error.find("(as " + root_ + "/hidden/d)"), std::string::npos)
+      << error;
 }
 
 TEST_F(StartupTest, AMissingDirectoryIsSaidAndMayComeLater) {
   std::string error;
   EXPECT_EQ(CheckQueuePlace(root_ + "/vol/q", {"/nothing-hidden"}, &error),
             PlaceCheck::kNotFound);
-  EXPECT_NE(error.find("cannot see " + root_ + "/vol"), std::string::npos) << error;
+  EXPECT_NE(error.find("cannot see " + root_ + "/vol"), std::string::npos)
+      << error;
   fs::create_directories(root_ + "/vol");
   EXPECT_EQ(CheckQueuePlace(root_ + "/vol/q", {"/nothing-hidden"}, &error),
             PlaceCheck::kOk);
@@ -96,7 +101,8 @@ TEST_F(StartupTest, ADirectoryOthersCanWriteNeedsTheUserNamed) {
   for (const mode_t mode : {0775, 0757, 01777}) {
     ASSERT_EQ(chmod(dir.c_str(), mode), 0);
     EXPECT_FALSE(ChooseUser(dir + "/q", "", &who, &error)) << mode;
-    EXPECT_NE(error.find("writable by others than its owner"), std::string::npos)
+    EXPECT_NE(error.find("writable by others than its owner"),
+              std::string::npos)
         << error;
     ASSERT_TRUE(ChooseUser(dir + "/q", "root", &who, &error)) << error;
     EXPECT_EQ(who.uid, 0u);
@@ -166,7 +172,8 @@ TEST_F(StartupTest, ASpoolLeftByARootForwarderMovesToTheUser) {
   std::ofstream(top + "/" + Spool::NameFor("/srv/other") + ".spool") << "x\n";
   std::string dir, error;
   bool moved = false;
-  ASSERT_TRUE(PrepareSpoolDir(top, "/srv/q", who, &dir, &moved, &error)) << error;
+  ASSERT_TRUE(PrepareSpoolDir(top, "/srv/q", who, &dir, &moved, &error))
+      << error;
   EXPECT_TRUE(moved);
   for (const char* suffix : {".spool", ".state"}) {
     EXPECT_FALSE(fs::exists(top + "/" + name + suffix));
