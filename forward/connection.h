@@ -83,6 +83,8 @@ bool CheckConnectionOptions(const ConnectionOptions& options,
 // secret file that others can read or change, or that belongs to another
 // user, is refused, as is one that cannot be read or does not hold what it
 // should. False with a one-line `error` that names the file and says why.
+// With a credentials file it starts the library (nats_Open), whose threads
+// inherit the caller's signal mask: block signals first where it matters.
 bool LoadConnectionFiles(ConnectionOptions* options, std::string* error);
 
 // Reads `path`, which holds a secret, into `out` (at most `max_bytes`):

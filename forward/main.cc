@@ -343,11 +343,6 @@ int main(int argc, char** argv) {
     printf("yulotify-forward %s\n", YULOTIFYD_VERSION);
     return kExitOk;
   }
-  // Read while still root: the files may be root's alone.
-  if (!LoadConnectionFiles(&options.connection, &error)) {
-    fprintf(stderr, "yulotify-forward: %s\n", error.c_str());
-    return kExitSecretFile;
-  }
   // Blocked before the library starts its threads, so that they inherit
   // the mask and the main thread takes the signals with sigtimedwait.
   sigset_t stop_set;
@@ -356,6 +351,12 @@ int main(int argc, char** argv) {
   sigaddset(&stop_set, SIGINT);
   sigprocmask(SIG_BLOCK, &stop_set, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  // Read while still root: the files may be root's alone. After the mask:
+  // checking a credentials file starts the library's threads.
+  if (!LoadConnectionFiles(&options.connection, &error)) {
+    fprintf(stderr, "yulotify-forward: %s\n", error.c_str());
+    return kExitSecretFile;
+  }
   int status = TakeIdentity(&options);
   if (status < 0) status = Run(options, stop_set);
   nats_Close();

@@ -4,11 +4,17 @@ client certificates or want a user's password. A refused connection is
 logged with its reason, once per back-off, while the lines wait in the
 spool; a secret file others can read is refused at start."""
 
+import base64
+import hashlib
+import json
 import re
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
+from cryptography.hazmat.primitives import serialization
+from cryptography.hazmat.primitives.asymmetric.ed25519 import Ed25519PrivateKey
 
 from forward_harness import (  # noqa: F401 (fixture: forwarders)
     Forwarder, NatsServer, append_lines, create_line, forwarders,
@@ -274,3 +280,124 @@ def test_a_token_file_authenticates(servers, forwarders, yulotifyd_prefix,
                        capture_output=True, text=True, timeout=30)
     assert r.returncode == 3, r.stderr
     assert "Authorization Violation" in r.stderr, r.stderr
+
+
+# NATS's decentralised authentication, made here: NKeys (Ed25519 keys in
+# NATS's base32 text form) and the JWTs an operator signs for an account
+# and the account for a user, the user's credentials file holding its JWT
+# and seed.
+def crc16(data: bytes) -> int:
+    crc = 0
+    for b in data:
+        crc ^= b << 8
+        for _ in range(8):
+            crc = ((crc << 1) ^ 0x1021) if crc & 0x8000 else crc << 1
+            crc &= 0xffff
+    return crc
+
+
+def nkey_text(data: bytes) -> str:
+    c = crc16(data)
+    return base64.b32encode(data + bytes([c & 0xff, c >> 8])).decode() \
+        .rstrip("=")
+
+
+def b64url(data: bytes) -> str:
+    return base64.urlsafe_b64encode(data).decode().rstrip("=")
+
+
+class NKey:
+    PREFIX = {"operator": 14 << 3, "account": 0, "user": 20 << 3}
+
+    def __init__(self, kind: str):
+        self.key = Ed25519PrivateKey.generate()
+        raw = self.key.private_bytes(serialization.Encoding.Raw,
+                                     serialization.PrivateFormat.Raw,
+                                     serialization.NoEncryption())
+        public = self.key.public_key().public_bytes(
+            serialization.Encoding.Raw, serialization.PublicFormat.Raw)
+        p = self.PREFIX[kind]
+        self.public = nkey_text(bytes([p]) + public)
+        self.seed = nkey_text(bytes([(18 << 3) | (p >> 5), (p & 31) << 3]) +
+                              raw)
+
+    def sign_jwt(self, subject: "NKey", name: str, nats: dict) -> str:
+        claims = {"iat": int(time.time()), "iss": self.public, "name": name,
+                  "sub": subject.public, "nats": nats}
+        claims["jti"] = base64.b32encode(hashlib.sha256(
+            json.dumps(claims, sort_keys=True).encode()).digest()).decode() \
+            .rstrip("=")
+        head = b64url(json.dumps({"typ": "JWT", "alg": "ed25519-nkey"})
+                      .encode()) + "." + b64url(json.dumps(claims).encode())
+        return head + "." + b64url(self.key.sign(head.encode()))
+
+
+UNLIMITED = {"subs": -1, "data": -1, "payload": -1, "imports": -1,
+             "exports": -1, "wildcards": True, "conn": -1, "leaf": -1,
+             "mem_storage": -1, "disk_storage": -1, "streams": -1,
+             "consumer": -1}
+
+
+class Operator:
+    """An operator, its system account and one account with JetStream:
+    the configuration of a server that trusts them, and credentials files
+    for users of the account."""
+
+    def __init__(self):
+        self.key = NKey("operator")
+        self.jwt = self.key.sign_jwt(self.key, "operator",
+                                     {"type": "operator", "version": 2})
+        self.system = NKey("account")
+        self.account = NKey("account")
+        self.accounts = {
+            self.system.public: self.key.sign_jwt(
+                self.system, "SYS", {"type": "account", "version": 2}),
+            self.account.public: self.key.sign_jwt(
+                self.account, "appliances",
+                {"limits": UNLIMITED, "type": "account", "version": 2}),
+        }
+
+    def server_config(self) -> str:
+        return ("operator: \"%s\"\nsystem_account: %s\nresolver: MEMORY\n"
+                "resolver_preload: { %s }" % (
+                    self.jwt, self.system.public,
+                    ", ".join("%s: \"%s\"" % kv
+                              for kv in self.accounts.items())))
+
+    def creds(self, path: Path, account: NKey = None) -> Path:
+        """A user's credentials file, mode 600; the user is of `account`
+        (by default the operator's account with JetStream)."""
+        user = NKey("user")
+        token = (account or self.account).sign_jwt(
+            user, "appliance", {"pub": {}, "sub": {}, "subs": -1,
+                                "data": -1, "payload": -1, "type": "user",
+                                "version": 2})
+        path.write_text(
+            "-----BEGIN NATS USER JWT-----\n%s\n------END NATS USER JWT------"
+            "\n\n************************* IMPORTANT *************************"
+            "\nNKEY Seed printed below can be used to sign and prove identity."
+            "\n\n-----BEGIN USER NKEY SEED-----\n%s\n"
+            "------END USER NKEY SEED------\n" % (token, user.seed))
+        path.chmod(0o600)
+        return path
+
+
+def test_a_credentials_file_authenticates_and_a_stranger_is_refused(
+        servers, forwarders, yulotifyd_prefix, tmp_path):
+    operator = Operator()
+    creds = operator.creds(tmp_path / "appliance.creds")
+    server = NatsServer(tmp_path, "operator", operator.server_config(),
+                        client_args=["--creds", str(creds)])
+    q, lines = serve_lines(servers, server, tmp_path, "j", 200)
+    # A user of an account the server does not know: refused, with why.
+    stranger = operator.creds(tmp_path / "stranger.creds", NKey("account"))
+    log = run_refused(yulotifyd_prefix, tmp_path, server, q,
+                      ["--creds", str(stranger)], "cannot connect",
+                      forwarders)
+    assert "Authorization Violation" in log, log
+    # Open to others: refused at start.
+    creds.chmod(0o644)
+    refused_at_start(yulotifyd_prefix, server, q, ["--creds", str(creds)],
+                     creds)
+    creds.chmod(0o600)
+    delivers(yulotifyd_prefix, tmp_path, server, q, lines, forwarders)
