@@ -323,13 +323,16 @@ Publisher::StreamResult Publisher::EnsureStream(std::string* error) {
     YULO_LOG_NOTICE("stream %s: %d replicas, duplicate window %lld s",
                     config_.stream.c_str(), config_.replicas,
                     static_cast<long long>(config_.duplicate_window_s));
-  } else if (s == NATS_OK && !config_.stream.empty() && si->Config != nullptr &&
+  } else if (s == NATS_OK && !config_.stream.empty() && !stream_warned_ &&
+             si->Config != nullptr &&
              (si->Config->Replicas < config_.replicas ||
               si->Config->Duplicates <
                   config_.duplicate_window_s * int64_t{1000000000})) {
     // Not ours to change: the operator may have chosen less on purpose.
-    YULO_LOG_WARNING("stream %s has %lld replicas and a duplicate window of "
-                     "%lld s, less than the %d and %lld s asked for; left as "
+    // Said once, not at each look after a refusal.
+    stream_warned_ = true;
+    YULO_LOG_WARNING("stream %s keeps %lld replicas and a duplicate window "
+                     "of %lld s, where %d and %lld s were asked for; left as "
                      "it is",
                      name.c_str(),
                      static_cast<long long>(si->Config->Replicas),

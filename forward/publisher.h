@@ -137,6 +137,9 @@ class Publisher {
   natsConnection* nc_ = nullptr;
   jsCtx* js_ = nullptr;
   bool stream_ready_ = false;
+  // An existing stream keeps fewer replicas or a shorter duplicate window
+  // than asked for, and that was logged.
+  bool stream_warned_ = false;
   // From the stream's configuration: its maximum message size (0 for
   // none), and whether our subject is its only one.
   int64_t stream_max_msg_ = 0;
