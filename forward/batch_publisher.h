@@ -22,6 +22,11 @@ class BatchPublisher {
  public:
   virtual ~BatchPublisher() = default;
 
+  // Makes the connection when there is none and it is time to try again;
+  // called at the start of every round. False only for a configuration
+  // the library cannot use (`error` says why): trying again cannot help.
+  virtual bool KeepUp(std::string* error) = 0;
+
   // Whether a connection to a server is up: nothing is published without.
   virtual bool connected() const = 0;
 

@@ -20,6 +20,11 @@ Forwarder::Forwarder(const QueueConsumer& consumer, Spool* spool,
 
 Forwarder::StepResult Forwarder::Step(std::chrono::milliseconds max_wait) {
   if (clock_->StopRequested()) return Stopped();
+  std::string error;
+  if (!publisher_->KeepUp(&error)) {
+    YULO_LOG_ALWAYS("%s", error.c_str());
+    return StepResult::kConnectFailed;
+  }
   const bool took = TakeLines();
   bool more = false;
   if (publisher_->connected() &&

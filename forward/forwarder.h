@@ -63,6 +63,7 @@ class Forwarder {
     kStopped,        // a stop was asked for
     kStreamRefused,  // the server refused to create the stream
     kSpoolFailed,    // the spool could not be read
+    kConnectFailed,  // the connection cannot be set up (its options)
   };
 
   // REQUIRES: `spool` is open.

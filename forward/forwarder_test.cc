@@ -67,6 +67,12 @@ class FakePublisher : public BatchPublisher {
  public:
   explicit FakePublisher(ForwardClock* clock) : clock_(clock) {}
 
+  bool KeepUp(std::string* error) override {
+    ++keep_up_calls_;
+    if (!usable_) *error = "bad server options";
+    return usable_;
+  }
+
   bool connected() const override { return connected_; }
 
   StreamResult EnsureStream(std::string* error) override {
@@ -91,6 +97,9 @@ class FakePublisher : public BatchPublisher {
   }
 
   void set_connected(bool connected) { connected_ = connected; }
+  // The connection's options are not usable: KeepUp fails.
+  void set_unusable() { usable_ = false; }
+  int keep_up_calls() const { return keep_up_calls_; }
   void set_stream(StreamResult stream) { stream_ = stream; }
   // Acknowledges `lines` more lines, then refuses every other one.
   void AcceptOnly(size_t lines) { accept_ = lines; }
@@ -115,6 +124,8 @@ class FakePublisher : public BatchPublisher {
   StreamResult stream_ = StreamResult::kReady;
   size_t accept_ = kAll;
   bool drop_on_refusal_ = false;
+  bool usable_ = true;
+  int keep_up_calls_ = 0;
   std::vector<std::vector<uint64_t>> batches_;
   std::vector<int64_t> batch_times_;
   Lines stored_;
@@ -377,6 +388,23 @@ TEST_F(ForwarderTest, AStreamTheServerRefusesToCreateEndsTheLoop) {
   EXPECT_TRUE(publisher_.batches().empty());
   EXPECT_EQ(spool_.unacked_lines(), 1u) << "the line stays in the spool";
   EXPECT_EQ(Logged("no stream for the subject", LOG_ERR), 1u);
+}
+
+TEST_F(ForwarderTest, EveryRoundKeepsTheConnectionUp) {
+  Forwarder& f = MakeForwarder();
+  ASSERT_EQ(f.Step(kNoLimit), StepResult::kGoOn);
+  ASSERT_EQ(f.Step(kNoLimit), StepResult::kGoOn);
+  EXPECT_EQ(publisher_.keep_up_calls(), 2);
+}
+
+TEST_F(ForwarderTest, ConnectionOptionsTheLibraryRefusesEndTheLoop) {
+  publisher_.set_unusable();
+  AddToQueue({"a"});
+  Forwarder& f = MakeForwarder();
+  EXPECT_EQ(f.Step(kNoLimit), StepResult::kConnectFailed);
+  EXPECT_TRUE(publisher_.batches().empty());
+  EXPECT_EQ(QueueText(), "a\n") << "nothing taken from the queue file";
+  EXPECT_EQ(Logged("bad server options", LOG_ERR), 1u);
 }
 
 TEST_F(ForwarderTest, AStreamNotKnownYetIsAskedForAgainAfterABackoff) {

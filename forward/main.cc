@@ -14,7 +14,7 @@
 // Exit status: 0 stopped by SIGTERM or SIGINT, 1 a local failure (the spool
 // cannot be opened, bad server options, the queue's directory is not
 // there), 2 usage or configuration error, 3 the server refused to create
-// the stream.
+// the stream, 4 a certificate, key or secret file is refused (connection.h).
 #include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
@@ -48,6 +48,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitUnreachable = 3;
+constexpr int kExitSecretFile = 4;
 
 // Goes on after TakeIdentity.
 constexpr int kGoOn = -1;
@@ -55,8 +56,13 @@ constexpr int kGoOn = -1;
 // The text of --help, as printed.
 const char kHelp[] =
 R"(usage: yulotify-forward --server URL[,URL...] --subject SUBJECT
-                        [--stream NAME] [--spool DIR] [--spool-max SIZE]
+                        [--stream NAME [--replicas N]
+                        [--duplicate-window D]] [--spool DIR]
+                        [--spool-max SIZE]
                         [--interval MS] [--user NAME] [--hidden-dirs DIRS]
+                        [--tls-ca FILE] [--tls-cert FILE --tls-key FILE]
+                        [--nats-user NAME --password-file FILE |
+                         --token-file FILE | --creds FILE]
                         [--config FILE] QUEUE_FILE
 
 Takes the lines of a yulotifyd queue file and publishes them, in order,
@@ -67,10 +73,15 @@ line, so a line sent twice is stored once), Yulotifyd-Host and
 Yulotifyd-Event.
 
 Options:
-  --server URL[,URL...]  NATS servers (nats://host:port)
+  --server URL[,URL...]  NATS servers (nats://host:port, tls://host:port),
+                         tried in turn
   --subject SUBJECT      subject to publish on, e.g. yulotifyd.HOST.QUEUE
   --stream NAME          create this stream (file storage, SUBJECT) when
                          it does not exist; otherwise use it as it is
+  --replicas N           copies of a stream it creates, in a cluster
+                         (1 to 5; default 1)
+  --duplicate-window D   how long a stream it creates recognises a line
+                         sent again (s, m, h or d; default 1d)
   --spool DIR            spool directory (default /var/lib/yulotifyd/forward)
   --spool-max SIZE       stop taking lines while the spool holds this much
                          (bytes, or with K, M, G; default 1G)
@@ -81,10 +92,18 @@ Options:
                          then SPOOL/NAME
   --hidden-dirs DIR,...  directories this forwarder cannot see: a queue
                          file under one is refused
-  --config FILE          key=value lines: server, subject, stream, spool,
-                         spool-max, interval, queue, user, hidden-dirs; the
-                         command line wins. Must not be readable or
-                         writable by others.
+  --tls-ca FILE          CA certificates that verify the server (TLS)
+  --tls-cert FILE        client certificate (TLS), with --tls-key
+  --tls-key FILE         its private key
+  --nats-user NAME       NATS user name, with --password-file
+  --password-file FILE   file whose first line is the user's password
+  --token-file FILE      file whose first line is an authentication token
+  --creds FILE           NATS credentials file (user JWT and NKey seed)
+                         Key, password, token and credentials files must
+                         be root's or this user's, mode 600 or 400.
+  --config FILE          key=value lines: the options' names without
+                         "--"; the command line wins. Must not be
+                         readable or writable by others.
   --help, --version      this text; the program's version
 
 Stops on SIGTERM or SIGINT, after waiting up to 5 s for the
@@ -92,7 +111,8 @@ acknowledgements of what it has sent.
 
 Exit status: 0 stopped by a signal, 1 local failure (spool, options of
 the connection, the queue file's directory not there), 2 usage or
-configuration error, 3 the server refused to create the stream.
+configuration error, 3 the server refused to create the stream, 4 a
+certificate, key or secret file is refused.
 )";
 
 std::string HostName() {
@@ -168,9 +188,11 @@ int Run(const Options& options, const sigset_t& stop_set) {
                   static_cast<unsigned long long>(spool.unacked_lines()));
 
   Publisher::Config pc;
-  pc.servers = options.servers;
+  pc.connection = options.connection;
   pc.subject = options.subject;
   pc.stream = options.stream;
+  pc.replicas = options.replicas;
+  pc.duplicate_window_s = options.duplicate_window_s;
   pc.host = HostName();
   // Host, queue file, spool epoch and line number: the same line always
   // gets the same id, two lines never do.
@@ -197,6 +219,7 @@ int Run(const Options& options, const sigset_t& stop_set) {
     case Forwarder::StepResult::kStreamRefused:
       return kExitUnreachable;
     case Forwarder::StepResult::kSpoolFailed:
+    case Forwarder::StepResult::kConnectFailed:
       return kExitFailed;
     default:
       return kExitOk;
@@ -233,6 +256,12 @@ int Main(int argc, char** argv) {
   SendLogToStderr(kProgram);
   sigset_t stop_set;
   BlockStopSignals(&stop_set);
+  // Read while still root: the files may be root's alone. After the mask:
+  // checking a credentials file starts the library's threads.
+  if (!LoadConnectionFiles(&options.connection, &error)) {
+    fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+    return kExitSecretFile;
+  }
   int status = TakeIdentity(&options);
   if (status == kGoOn) status = Run(options, stop_set);
   nats_Close();

@@ -1,19 +1,12 @@
 #include "forward/options.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <limits>
 #include <map>
 
-#include "base/errno_text.h"
-#include "base/file_io.h"
 #include "base/path.h"
-#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -28,19 +21,6 @@ constexpr size_t kMaxConfigBytes = 64 * 1024;
 // where ".." leads.
 bool IsPlainAbsolute(const std::string& path) {
   return !path.empty() && path[0] == '/' && !HasDotDotComponent(path);
-}
-
-// Splits at commas, dropping empty parts.
-std::vector<std::string> SplitServers(const std::string& text) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos <= text.size()) {
-    size_t comma = text.find(',', pos);
-    if (comma == std::string::npos) comma = text.size();
-    if (comma > pos) out.emplace_back(text, pos, comma - pos);
-    pos = comma + 1;
-  }
-  return out;
 }
 
 std::string Trim(const std::string& s) {
@@ -64,13 +44,15 @@ bool ParseInterval(const std::string& text, int* ms) {
 // Sets one option by its long name (without "--"). `error` says why not.
 bool SetOption(const std::string& key, const std::string& value,
                Options* o, std::string* error) {
-  if (key == "server") {
-    o->servers = SplitServers(value);
-    if (o->servers.empty()) {
-      *error = "server wants one URL or more, separated by commas";
+  switch (SetConnectionOption(key, value, &o->connection, error)) {
+    case SetResult::kSet:
+      return true;
+    case SetResult::kBad:
       return false;
-    }
-  } else if (key == "subject") {
+    case SetResult::kUnknown:
+      break;
+  }
+  if (key == "subject") {
     if (value.empty() || value.find_first_of(" \t*>") != std::string::npos) {
       *error = "subject must be a plain subject (no blanks, no wildcards)";
       return false;
@@ -82,6 +64,20 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
     o->stream = value;
+  } else if (key == "replicas") {
+    if (value.size() != 1 || value[0] < '1' || value[0] > '0' + kMaxReplicas) {
+      *error = "replicas wants a number of copies, 1 to " +
+               std::to_string(kMaxReplicas);
+      return false;
+    }
+    o->replicas = value[0] - '0';
+  } else if (key == "duplicate-window") {
+    if (!ParseDuration(value, kMaxDuplicateWindowSeconds,
+                       &o->duplicate_window_s)) {
+      *error = "duplicate-window wants a duration (suffix s, m, h or d), "
+               "up to 30d";
+      return false;
+    }
   } else if (key == "spool") {
     if (value.empty() || value[0] != '/') {
       *error = "spool must be an absolute directory";
@@ -113,7 +109,7 @@ bool SetOption(const std::string& key, const std::string& value,
     o->user = value;
   } else if (key == "hidden-dirs") {
     o->hidden_dirs.clear();
-    for (const std::string& dir : SplitServers(value)) {
+    for (const std::string& dir : SplitCommaList(value)) {
       if (!IsPlainAbsolute(dir)) {
         *error = "hidden-dirs wants absolute directories without \"..\"";
         return false;
@@ -127,48 +123,25 @@ bool SetOption(const std::string& key, const std::string& value,
   return true;
 }
 
-// Reads a configuration file, which may hold the server's password: it
-// must be a regular file that only its owner (root, or the user running
-// the forwarder) can change and that others cannot read.
-bool ReadFile(const std::string& path, std::string* out, std::string* error) {
-  const UniqueFd fd(RetryOnEintr([&] {
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  }));
-  if (!fd.Valid()) {
-    *error = "cannot open " + path + ": " + ErrnoText(errno);
-    return false;
-  }
-  struct stat st;
-  if (fstat(fd.Get(), &st) != 0) {
-    *error = "cannot stat " + path + ": " + ErrnoText(errno);
-    return false;
-  }
-  if (!S_ISREG(st.st_mode)) {
-    *error = path + " is not a regular file";
-    return false;
-  }
-  if ((st.st_mode & (S_IROTH | S_IWOTH | S_IWGRP)) != 0) {
-    char mode[8];
-    snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    *error = path + " is readable or writable by others (mode " + mode +
-             "); it may hold the server's password: chmod 600 it (or 640)";
-    return false;
-  }
-  if (st.st_uid != 0 && st.st_uid != geteuid()) {
-    *error = path + " belongs to user " + std::to_string(st.st_uid) +
-             ", neither root nor the user running the forwarder";
-    return false;
-  }
-  const int err = ReadToEnd(fd.Get(), kMaxConfigBytes, out);
-  if (err == EFBIG) {
-    *error = path + " is too large for a configuration file";
-  } else if (err != 0) {
-    *error = "cannot read " + path + ": " + ErrnoText(err);
-  }
-  return err == 0;
-}
-
 }  // namespace
+
+bool ParseDuration(const std::string& text, int64_t max_seconds,
+                   int64_t* seconds) {
+  const size_t digits = text.find_first_not_of("0123456789");
+  const size_t count = digits == std::string::npos ? text.size() : digits;
+  if (count == 0 || count > 9) return false;
+  const std::string unit = text.substr(count);
+  int64_t scale = 1;
+  if (unit == "m") scale = 60;
+  else if (unit == "h") scale = 3600;
+  else if (unit == "d") scale = 24 * 3600;
+  else if (!unit.empty() && unit != "s") return false;
+  const int64_t v =
+      std::strtoll(text.substr(0, count).c_str(), nullptr, 10) * scale;
+  if (v < 1 || v > max_seconds) return false;
+  *seconds = v;
+  return true;
+}
 
 bool ParseSize(const std::string& text, uint64_t* bytes) {
   const size_t digits = text.find_first_not_of("0123456789");
@@ -212,6 +185,17 @@ bool ApplyConfigText(const std::string& text, const std::string& origin,
   return true;
 }
 
+bool ApplyConfigFile(const std::string& path, Options* options,
+                     std::string* error) {
+  // The file may hold a server's password in a URL: its group may read it,
+  // others may not.
+  std::string text;
+  if (!ReadProtectedFile(path, kMaxConfigBytes, true, &text, error)) {
+    return false;
+  }
+  return ApplyConfigText(text, path, options, error);
+}
+
 bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error) {
   // The file first, so that the command line can override it.
@@ -236,9 +220,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
       } else {
         path = arg.substr(9);
       }
-      std::string text;
-      if (!ReadFile(path, &text, error)) return false;
-      if (!ApplyConfigText(text, path, options, error)) return false;
+      if (!ApplyConfigFile(path, options, error)) return false;
     }
   }
   std::vector<std::string> positional;
@@ -275,10 +257,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
       !SetOption("queue", positional[0], options, error)) {
     return false;
   }
-  if (options->servers.empty()) {
-    *error = "--server is required";
-    return false;
-  }
+  if (!CheckConnectionOptions(options->connection, error)) return false;
   if (options->subject.empty()) {
     *error = "--subject is required";
     return false;

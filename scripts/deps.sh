@@ -12,7 +12,7 @@ packages=(
   util-linux procps inotify-tools
   git rsync tar linux-perf strace
   systemd
-  nats-server libnats-dev
+  nats-server libnats-dev openssl python3-cryptography
 )
 missing=()
 for p in "${packages[@]}"; do
