@@ -2,8 +2,12 @@
 // line: "SEQ<TAB>Nats-Msg-Id<TAB>Yulotifyd-Host<TAB>Yulotifyd-Event<TAB>payload".
 // For checking what a forwarder has delivered (and for its tests).
 //
+// It reaches the servers as the forwarder does (connection.h): the same
+// TLS and credential options, or the forwarder's own --config file.
+//
 // Exit status: 0 done, 1 the stream cannot be read, 2 usage error,
-// 3 the server cannot be reached.
+// 3 the server cannot be reached, 4 a certificate, key or secret file is
+// refused.
 #include <stdio.h>
 #include <string.h>
 
@@ -11,23 +15,32 @@
 
 #include <string>
 
-#include "forward/redact.h"
+#include "forward/connection.h"
+#include "forward/options.h"
 #include "yulo_build_config.h"
 
 namespace {
 
-using YULO::YULOTIFYD::FORWARD::WithoutUserInfo;
+namespace fwd = YULO::YULOTIFYD::FORWARD;
 
 const char kHelp[] =
-    "usage: yulotify-forward-dump --server URL --stream NAME [--count]\n"
+    "usage: yulotify-forward-dump --server URL[,URL...] --stream NAME\n"
+    "                             [--tls-ca FILE] [--tls-cert FILE\n"
+    "                             --tls-key FILE] [--nats-user NAME\n"
+    "                             --password-file FILE | --token-file FILE |\n"
+    "                             --creds FILE] [--config FILE] [--count]\n"
     "       yulotify-forward-dump --help | --version\n"
     "\n"
     "Prints every message of stream NAME, one a line:\n"
     "SEQ, Nats-Msg-Id, Yulotifyd-Host, Yulotifyd-Event and the payload,\n"
     "separated by tabs. With --count, only the number of messages.\n"
+    "The connection options are those of yulotify-forward; --config reads\n"
+    "a forwarder's configuration file (its server, stream, TLS and\n"
+    "credential keys), the command line winning.\n"
     "\n"
     "Exit status: 0 done, 1 the stream cannot be read, 2 usage error,\n"
-    "3 the server cannot be reached.\n";
+    "3 the server cannot be reached, 4 a certificate, key or secret file\n"
+    "is refused.\n";
 
 const char* Header(natsMsg* msg, const char* key) {
   const char* v = nullptr;
@@ -35,11 +48,13 @@ const char* Header(natsMsg* msg, const char* key) {
   return v;
 }
 
-int Dump(const std::string& server, const std::string& stream, bool count) {
+int Dump(const fwd::ConnectionOptions& connection, const std::string& stream,
+         bool count) {
   natsConnection* nc = nullptr;
-  if (natsConnection_ConnectTo(&nc, server.c_str()) != NATS_OK) {
-    fprintf(stderr, "yulotify-forward-dump: cannot connect to %s\n",
-            WithoutUserInfo(server).c_str());
+  std::string error;
+  if (!fwd::ConnectOnce(connection, 5000, &nc, &error)) {
+    fprintf(stderr, "yulotify-forward-dump: cannot connect: %s\n",
+            error.c_str());
     return 3;
   }
   jsCtx* js = nullptr;
@@ -81,8 +96,19 @@ int Dump(const std::string& server, const std::string& stream, bool count) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string server, stream;
+  // The forwarder's options, of which only the connection and the stream
+  // matter here.
+  fwd::Options options;
   bool count = false;
+  std::string error;
+  // The configuration file first, so that the command line wins.
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (strcmp(argv[i], "--config") == 0 &&
+        !fwd::ApplyConfigFile(argv[++i], &options, &error)) {
+      fprintf(stderr, "yulotify-forward-dump: %s\n", error.c_str());
+      return 2;
+    }
+  }
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -95,18 +121,45 @@ int main(int argc, char** argv) {
     }
     if (arg == "--count") {
       count = true;
-    } else if ((arg == "--server" || arg == "--stream") && i + 1 < argc) {
-      (arg == "--server" ? server : stream) = argv[++i];
-    } else {
+      continue;
+    }
+    if (arg.compare(0, 2, "--") != 0 || i + 1 >= argc) {
       fprintf(stderr, "yulotify-forward-dump: unexpected %s\n", arg.c_str());
       return 2;
     }
+    const std::string key = arg.substr(2);
+    const std::string value = argv[++i];
+    if (key == "config") continue;  // applied above
+    if (key == "stream") {
+      options.stream = value;
+      continue;
+    }
+    switch (fwd::SetConnectionOption(key, value, &options.connection,
+                                     &error)) {
+      case fwd::SetResult::kSet:
+        continue;
+      case fwd::SetResult::kBad:
+        fprintf(stderr, "yulotify-forward-dump: %s\n", error.c_str());
+        return 2;
+      case fwd::SetResult::kUnknown:
+        fprintf(stderr, "yulotify-forward-dump: unexpected %s\n",
+                arg.c_str());
+        return 2;
+    }
   }
-  if (server.empty() || stream.empty()) {
-    fprintf(stderr, "yulotify-forward-dump: --server and --stream are required\n");
+  if (options.stream.empty()) {
+    fprintf(stderr, "yulotify-forward-dump: --stream is required\n");
     return 2;
   }
-  const int status = Dump(server, stream, count);
+  if (!fwd::CheckConnectionOptions(options.connection, &error)) {
+    fprintf(stderr, "yulotify-forward-dump: %s\n", error.c_str());
+    return 2;
+  }
+  if (!fwd::LoadConnectionFiles(&options.connection, &error)) {
+    fprintf(stderr, "yulotify-forward-dump: %s\n", error.c_str());
+    return 4;
+  }
+  const int status = Dump(options.connection, options.stream, count);
   nats_Close();
   return status;
 }

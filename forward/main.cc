@@ -12,7 +12,7 @@
 // Exit status: 0 stopped by SIGTERM or SIGINT, 1 a local failure (the spool
 // cannot be opened, bad server options, the queue's directory is not
 // there), 2 usage or configuration error, 3 the server refused to create
-// the stream.
+// the stream, 4 a certificate, key or secret file is refused (connection.h).
 #include <errno.h>
 #include <pwd.h>
 #include <signal.h>
@@ -46,6 +46,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitUnreachable = 3;
+constexpr int kExitSecretFile = 4;
 
 // Lines per batch published before waiting for their acknowledgements.
 constexpr size_t kBatchLines = 1000;
@@ -59,6 +60,9 @@ const char kHelp[] =
     "usage: yulotify-forward --server URL[,URL...] --subject SUBJECT\n"
     "                        [--stream NAME] [--spool DIR] [--spool-max SIZE]\n"
     "                        [--interval MS] [--user NAME] [--hidden-dirs DIRS]\n"
+    "                        [--tls-ca FILE] [--tls-cert FILE --tls-key FILE]\n"
+    "                        [--nats-user NAME --password-file FILE |\n"
+    "                         --token-file FILE | --creds FILE]\n"
     "                        [--config FILE] QUEUE_FILE\n"
     "\n"
     "Takes the lines of a yulotifyd queue file and publishes them, in order,\n"
@@ -69,7 +73,8 @@ const char kHelp[] =
     "Yulotifyd-Event.\n"
     "\n"
     "Options:\n"
-    "  --server URL[,URL...]  NATS servers (nats://host:port)\n"
+    "  --server URL[,URL...]  NATS servers (nats://host:port, tls://host:port),\n"
+    "                         tried in turn\n"
     "  --subject SUBJECT      subject to publish on, e.g. yulotifyd.HOST.QUEUE\n"
     "  --stream NAME          create this stream (file storage, SUBJECT) when\n"
     "                         it does not exist; otherwise use it as it is\n"
@@ -83,10 +88,18 @@ const char kHelp[] =
     "                         then SPOOL/NAME\n"
     "  --hidden-dirs DIR,...  directories this forwarder cannot see: a queue\n"
     "                         file under one is refused\n"
-    "  --config FILE          key=value lines: server, subject, stream, spool,\n"
-    "                         spool-max, interval, queue, user, hidden-dirs; the\n"
-    "                         command line wins. Must not be readable or\n"
-    "                         writable by others.\n"
+    "  --tls-ca FILE          CA certificates that verify the server (TLS)\n"
+    "  --tls-cert FILE        client certificate (TLS), with --tls-key\n"
+    "  --tls-key FILE         its private key\n"
+    "  --nats-user NAME       NATS user name, with --password-file\n"
+    "  --password-file FILE   file whose first line is the user's password\n"
+    "  --token-file FILE      file whose first line is an authentication token\n"
+    "  --creds FILE           NATS credentials file (user JWT and NKey seed)\n"
+    "                         Key, password, token and credentials files must\n"
+    "                         be root's or this user's, mode 600 or 400.\n"
+    "  --config FILE          key=value lines: the options' names without\n"
+    "                         \"--\"; the command line wins. Must not be\n"
+    "                         readable or writable by others.\n"
     "  --help, --version      this text; the program's version\n"
     "\n"
     "Stops on SIGTERM or SIGINT, after waiting up to 5 s for the\n"
@@ -94,7 +107,8 @@ const char kHelp[] =
     "\n"
     "Exit status: 0 stopped by a signal, 1 local failure (spool, options of\n"
     "the connection, the queue file's directory not there), 2 usage or\n"
-    "configuration error, 3 the server refused to create the stream.\n";
+    "configuration error, 3 the server refused to create the stream, 4 a\n"
+    "certificate, key or secret file is refused.\n";
 
 int64_t NowMs() {
   struct timespec ts;
@@ -184,7 +198,7 @@ int Run(const Options& options, const sigset_t& stop_set) {
              static_cast<unsigned long long>(spool.next_seq() - spool.acked_seq()));
 
   Publisher::Config pc;
-  pc.servers = options.servers;
+  pc.connection = options.connection;
   pc.subject = options.subject;
   pc.stream = options.stream;
   pc.host = HostName();
@@ -308,6 +322,11 @@ int main(int argc, char** argv) {
   if (options.version) {
     printf("yulotify-forward %s\n", YULOTIFYD_VERSION);
     return kExitOk;
+  }
+  // Read while still root: the files may be root's alone.
+  if (!LoadConnectionFiles(&options.connection, &error)) {
+    fprintf(stderr, "yulotify-forward: %s\n", error.c_str());
+    return kExitSecretFile;
   }
   // Blocked before the library starts its threads, so that they inherit
   // the mask and the main thread takes the signals with sigtimedwait.

@@ -1,19 +1,12 @@
 #include "forward/options.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <limits>
 #include <map>
 
-#include "base/errno_text.h"
-#include "base/file_io.h"
 #include "base/path.h"
-#include "base/unique_fd.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -38,19 +31,6 @@ bool IsPlainAbsolute(const std::string& path) {
   return true;
 }
 
-// Splits at commas, dropping empty parts.
-std::vector<std::string> SplitServers(const std::string& text) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos <= text.size()) {
-    size_t comma = text.find(',', pos);
-    if (comma == std::string::npos) comma = text.size();
-    if (comma > pos) out.emplace_back(text, pos, comma - pos);
-    pos = comma + 1;
-  }
-  return out;
-}
-
 std::string Trim(const std::string& s) {
   const size_t b = s.find_first_not_of(" \t\r");
   if (b == std::string::npos) return "";
@@ -72,13 +52,15 @@ bool ParseInterval(const std::string& text, int* ms) {
 // Sets one option by its long name (without "--"). `error` says why not.
 bool SetOption(const std::string& key, const std::string& value,
                Options* o, std::string* error) {
-  if (key == "server") {
-    o->servers = SplitServers(value);
-    if (o->servers.empty()) {
-      *error = "server wants one URL or more, separated by commas";
+  switch (SetConnectionOption(key, value, &o->connection, error)) {
+    case SetResult::kSet:
+      return true;
+    case SetResult::kBad:
       return false;
-    }
-  } else if (key == "subject") {
+    case SetResult::kUnknown:
+      break;
+  }
+  if (key == "subject") {
     if (value.empty() || value.find_first_of(" \t*>") != std::string::npos) {
       *error = "subject must be a plain subject (no blanks, no wildcards)";
       return false;
@@ -121,7 +103,7 @@ bool SetOption(const std::string& key, const std::string& value,
     o->user = value;
   } else if (key == "hidden-dirs") {
     o->hidden_dirs.clear();
-    for (const std::string& dir : SplitServers(value)) {
+    for (const std::string& dir : SplitCommaList(value)) {
       if (!IsPlainAbsolute(dir)) {
         *error = "hidden-dirs wants absolute directories without \"..\"";
         return false;
@@ -133,47 +115,6 @@ bool SetOption(const std::string& key, const std::string& value,
     return false;
   }
   return true;
-}
-
-// Reads a configuration file, which may hold the server's password: it
-// must be a regular file that only its owner (root, or the user running
-// the forwarder) can change and that others cannot read.
-bool ReadFile(const std::string& path, std::string* out, std::string* error) {
-  const UniqueFd fd(RetryOnEintr([&] {
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  }));
-  if (!fd.Valid()) {
-    *error = "cannot open " + path + ": " + ErrnoText(errno);
-    return false;
-  }
-  struct stat st;
-  if (fstat(fd.Get(), &st) != 0) {
-    *error = "cannot stat " + path + ": " + ErrnoText(errno);
-    return false;
-  }
-  if (!S_ISREG(st.st_mode)) {
-    *error = path + " is not a regular file";
-    return false;
-  }
-  if ((st.st_mode & (S_IROTH | S_IWOTH | S_IWGRP)) != 0) {
-    char mode[8];
-    snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    *error = path + " is readable or writable by others (mode " + mode +
-             "); it may hold the server's password: chmod 600 it (or 640)";
-    return false;
-  }
-  if (st.st_uid != 0 && st.st_uid != geteuid()) {
-    *error = path + " belongs to user " + std::to_string(st.st_uid) +
-             ", neither root nor the user running the forwarder";
-    return false;
-  }
-  const int err = ReadToEnd(fd.Get(), kMaxConfigBytes, out);
-  if (err == EFBIG) {
-    *error = path + " is too large for a configuration file";
-  } else if (err != 0) {
-    *error = "cannot read " + path + ": " + ErrnoText(err);
-  }
-  return err == 0;
 }
 
 }  // namespace
@@ -220,6 +161,17 @@ bool ApplyConfigText(const std::string& text, const std::string& origin,
   return true;
 }
 
+bool ApplyConfigFile(const std::string& path, Options* options,
+                     std::string* error) {
+  // The file may hold a server's password in a URL: its group may read it,
+  // others may not.
+  std::string text;
+  if (!ReadProtectedFile(path, kMaxConfigBytes, true, &text, error)) {
+    return false;
+  }
+  return ApplyConfigText(text, path, options, error);
+}
+
 bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error) {
   // The file first, so that the command line can override it.
@@ -244,9 +196,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
       } else {
         path = arg.substr(9);
       }
-      std::string text;
-      if (!ReadFile(path, &text, error)) return false;
-      if (!ApplyConfigText(text, path, options, error)) return false;
+      if (!ApplyConfigFile(path, options, error)) return false;
     }
   }
   std::vector<std::string> positional;
@@ -283,10 +233,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
       !SetOption("queue", positional[0], options, error)) {
     return false;
   }
-  if (options->servers.empty()) {
-    *error = "--server is required";
-    return false;
-  }
+  if (!CheckConnectionOptions(options->connection, error)) return false;
   if (options->subject.empty()) {
     *error = "--subject is required";
     return false;

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "forward/connection.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
@@ -25,7 +27,8 @@ constexpr int kDefaultIntervalMs = 1000;
 constexpr int kMaxIntervalMs = 3600 * 1000;
 
 struct Options {
-  std::vector<std::string> servers;  // nats://host:port ...
+  // Servers, TLS and credentials (connection.h); main loads its files.
+  ConnectionOptions connection;
   std::string subject;
   std::string stream;  // empty: publish to whatever stream holds `subject`
   std::string spool_dir = kDefaultSpoolDir;
@@ -47,11 +50,18 @@ struct Options {
 bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error);
 
-// Applies the "key=value" lines of `text` (keys: server, subject, stream,
-// spool, spool-max, interval, queue, user, hidden-dirs) to `options`. `origin` names the file
-// in error messages.
+// Applies the "key=value" lines of `text` (keys: subject, stream,
+// spool, spool-max, interval, queue, user, hidden-dirs and those of
+// SetConnectionOption) to `options`. `origin` names the file in error
+// messages.
 bool ApplyConfigText(const std::string& text, const std::string& origin,
                      Options* options, std::string* error);
+
+// Reads the configuration file `path` (refused unless only root or the
+// user running the program can change it and others cannot read it) and
+// applies its lines to `options`.
+bool ApplyConfigFile(const std::string& path, Options* options,
+                     std::string* error);
 
 // "1048576", "64K", "100M", "1G" (binary units). False when not a positive
 // size that fits in 64 bits, or anything but digits and one unit.

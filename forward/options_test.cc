@@ -30,7 +30,7 @@ TEST(OptionsTest, FullCommandLine) {
                      "--spool-max", "64M", "--interval=50", "/q/a.queue"},
                     &o, &error))
       << error;
-  EXPECT_EQ(o.servers, (std::vector<std::string>{"nats://a:4222", "nats://b:4222"}));
+  EXPECT_EQ(o.connection.servers, (std::vector<std::string>{"nats://a:4222", "nats://b:4222"}));
   EXPECT_EQ(o.subject, "yulotifyd.h.q");
   EXPECT_EQ(o.stream, "S");
   EXPECT_EQ(o.spool_dir, "/sp");
@@ -103,7 +103,7 @@ TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
   Options o;
   std::string error;
   ASSERT_TRUE(Parse({"--config", path, "--interval", "20"}, &o, &error)) << error;
-  EXPECT_EQ(o.servers, (std::vector<std::string>{"nats://a:4222"}));
+  EXPECT_EQ(o.connection.servers, (std::vector<std::string>{"nats://a:4222"}));
   EXPECT_EQ(o.subject, "yulotifyd.h.idx");
   EXPECT_EQ(o.stream, "IDX");
   EXPECT_EQ(o.interval_ms, 20);

@@ -125,12 +125,9 @@ void Publisher::OnAck(jsCtx*, natsMsg* msg, jsPubAck* pa, jsPubAckErr* pae,
 
 bool Publisher::Start(const Config& config, std::string* error) {
   config_ = config;
-  std::vector<const char*> urls;
-  for (const std::string& s : config_.servers) urls.push_back(s.c_str());
-  natsStatus s = natsOptions_Create(&opts_);
-  if (s == NATS_OK)
-    s = natsOptions_SetServers(opts_, urls.data(), static_cast<int>(urls.size()));
-  if (s == NATS_OK) s = natsOptions_SetNoRandomize(opts_, false);
+  // The options refer to config_.connection, which lives as long as we do.
+  if (!BuildNatsOptions(config_.connection, &opts_, error)) return false;
+  natsStatus s = natsOptions_SetNoRandomize(opts_, false);
   if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts_, -1);
   if (s == NATS_OK) s = natsOptions_SetCustomReconnectDelay(opts_, ReconnectDelay, this);
   // The first connection is retried like a lost one: the forwarder starts

@@ -38,6 +38,7 @@
 #include <utility>
 #include <vector>
 
+#include "forward/connection.h"
 #include "forward/spool.h"
 
 namespace YULO {
@@ -47,7 +48,8 @@ namespace FORWARD {
 class Publisher {
  public:
   struct Config {
-    std::vector<std::string> servers;
+    // Servers, TLS, credentials; its files loaded (LoadConnectionFiles).
+    ConnectionOptions connection;
     std::string subject;
     std::string stream;     // empty: do not create it
     std::string host;       // Yulotifyd-Host
