@@ -282,6 +282,31 @@ SinkWriter::Result SinkWriter::BindStream(const std::string& stream,
   return Save(error) ? Result::kDone : Result::kFailed;
 }
 
+SinkWriter::Result SinkWriter::SkipTo(uint64_t first_seq,
+                                      std::string* error) {
+  if (first_seq <= state_.committed + 1) return Result::kDone;
+  UniqueFd fd;
+  struct stat st;
+  const Result r = OpenLocked(&fd, &st, error);
+  if (r != Result::kDone) return r;
+  if (state_.pending.active && !RecoverLocked(fd.Get(), &st, error)) {
+    return Result::kFailed;
+  }
+  if (!CutUnfinishedTail(fd.Get(), &st, error)) return Result::kFailed;
+  // A reset file already asks for every rescan.
+  if (!StartsWithResetMarker(fd.Get(), st.st_size) &&
+      !AppendText(fd.Get(), &st, RescanText(state_.roots), error)) {
+    return Result::kFailed;
+  }
+  YULO_LOG_WARNING("stream %s no longer holds messages %llu to %llu: "
+                   "rescan lines of every host's roots stand in for them",
+                   state_.stream.c_str(),
+                   static_cast<unsigned long long>(state_.committed + 1),
+                   static_cast<unsigned long long>(first_seq - 1));
+  state_.committed = first_seq - 1;
+  return Save(error) ? Result::kDone : Result::kFailed;
+}
+
 SinkWriter::Result SinkWriter::Write(const std::vector<SinkMessage>& messages,
                                      std::string* error) {
   auto first_new = [&] {

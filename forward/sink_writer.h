@@ -90,7 +90,15 @@ class SinkWriter {
   Result BindStream(const std::string& stream, const std::string& created,
                     std::string* error);
 
-  // Writes the lines of `messages` (in stream order) as described above.
+  // The stream no longer holds the messages after `committed` and before
+  // `first_seq` (its limits dropped them before the sink took them): a
+  // rescan line of every root seen stands in for them, and `committed`
+  // moves to first_seq - 1. Done twice after a crash, it only asks for
+  // the rescan twice.
+  Result SkipTo(uint64_t first_seq, std::string* error);
+
+  // Writes the lines of `messages` as described above. REQUIRES: sorted
+  // by stream sequence.
   Result Write(const std::vector<SinkMessage>& messages, std::string* error);
 
   uint64_t committed() const { return state_.committed; }
