@@ -294,11 +294,15 @@ bool LoadConnectionFiles(ConnectionOptions* o, std::string* error) {
 
 std::string LibraryError(natsStatus status) {
   std::string text = natsStatus_GetText(status);
-  const char* last = nats_GetLastError(nullptr);
-  if (last != nullptr && *last != '\0' && text != last) {
-    text += ": ";
-    text += last;
+  const char* last_text = nats_GetLastError(nullptr);
+  std::string last = last_text != nullptr ? last_text : "";
+  // The library puts where in its sources the error arose first:
+  // "(conn.c:733): SSL handshake error: ...". Not for an operator.
+  if (!last.empty() && last[0] == '(') {
+    const size_t end = last.find("): ");
+    if (end != std::string::npos) last.erase(0, end + 3);
   }
+  if (!last.empty() && last != text) text += ": " + last;
   return WithoutUserInfo(text);
 }
 

@@ -35,6 +35,7 @@
 #include "forward/spool.h"
 #include "forward/startup.h"
 #include "yulo_build_config.h"
+#include "yulotifyd/log.h"
 #include "yulotifyd/queue_consumer.h"
 
 namespace {
@@ -58,7 +59,9 @@ constexpr int64_t kMaxBackoffMs = 5000;
 
 const char kHelp[] =
     "usage: yulotify-forward --server URL[,URL...] --subject SUBJECT\n"
-    "                        [--stream NAME] [--spool DIR] [--spool-max SIZE]\n"
+    "                        [--stream NAME [--replicas N]\n"
+    "                        [--duplicate-window D]] [--spool DIR]\n"
+    "                        [--spool-max SIZE]\n"
     "                        [--interval MS] [--user NAME] [--hidden-dirs DIRS]\n"
     "                        [--tls-ca FILE] [--tls-cert FILE --tls-key FILE]\n"
     "                        [--nats-user NAME --password-file FILE |\n"
@@ -78,6 +81,10 @@ const char kHelp[] =
     "  --subject SUBJECT      subject to publish on, e.g. yulotifyd.HOST.QUEUE\n"
     "  --stream NAME          create this stream (file storage, SUBJECT) when\n"
     "                         it does not exist; otherwise use it as it is\n"
+    "  --replicas N           copies of a stream it creates, in a cluster\n"
+    "                         (1 to 5; default 1)\n"
+    "  --duplicate-window D   how long a stream it creates recognises a line\n"
+    "                         sent again (s, m, h or d; default 1d)\n"
     "  --spool DIR            spool directory (default /var/lib/yulotifyd/forward)\n"
     "  --spool-max SIZE       stop taking lines while the spool holds this much\n"
     "                         (bytes, or with K, M, G; default 1G)\n"
@@ -109,6 +116,12 @@ const char kHelp[] =
     "the connection, the queue file's directory not there), 2 usage or\n"
     "configuration error, 3 the server refused to create the stream, 4 a\n"
     "certificate, key or secret file is refused.\n";
+
+// The project's log lines go where the forwarder's own go: to stderr, for
+// the service manager's journal.
+void LogToStderr(int, const char* line) {
+  fprintf(stderr, "yulotify-forward: %s\n", line);
+}
 
 int64_t NowMs() {
   struct timespec ts;
@@ -201,6 +214,8 @@ int Run(const Options& options, const sigset_t& stop_set) {
   pc.connection = options.connection;
   pc.subject = options.subject;
   pc.stream = options.stream;
+  pc.replicas = options.replicas;
+  pc.duplicate_window_s = options.duplicate_window_s;
   pc.host = HostName();
   // Host, queue file, spool epoch and line number: the same line always
   // gets the same id, two lines never do.
@@ -223,6 +238,10 @@ int Run(const Options& options, const sigset_t& stop_set) {
 
   for (;;) {
     if (StopRequested(stop_set)) break;
+    if (!publisher->KeepUp(&error)) {
+      ForwardLog("%s", error.c_str());
+      return kExitFailed;
+    }
     // Take what the queue file holds, unless the spool is at its bound.
     bool took = false;
     if (spool.size_bytes() < options.spool_max_bytes) {
@@ -308,6 +327,7 @@ int Run(const Options& options, const sigset_t& stop_set) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  YULO::YULOTIFYD::SetLogSink(LogToStderr);
   Options options;
   std::string error;
   if (!ParseCommandLine(argc, argv, &options, &error)) {

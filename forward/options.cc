@@ -72,6 +72,20 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
     o->stream = value;
+  } else if (key == "replicas") {
+    if (value.size() != 1 || value[0] < '1' || value[0] > '0' + kMaxReplicas) {
+      *error = "replicas wants a number of copies, 1 to " +
+               std::to_string(kMaxReplicas);
+      return false;
+    }
+    o->replicas = value[0] - '0';
+  } else if (key == "duplicate-window") {
+    if (!ParseDuration(value, kMaxDuplicateWindowSeconds,
+                       &o->duplicate_window_s)) {
+      *error = "duplicate-window wants a duration (suffix s, m, h or d), "
+               "up to 30d";
+      return false;
+    }
   } else if (key == "spool") {
     if (value.empty() || value[0] != '/') {
       *error = "spool must be an absolute directory";
@@ -118,6 +132,24 @@ bool SetOption(const std::string& key, const std::string& value,
 }
 
 }  // namespace
+
+bool ParseDuration(const std::string& text, int64_t max_seconds,
+                   int64_t* seconds) {
+  const size_t digits = text.find_first_not_of("0123456789");
+  const size_t count = digits == std::string::npos ? text.size() : digits;
+  if (count == 0 || count > 9) return false;
+  const std::string unit = text.substr(count);
+  int64_t scale = 1;
+  if (unit == "m") scale = 60;
+  else if (unit == "h") scale = 3600;
+  else if (unit == "d") scale = 24 * 3600;
+  else if (!unit.empty() && unit != "s") return false;
+  const int64_t v =
+      std::strtoll(text.substr(0, count).c_str(), nullptr, 10) * scale;
+  if (v < 1 || v > max_seconds) return false;
+  *seconds = v;
+  return true;
+}
 
 bool ParseSize(const std::string& text, uint64_t* bytes) {
   const size_t digits = text.find_first_not_of("0123456789");

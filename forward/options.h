@@ -25,12 +25,21 @@ constexpr const char kDefaultSpoolDir[] = "/var/lib/yulotifyd/forward";
 constexpr uint64_t kDefaultSpoolMaxBytes = uint64_t{1} << 30;  // 1 GiB
 constexpr int kDefaultIntervalMs = 1000;
 constexpr int kMaxIntervalMs = 3600 * 1000;
+// How long a stream the forwarder creates remembers message ids, so that
+// a line sent again after an outage of up to this long is stored once.
+constexpr int64_t kDefaultDuplicateWindowSeconds = 24 * 3600;
+constexpr int64_t kMaxDuplicateWindowSeconds = 30 * 24 * 3600;
+constexpr int kMaxReplicas = 5;
 
 struct Options {
   // Servers, TLS and credentials (connection.h); main loads its files.
   ConnectionOptions connection;
   std::string subject;
   std::string stream;  // empty: publish to whatever stream holds `subject`
+  // For the stream the forwarder creates: copies kept in a cluster, and
+  // its duplicate window.
+  int replicas = 1;
+  int64_t duplicate_window_s = kDefaultDuplicateWindowSeconds;
   std::string spool_dir = kDefaultSpoolDir;
   uint64_t spool_max_bytes = kDefaultSpoolMaxBytes;
   int interval_ms = kDefaultIntervalMs;
@@ -51,7 +60,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error);
 
 // Applies the "key=value" lines of `text` (keys: subject, stream,
-// spool, spool-max, interval, queue, user, hidden-dirs and those of
+// replicas, duplicate-window, spool, spool-max, interval, queue, user, hidden-dirs and those of
 // SetConnectionOption) to `options`. `origin` names the file in error
 // messages.
 bool ApplyConfigText(const std::string& text, const std::string& origin,
@@ -62,6 +71,11 @@ bool ApplyConfigText(const std::string& text, const std::string& origin,
 // applies its lines to `options`.
 bool ApplyConfigFile(const std::string& path, Options* options,
                      std::string* error);
+
+// "90" or "90s", "15m", "2h", "1d": seconds, at least 1 and at most
+// `max_seconds`.
+bool ParseDuration(const std::string& text, int64_t max_seconds,
+                   int64_t* seconds);
 
 // "1048576", "64K", "100M", "1G" (binary units). False when not a positive
 // size that fits in 64 bits, or anything but digits and one unit.

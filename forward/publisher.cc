@@ -7,10 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/clock.h"
 #include "forward/log.h"
 #include "forward/oversize.h"
 #include "forward/redact.h"
 #include "yulotifyd/json_util.h"
+#include "yulotifyd/log.h"
 #include "yulotifyd/monitor_queue.h"
 
 namespace YULO {
@@ -60,10 +62,26 @@ std::string Publisher::EventOf(const std::string& line) {
   return "";
 }
 
-int64_t Publisher::ReconnectDelay(natsConnection*, int attempts, void*) {
+int64_t Publisher::ReconnectDelay(natsConnection* nc, int attempts,
+                                  void* closure) {
+  auto* self = static_cast<Publisher*>(closure);
   int64_t delay = 100;
   for (int i = 1; i < attempts && delay < 5000; ++i) delay *= 2;
-  return delay < 5000 ? delay : 5000;
+  delay = delay < 5000 ? delay : 5000;
+  // Called once a round over the servers found none to take us back. A
+  // line at the 1st, 2nd, 4th, 8th... round: a long outage shows without
+  // filling the log.
+  if (!self->closing_.load() && (attempts & (attempts - 1)) == 0) {
+    const char* text = nullptr;
+    natsConnection_GetLastError(nc, &text);
+    const std::string why = text != nullptr && *text != '\0'
+                                ? WithoutUserInfo(text)
+                                : std::string("no server answered");
+    YULO_LOG_WARNING("no server took the connection back (%s, round %d); "
+                     "trying again in %lld ms, lines wait in the spool",
+                     why.c_str(), attempts, static_cast<long long>(delay));
+  }
+  return delay;
 }
 
 void Publisher::OnDisconnected(natsConnection*, void* closure) {
@@ -80,10 +98,18 @@ void Publisher::OnReconnected(natsConnection* nc, void* closure) {
   }
 }
 
-void Publisher::OnClosed(natsConnection*, void* closure) {
+void Publisher::OnClosed(natsConnection* nc, void* closure) {
   auto* self = static_cast<Publisher*>(closure);
   self->connected_.store(false);
+  // Why the library gave up (a certificate not verified, authorization
+  // refused), for KeepUp's line.
+  const char* text = nullptr;
+  const natsStatus s = natsConnection_GetLastError(nc, &text);
   std::lock_guard<std::mutex> lock(self->mu_);
+  self->closed_reason_ =
+      WithoutUserInfo(text != nullptr && *text != '\0'
+                          ? std::string(text)
+                          : std::string(natsStatus_GetText(s)));
   self->closed_ = true;
   self->closed_cv_.notify_all();
 }
@@ -130,9 +156,9 @@ bool Publisher::Start(const Config& config, std::string* error) {
   natsStatus s = natsOptions_SetNoRandomize(opts_, false);
   if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts_, -1);
   if (s == NATS_OK) s = natsOptions_SetCustomReconnectDelay(opts_, ReconnectDelay, this);
-  // The first connection is retried like a lost one: the forwarder starts
-  // and spools whether or not the server is up.
-  if (s == NATS_OK) s = natsOptions_SetRetryOnFailedConnect(opts_, true, OnReconnected, this);
+  // The first connection is made by Connect, again and again until one
+  // succeeds (KeepUp): the forwarder starts and spools whether or not a
+  // server is up, and each failure comes back with its reason.
   if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts_, OnDisconnected, this);
   if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts_, OnReconnected, this);
   if (s == NATS_OK) s = natsOptions_SetClosedCB(opts_, OnClosed, this);
@@ -141,14 +167,32 @@ bool Publisher::Start(const Config& config, std::string* error) {
     *error = "bad server options: " + StatusText(s) + " " + LastError();
     return false;
   }
-  s = natsConnection_Connect(&nc_, opts_);
+  return Connect(error);
+}
+
+bool Publisher::Connect(std::string* error) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    closed_ = false;
+    closed_reason_.clear();
+  }
+  nc_ = nullptr;
+  natsStatus s = natsConnection_Connect(&nc_, opts_);
   if (s == NATS_OK) {
+    failed_rounds_ = 0;
+    backoff_ms_ = 0;
     connected_.store(true);
     ForwardLog("connected to %s", ConnectedUrl(nc_).c_str());
-  } else if (s == NATS_NOT_YET_CONNECTED) {
-    ForwardLog("server not reachable yet; lines wait in the spool");
+  } else if (s == NATS_NO_SERVER || s == NATS_SSL_ERROR ||
+             s == NATS_CONNECTION_AUTH_FAILED || s == NATS_NOT_PERMITTED ||
+             s == NATS_TIMEOUT || s == NATS_IO_ERROR ||
+             s == NATS_PROTOCOL_ERROR) {
+    nc_ = nullptr;
+    Failed(s == NATS_NO_SERVER || s == NATS_TIMEOUT || s == NATS_IO_ERROR,
+           LibraryError(s));
+    return true;
   } else {
-    *error = "cannot set up the connection: " + StatusText(s);
+    *error = "cannot set up the connection: " + LibraryError(s);
     return false;
   }
   jsOptions jo;
@@ -163,6 +207,46 @@ bool Publisher::Start(const Config& config, std::string* error) {
     return false;
   }
   return true;
+}
+
+void Publisher::Failed(bool unreachable, const std::string& reason) {
+  ++failed_rounds_;
+  // Unreachable: tried again soon (0.1 s doubling up to 5 s), as the
+  // library does after a lost connection; a line at the 1st, 2nd, 4th,
+  // 8th... round. Refused (a certificate, the credentials): that waits on
+  // an operator, so 1 s doubling up to 60 s, and a line each time.
+  const int64_t first = unreachable ? 100 : 1000;
+  const int64_t most = unreachable ? 5000 : 60000;
+  backoff_ms_ = backoff_ms_ == 0 ? first : std::min(backoff_ms_ * 2, most);
+  retry_at_ms_ = MonotonicMillis() + backoff_ms_;
+  if (!unreachable || (failed_rounds_ & (failed_rounds_ - 1)) == 0) {
+    YULO_LOG_WARNING("cannot connect: %s; trying again in %lld ms, lines "
+                     "wait in the spool",
+                     reason.c_str(), static_cast<long long>(backoff_ms_));
+  }
+}
+
+bool Publisher::KeepUp(std::string* error) {
+  if (nc_ != nullptr) {
+    std::string reason;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      if (!closed_ || closing_.load()) return true;
+      reason = closed_reason_;
+    }
+    // The library gave up the connection (it does when a server refuses
+    // our certificate or credentials); its closed callback has run, so it
+    // calls nothing of ours for it any more.
+    if (js_ != nullptr) jsCtx_Destroy(js_);
+    natsConnection_Destroy(nc_);
+    js_ = nullptr;
+    nc_ = nullptr;
+    stream_ready_ = false;
+    Failed(false, reason);
+    return true;
+  }
+  if (MonotonicMillis() < retry_at_ms_) return true;
+  return Connect(error);
 }
 
 bool Publisher::FindStream(std::string* name, std::string* error) {
@@ -225,6 +309,8 @@ Publisher::StreamResult Publisher::EnsureStream(std::string* error) {
     cfg.Subjects = subjects;
     cfg.SubjectsLen = 1;
     cfg.Storage = js_FileStorage;
+    cfg.Replicas = config_.replicas;
+    cfg.Duplicates = config_.duplicate_window_s * int64_t{1000000000};
     s = js_AddStream(&si, js_, &cfg, nullptr, &jerr);
     if (s != NATS_OK) {
       *error = "cannot create stream " + config_.stream + ": " + StatusText(s) +
@@ -234,6 +320,23 @@ Publisher::StreamResult Publisher::EnsureStream(std::string* error) {
     }
     ForwardLog("created stream %s for subject %s", config_.stream.c_str(),
                config_.subject.c_str());
+    YULO_LOG_NOTICE("stream %s: %d replicas, duplicate window %lld s",
+                    config_.stream.c_str(), config_.replicas,
+                    static_cast<long long>(config_.duplicate_window_s));
+  } else if (s == NATS_OK && !config_.stream.empty() && si->Config != nullptr &&
+             (si->Config->Replicas < config_.replicas ||
+              si->Config->Duplicates <
+                  config_.duplicate_window_s * int64_t{1000000000})) {
+    // Not ours to change: the operator may have chosen less on purpose.
+    YULO_LOG_WARNING("stream %s has %lld replicas and a duplicate window of "
+                     "%lld s, less than the %d and %lld s asked for; left as "
+                     "it is",
+                     name.c_str(),
+                     static_cast<long long>(si->Config->Replicas),
+                     static_cast<long long>(si->Config->Duplicates /
+                                            1000000000),
+                     config_.replicas,
+                     static_cast<long long>(config_.duplicate_window_s));
   } else if (s != NATS_OK) {
     *error = "cannot look up stream " + name + ": " + StatusText(s);
     return StreamResult::kRetry;

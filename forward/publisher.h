@@ -2,8 +2,11 @@
 // spooled lines and reporting which of them the server acknowledged.
 //
 // The connection is made once and then kept up by the library, which
-// reconnects by itself with a growing delay (0.1 s doubling up to 5 s);
-// connection changes are logged once each, from the library's thread.
+// tries the servers in turn and, when none would take it, waits a growing
+// delay (0.1 s doubling up to 5 s) before the next round; connection
+// changes are logged once each, from the library's thread, and so is each
+// round that ended without a connection, with the library's reason (a
+// certificate not verified, authorization refused).
 // Until it is connected nothing is published: the lines wait in the spool,
 // not in the library's buffers.
 //
@@ -22,7 +25,8 @@
 // rescan line in its place (see oversize.h), logged once.
 //
 // Thread-safety: one thread calls the methods; the library's callbacks only
-// touch the acknowledgement table and the closed flag under the mutex and
+// touch the acknowledgement table and the closed flag and reason under the
+// mutex and
 // the connection-state flags, which are atomic. The destructor waits (up to
 // 5 s) for the library's last callback.
 #ifndef YULOTIFYD_FORWARD_PUBLISHER_H_
@@ -52,6 +56,10 @@ class Publisher {
     ConnectionOptions connection;
     std::string subject;
     std::string stream;     // empty: do not create it
+    // For the stream created: copies in a cluster, and how long it keeps
+    // message ids to recognise a line sent again.
+    int replicas = 1;
+    int64_t duplicate_window_s = 120;
     std::string host;       // Yulotifyd-Host
     std::string id_prefix;  // Nats-Msg-Id = id_prefix + seq
   };
@@ -66,6 +74,14 @@ class Publisher {
   bool Start(const Config& config, std::string* error);
 
   bool connected() const { return connected_.load(); }
+
+  // Called often by the owner's loop: makes the connection when there is
+  // none, after a back-off since the last failure, and notices when the
+  // library gave a connection up (it does when a server refuses our
+  // certificate or credentials, instead of trying again). Each failure is
+  // logged with its reason (see Failed). False only for a bad
+  // configuration.
+  bool KeepUp(std::string* error);
 
   enum class StreamResult { kReady, kRetry, kFailed };
   // With a stream name: makes sure the stream exists, creating it (file
@@ -102,6 +118,11 @@ class Publisher {
   static void OnClosed(natsConnection* nc, void* closure);
   static int64_t ReconnectDelay(natsConnection* nc, int attempts,
                                 void* closure);
+  // Makes the connection and its JetStream context; a failure starts a
+  // back-off. False only for a bad configuration.
+  bool Connect(std::string* error);
+  // Starts the back-off after a failed connection and logs `reason`.
+  void Failed(bool unreachable, const std::string& reason);
   // The name of the stream that takes our subject; "" when none does.
   bool FindStream(std::string* name, std::string* error);
   // The largest message size not refused yet; 0 when none was refused.
@@ -140,6 +161,12 @@ class Publisher {
   std::vector<size_t> batch_bytes_;
   size_t refused_size_ = 0;
   bool closed_ = false;  // the closed callback has run
+  std::string closed_reason_;  // the library's last error then
+  // KeepUp's back-off: when the next connection may be made, the current
+  // delay, and the failures since the last connection.
+  int64_t retry_at_ms_ = 0;
+  int64_t backoff_ms_ = 0;
+  uint64_t failed_rounds_ = 0;
   std::condition_variable closed_cv_;
 };
 

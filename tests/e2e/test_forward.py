@@ -4,180 +4,21 @@ and the stream is read back with yulotify-forward-dump."""
 
 import fcntl
 import json
-import os
 import shlex
 import shutil
-import signal
 import socket
 import subprocess
-import time
 from pathlib import Path
 
 import pytest
 
-from harness import LINE_TIMEOUT, monitor, wait_until
+from forward_harness import (  # noqa: F401 (fixtures: forwarders, nats)
+    STREAM, SUBJECT, Forwarder, NatsServer, append_lines, assert_exactly_once,
+    create, create_line, forwarders, jetstream_api, nats, paths,
+    setup_appliance, stream_count, wait_stream)
+from harness import LINE_TIMEOUT, wait_until
 
 QUEUE_LIMIT = 104857600
-SUBJECT = "yulotifyd.test.q"
-STREAM = "YULOTEST"
-
-
-def free_port() -> int:
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-class NatsServer:
-    """One nats-server -js on 127.0.0.1, its store in the test's directory;
-    stop() and start() again keep port and store."""
-
-    def __init__(self, root: Path):
-        self.port = free_port()
-        self.store = root / "nats-store"
-        self.log = root / "nats-server.log"
-        self.proc = None
-
-    @property
-    def url(self) -> str:
-        return "nats://127.0.0.1:%d" % self.port
-
-    def start(self):
-        binary = shutil.which("nats-server")
-        if binary is None:
-            pytest.fail("nats-server is not installed (scripts/deps.sh)")
-        with open(self.log, "ab") as log:
-            self.proc = subprocess.Popen(
-                [binary, "-js", "-a", "127.0.0.1", "-p", str(self.port),
-                 "-sd", str(self.store)],
-                stdout=log, stderr=subprocess.STDOUT)
-
-        def listening():
-            try:
-                with socket.create_connection(("127.0.0.1", self.port), 0.2):
-                    return True
-            except OSError:
-                return False
-        assert wait_until(listening, 10), self.log.read_text()
-
-    def stop(self):
-        if self.proc is not None and self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.proc = None
-
-
-class Forwarder:
-    def __init__(self, prefix: Path, root: Path, server: NatsServer,
-                 queue: Path, *extra: str, argv=None):
-        self.argv = argv or [
-            str(prefix / "bin" / "yulotify-forward"),
-            "--server", server.url, "--subject", SUBJECT,
-            "--stream", STREAM, "--spool", str(root / "spool"),
-            "--interval", "50", *extra, str(queue)]
-        self.stderr = root / "forward.stderr"
-        self.proc = None
-
-    def start(self, wrapper=()):
-        """Starts the forwarder, under `wrapper` (strace, nsenter...) if
-        given."""
-        with open(self.stderr, "ab") as err:
-            self.proc = subprocess.Popen(list(wrapper) + self.argv,
-                                         stdout=subprocess.DEVNULL, stderr=err)
-
-    def wait_exit(self, timeout: float = 15) -> int:
-        return self.proc.wait(timeout)
-
-    def stop(self) -> int:
-        self.proc.send_signal(signal.SIGTERM)
-        return self.proc.wait(15)
-
-    def kill(self):
-        if self.proc is not None and self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
-
-    def log(self) -> str:
-        return self.stderr.read_text() if self.stderr.exists() else ""
-
-    def wait_log(self, text: str, timeout: float = LINE_TIMEOUT):
-        assert wait_until(lambda: text in self.log(), timeout), self.log()
-
-
-@pytest.fixture
-def nats(tmp_path):
-    server = NatsServer(tmp_path)
-    yield server
-    server.stop()
-
-
-@pytest.fixture
-def forwarders():
-    started = []
-    yield started
-    for f in started:
-        f.kill()
-
-
-def stream_count(prefix: Path, server: NatsServer) -> int:
-    r = subprocess.run([str(prefix / "bin" / "yulotify-forward-dump"),
-                        "--server", server.url, "--stream", STREAM, "--count"],
-                       capture_output=True, text=True, timeout=30)
-    return int(r.stdout) if r.returncode == 0 else -1
-
-
-def stream_messages(prefix: Path, server: NatsServer) -> list:
-    r = subprocess.run([str(prefix / "bin" / "yulotify-forward-dump"),
-                        "--server", server.url, "--stream", STREAM],
-                       capture_output=True, text=True, timeout=60)
-    assert r.returncode == 0, r.stderr
-    out = []
-    for text in r.stdout.splitlines():
-        seq, msg_id, host, event, payload = text.split("\t", 4)
-        out.append({"seq": int(seq), "id": msg_id, "host": host,
-                    "event": event, "line": json.loads(payload)})
-    return out
-
-
-def wait_stream(prefix, server, n, forwarder, timeout=60.0) -> list:
-    ok = wait_until(lambda: stream_count(prefix, server) >= n, timeout)
-    assert ok, "stream holds %d of %d; forwarder log:\n%s" % (
-        stream_count(prefix, server), n, forwarder.log())
-    time.sleep(0.5)  # anything more would be a duplicate: let it show
-    return stream_messages(prefix, server)
-
-
-def setup_appliance(make_appliance):
-    app = make_appliance()
-    app.add_volume(1, "/vol1")
-    app.add_share("Public", "/vol1/Public")
-    q = app.queue_path("q.queue")
-    app.add_queue("system", "q.json", q, [monitor("Public", events=["create"])])
-    app.start()
-    app.wait_ready()
-    return app, q
-
-
-def create(app, names):
-    share = app.ns_path("/vol1/Public")
-    for name in names:
-        with open(share / name, "w"):
-            pass
-
-
-def paths(messages):
-    return [m["line"]["path"] for m in messages]
-
-
-def assert_exactly_once(messages, expected_paths):
-    got = paths(messages)
-    assert len(set(m["id"] for m in messages)) == len(messages)
-    assert len(got) == len(set(got)), "a line arrived twice"
-    assert set(got) == set(expected_paths)
 
 
 def test_ten_thousand_creations_arrive_in_order_exactly_once(
@@ -282,51 +123,16 @@ def test_spool_bound_stops_taking_and_the_reset_lines_arrive(
     assert fwd.log().count("spool full") == 1, fwd.log()
 
 
-# The JetStream API, spoken over a bare NATS connection: enough to create
-# or change a stream the way an operator would with their own tools.
-def jetstream_api(server: NatsServer, subject: str, body: dict) -> dict:
-    inbox = "_INBOX.e2e.%d" % os.getpid()
-    payload = json.dumps(body).encode()
-    with socket.create_connection(("127.0.0.1", server.port), 5) as s:
-        f = s.makefile("rb")
-        assert f.readline().startswith(b"INFO")
-        s.sendall(b'CONNECT {"verbose":false,"pedantic":false}\r\n'
-                  b"SUB %s 1\r\nPUB %s %s %d\r\n%s\r\n"
-                  % (inbox.encode(), subject.encode(), inbox.encode(),
-                     len(payload), payload))
-        while True:
-            line = f.readline()
-            assert line, "connection closed"
-            if line.startswith(b"PING"):
-                s.sendall(b"PONG\r\n")
-            elif line.startswith(b"MSG"):
-                data = f.read(int(line.split()[-1]) + 2)[:-2]
-                answer = json.loads(data)
-                assert "error" not in answer, answer
-                return answer
-
-
 def put_stream(server: NatsServer, subjects, max_msg_size=None,
                update=False):
     config = {"name": STREAM, "subjects": subjects, "storage": "file"}
     if max_msg_size is not None:
         config["max_msg_size"] = max_msg_size
     verb = "UPDATE" if update else "CREATE"
-    return jetstream_api(server, "$JS.API.STREAM.%s.%s" % (verb, STREAM),
-                         config)
-
-
-def append_lines(queue: Path, lines):
-    """Appends queue lines as the daemon does: whole lines, under the
-    file's exclusive lock."""
-    with open(queue, "ab") as f:
-        fcntl.flock(f, fcntl.LOCK_EX)
-        f.write(b"".join(json.dumps(l).encode() + b"\n" for l in lines))
-        fcntl.flock(f, fcntl.LOCK_UN)
-
-
-def create_line(name: str) -> dict:
-    return {"event": 64, "is_dir": False, "path": "/vol1/Public/d/" + name}
+    answer = jetstream_api(server, "$JS.API.STREAM.%s.%s" % (verb, STREAM),
+                           config)
+    assert answer is not None and "error" not in answer, answer
+    return answer
 
 
 OVERSIZE_LOG = "is larger than the server takes"
