@@ -8,12 +8,11 @@ import re
 import subprocess
 from pathlib import Path
 
+from forward_harness import (  # noqa: F401 (fixtures: forwarders, nats)
+    STREAM, Forwarder, append_lines, create_line, forwarders, nats,
+    stream_count)
 from harness import wait_until
-# The forwarder's fixtures serve here too: `nats`, a server of the test's
-# own, and `forwarders`, processes killed when the test ends.
-from test_forward import (QUEUE_LIMIT, STREAM, Forwarder, append_lines,  # noqa: F401
-                          create_line, forwarders, nats, put_stream,
-                          stream_count)
+from test_forward import QUEUE_LIMIT, put_stream
 
 # Each appliance's forwarder runs in a UTS namespace of its own, so that
 # its Yulotifyd-Host header names that appliance.
@@ -24,7 +23,7 @@ HOSTNAME_WRAPPER = ["unshare", "--uts", "sh", "-c",
 def forwarder(prefix, root: Path, server, queue: Path, subject: str):
     root.mkdir(parents=True, exist_ok=True)
     return Forwarder(prefix, root, server, queue, argv=[
-        str(prefix / "bin" / "yulotify-forward"), "--server", server.url,
+        str(prefix / "bin" / "yulotify-forward"), *server.client_args(),
         "--subject", subject, "--spool", str(root / "spool"),
         "--interval", "50", str(queue)])
 
@@ -32,7 +31,7 @@ def forwarder(prefix, root: Path, server, queue: Path, subject: str):
 def sink(prefix, root: Path, server, queue: Path, *extra):
     root.mkdir(parents=True, exist_ok=True)
     return Forwarder(prefix, root, server, queue, argv=[
-        str(prefix / "bin" / "yulotify-sink"), "--server", server.url,
+        str(prefix / "bin" / "yulotify-sink"), *server.client_args(),
         "--stream", STREAM, "--host-member", "yes", "--interval", "100",
         *extra, str(queue)])
 
