@@ -8,7 +8,6 @@
 // secret file is refused (connection.h).
 #include <signal.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <nats/nats.h>
 
@@ -16,6 +15,7 @@
 
 #include "forward/sink_options.h"
 #include "forward/sink_run.h"
+#include "forward/stop_signals.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/log.h"
 
@@ -107,11 +107,7 @@ int main(int argc, char** argv) {
   // Blocked before the library starts its threads, so that they inherit
   // the mask and the main thread takes the signals with sigtimedwait.
   sigset_t stop_set;
-  sigemptyset(&stop_set);
-  sigaddset(&stop_set, SIGTERM);
-  sigaddset(&stop_set, SIGINT);
-  sigprocmask(SIG_BLOCK, &stop_set, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  fwd::BlockStopSignals(&stop_set);
   int status = fwd::TakeSinkIdentity(options);
   if (status < 0) status = fwd::RunSink(options, stop_set);
   nats_Close();

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "base/path.h"
+#include "forward/option_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -25,12 +26,6 @@ bool ParseCount(const std::string& text, int low, int high, int* out) {
   if (v < low || v > high) return false;
   *out = static_cast<int>(v);
   return true;
-}
-
-std::string Trim(const std::string& s) {
-  const size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string::npos) return "";
-  return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
 }
 
 // A NATS name (stream, durable consumer): no blanks, dots, wildcards or
@@ -111,97 +106,42 @@ bool SetSinkOption(const std::string& key, const std::string& value,
 
 bool ApplySinkConfigText(const std::string& text, const std::string& origin,
                          SinkOptions* options, std::string* error) {
-  size_t pos = 0;
-  int number = 0;
-  while (pos < text.size()) {
-    size_t nl = text.find('\n', pos);
-    if (nl == std::string::npos) nl = text.size();
-    const std::string line = Trim(text.substr(pos, nl - pos));
-    pos = nl + 1;
-    ++number;
-    if (line.empty() || line[0] == '#') continue;
-    const size_t eq = line.find('=');
-    std::string why = "expected key=value";
-    if (eq != std::string::npos &&
-        SetSinkOption(Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)),
-                      options, &why)) {
-      continue;
-    }
-    *error = origin + ":" + std::to_string(number) + ": " + why;
-    return false;
-  }
-  return true;
+  return ApplyKeyValueLines(
+      text, origin,
+      [options](const std::string& key, const std::string& value,
+                std::string* why) {
+        return SetSinkOption(key, value, options, why);
+      },
+      error);
 }
 
 bool ParseSinkCommandLine(int argc, const char* const* argv,
                           SinkOptions* options, std::string* error) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      options->help = true;
-      return true;
-    }
-    if (arg == "--version") {
-      options->version = true;
-      return true;
-    }
-  }
-  // The file first, so that the command line can override it.
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    std::string path;
-    if (arg == "--config") {
-      if (i + 1 >= argc) {
-        *error = "--config needs a value";
-        return false;
-      }
-      path = argv[++i];
-    } else if (arg.rfind("--config=", 0) == 0) {
-      path = arg.substr(9);
-    } else {
-      continue;
-    }
-    // It may name a password file or hold a URL with one: its group may
-    // read it, others may not.
-    std::string text;
-    if (!ReadProtectedFile(path, kMaxConfigBytes, true, &text, error) ||
-        !ApplySinkConfigText(text, path, options, error)) {
-      return false;
-    }
-  }
-  std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-      positional.push_back(arg);
-      continue;
-    }
-    std::string key = arg.substr(2);
-    std::string value;
-    const size_t eq = key.find('=');
-    if (eq != std::string::npos) {
-      value = key.substr(eq + 1);
-      key.resize(eq);
-    } else if (i + 1 < argc) {
-      value = argv[++i];
-    } else {
-      *error = arg + " needs a value";
-      return false;
-    }
-    if (key == "config") continue;  // applied above
-    if (!SetSinkOption(key, value, options, error)) {
-      if (error->rfind("unknown option", 0) == 0) {
-        *error = "unknown option --" + key;
-      }
-      return false;
-    }
-  }
-  if (positional.size() > 1) {
+  CommandLine line;
+  const bool ok = WalkCommandLine(
+      argc, argv,
+      [options](const std::string& path, std::string* why) {
+        // It may name a password file or hold a URL with one: its group
+        // may read it, others may not.
+        std::string text;
+        return ReadProtectedFile(path, kMaxConfigBytes, true, &text, why) &&
+               ApplySinkConfigText(text, path, options, why);
+      },
+      [options](const std::string& key, const std::string& value,
+                std::string* why) {
+        return SetSinkOption(key, value, options, why);
+      },
+      &line, error);
+  if (!ok) return false;
+  options->help = line.help;
+  options->version = line.version;
+  if (line.help || line.version) return true;
+  if (line.positional.size() > 1) {
     *error = "expects one QUEUE_FILE";
     return false;
   }
-  if (positional.size() == 1 &&
-      !SetSinkOption("queue", positional[0], options, error)) {
+  if (line.positional.size() == 1 &&
+      !SetSinkOption("queue", line.positional[0], options, error)) {
     return false;
   }
   if (options->stream.empty()) {

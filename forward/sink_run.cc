@@ -1,7 +1,6 @@
 #include "forward/sink_run.h"
 
 #include <pwd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include "forward/sink_reader.h"
 #include "forward/sink_writer.h"
 #include "forward/startup.h"
+#include "forward/stop_signals.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -21,24 +21,6 @@ namespace FORWARD {
 namespace {
 
 constexpr int64_t kMaxBackoffMs = 5000;
-
-bool StopRequested(const sigset_t& stop_set) {
-  sigset_t pending;
-  sigpending(&pending);
-  for (int sig : {SIGTERM, SIGINT}) {
-    if (sigismember(&stop_set, sig) && sigismember(&pending, sig)) return true;
-  }
-  return false;
-}
-
-// Sleeps up to `ms`; true when a stop signal came.
-bool WaitForStop(const sigset_t& stop_set, int64_t ms) {
-  if (StopRequested(stop_set)) return true;
-  struct timespec ts = {static_cast<time_t>(ms / 1000),
-                        static_cast<long>((ms % 1000) * 1000000)};
-  const int sig = sigtimedwait(&stop_set, nullptr, &ts);
-  return sig == SIGTERM || sig == SIGINT;
-}
 
 // One failing condition, logged when it starts and when it ends, with a
 // back-off that doubles from 100 ms to 5 s while it lasts.
