@@ -292,6 +292,27 @@ bool LoadConnectionFiles(ConnectionOptions* o, std::string* error) {
   return true;
 }
 
+bool UsesTls(const ConnectionOptions& o) {
+  if (!o.tls_ca_file.empty() || !o.tls_cert_file.empty()) return true;
+  for (const std::string& url : o.servers) {
+    if (HasScheme(url, "tls://")) return true;
+  }
+  return false;
+}
+
+std::string ConnectError(const ConnectionOptions& o, natsStatus status) {
+  std::string text = LibraryError(status);
+  // A server that verifies clients ends a connection without a client
+  // certificate right after the handshake; the library only sees it gone.
+  if (UsesTls(o) && o.tls_cert_file.empty() &&
+      (status == NATS_PROTOCOL_ERROR || status == NATS_CONNECTION_CLOSED ||
+       status == NATS_IO_ERROR)) {
+    text += " (the server ended the TLS connection: does it want a client "
+            "certificate? see --tls-cert)";
+  }
+  return text;
+}
+
 std::string LibraryError(natsStatus status) {
   std::string text = natsStatus_GetText(status);
   const char* last_text = nats_GetLastError(nullptr);
@@ -312,12 +333,9 @@ bool BuildNatsOptions(const ConnectionOptions& o, natsOptions** out,
     *error = "the connection's files are not loaded";
     return false;
   }
-  bool secure = !o.ca_pem.empty() || !o.cert_pem.empty();
+  const bool secure = UsesTls(o);
   std::vector<const char*> urls;
-  for (const std::string& url : o.servers) {
-    urls.push_back(url.c_str());
-    if (HasScheme(url, "tls://")) secure = true;
-  }
+  for (const std::string& url : o.servers) urls.push_back(url.c_str());
   natsOptions* opts = nullptr;
   natsStatus s = natsOptions_Create(&opts);
   const char* step = "servers";
@@ -374,7 +392,7 @@ bool ConnectOnce(const ConnectionOptions& o, int64_t timeout_ms,
   if (s == NATS_OK) s = natsOptions_SetNoRandomize(opts, true);
   if (s == NATS_OK) s = natsOptions_SetAllowReconnect(opts, false);
   if (s == NATS_OK) s = natsConnection_Connect(nc, opts);
-  if (s != NATS_OK) *error = LibraryError(s);
+  if (s != NATS_OK) *error = ConnectError(o, s);
   natsOptions_Destroy(opts);
   return s == NATS_OK;
 }

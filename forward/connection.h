@@ -106,6 +106,14 @@ bool BuildNatsOptions(const ConnectionOptions& options, natsOptions** out,
 bool ConnectOnce(const ConnectionOptions& options, int64_t timeout_ms,
                  natsConnection** nc, std::string* error);
 
+// Whether the servers are spoken to over TLS: a tls:// URL, --tls-ca or a
+// client certificate.
+bool UsesTls(const ConnectionOptions& options);
+
+// Why a connection failed, for an operator: the library's text, and what
+// it likely means when the library cannot tell.
+std::string ConnectError(const ConnectionOptions& options, natsStatus status);
+
 // The library's text for the last failure of a call, without user
 // information in URLs: why a connection failed (a certificate not
 // verified, authorization refused) as far as the library says.

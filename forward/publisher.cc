@@ -189,7 +189,7 @@ bool Publisher::Connect(std::string* error) {
              s == NATS_PROTOCOL_ERROR) {
     nc_ = nullptr;
     Failed(s == NATS_NO_SERVER || s == NATS_TIMEOUT || s == NATS_IO_ERROR,
-           LibraryError(s));
+           ConnectError(config_.connection, s));
     return true;
   } else {
     *error = "cannot set up the connection: " + LibraryError(s);
