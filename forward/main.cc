@@ -34,6 +34,7 @@
 #include "forward/publisher.h"
 #include "forward/spool.h"
 #include "forward/startup.h"
+#include "forward/stop_signals.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_consumer.h"
@@ -127,24 +128,6 @@ int64_t NowMs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-bool StopRequested(const sigset_t& stop_set) {
-  sigset_t pending;
-  sigpending(&pending);
-  for (int sig : {SIGTERM, SIGINT}) {
-    if (sigismember(&stop_set, sig) && sigismember(&pending, sig)) return true;
-  }
-  return false;
-}
-
-// Sleeps up to `ms`; true when a stop signal came.
-bool WaitForStop(const sigset_t& stop_set, int64_t ms) {
-  if (StopRequested(stop_set)) return true;
-  struct timespec ts = {static_cast<time_t>(ms / 1000),
-                        static_cast<long>((ms % 1000) * 1000000)};
-  const int sig = sigtimedwait(&stop_set, nullptr, &ts);
-  return sig == SIGTERM || sig == SIGINT;
 }
 
 std::string HostName() {
@@ -351,11 +334,7 @@ int main(int argc, char** argv) {
   // Blocked before the library starts its threads, so that they inherit
   // the mask and the main thread takes the signals with sigtimedwait.
   sigset_t stop_set;
-  sigemptyset(&stop_set);
-  sigaddset(&stop_set, SIGTERM);
-  sigaddset(&stop_set, SIGINT);
-  sigprocmask(SIG_BLOCK, &stop_set, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  BlockStopSignals(&stop_set);
   int status = TakeIdentity(&options);
   if (status < 0) status = Run(options, stop_set);
   nats_Close();

@@ -15,7 +15,7 @@ std::string Trim(const std::string& s) {
 }  // namespace
 
 bool ApplyKeyValueLines(const std::string& text, const std::string& origin,
-                        const SetOption& set, std::string* error) {
+                        const OptionSetter& set, std::string* error) {
   size_t pos = 0;
   int number = 0;
   while (pos < text.size()) {
@@ -41,7 +41,7 @@ bool WalkCommandLine(
     int argc, const char* const* argv,
     const std::function<bool(const std::string& path, std::string* error)>&
         apply_config,
-    const SetOption& set, CommandLine* out, std::string* error) {
+    const OptionSetter& set, CommandLine* out, std::string* error) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {

@@ -17,7 +17,7 @@ namespace FORWARD {
 // Sets option `key` (a long option's name without "--") to `value`; false
 // with a one-line `error`. An unknown key's error starts with
 // "unknown option".
-using SetOption =
+using OptionSetter =
     std::function<bool(const std::string& key, const std::string& value,
                        std::string* error)>;
 
@@ -25,7 +25,7 @@ using SetOption =
 // lines starting with '#' are skipped, blanks around key and value
 // dropped. `error` is "ORIGIN:LINE: why".
 bool ApplyKeyValueLines(const std::string& text, const std::string& origin,
-                        const SetOption& set, std::string* error);
+                        const OptionSetter& set, std::string* error);
 
 struct CommandLine {
   bool help = false;     // --help or -h
@@ -43,7 +43,7 @@ bool WalkCommandLine(
     int argc, const char* const* argv,
     const std::function<bool(const std::string& path, std::string* error)>&
         apply_config,
-    const SetOption& set, CommandLine* out, std::string* error);
+    const OptionSetter& set, CommandLine* out, std::string* error);
 
 }  // namespace FORWARD
 }  // namespace YULOTIFYD
