@@ -1,5 +1,9 @@
 #include "forward/option_text.h"
 
+#include <cstdlib>
+
+#include "base/path.h"
+
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
@@ -41,7 +45,8 @@ bool WalkCommandLine(
     int argc, const char* const* argv,
     const std::function<bool(const std::string& path, std::string* error)>&
         apply_config,
-    const OptionSetter& set, CommandLine* out, std::string* error) {
+    const OptionSetter& set, const std::string& operand_key,
+    const std::string& operand_name, CommandLine* out, std::string* error) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -69,10 +74,11 @@ bool WalkCommandLine(
     }
     if (!apply_config(path, error)) return false;
   }
+  std::vector<std::string> operands;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-      out->positional.push_back(arg);
+      operands.push_back(arg);
       continue;
     }
     std::string key = arg.substr(2);
@@ -95,7 +101,50 @@ bool WalkCommandLine(
       return false;
     }
   }
+  if (operands.size() > 1) {
+    *error = "expects one " + operand_name;
+    return false;
+  }
+  return operands.empty() || set(operand_key, operands[0], error);
+}
+
+bool IsPlainAbsolute(const std::string& path) {
+  return !path.empty() && path[0] == '/' && !HasDotDotComponent(path);
+}
+
+bool ParseCount(const std::string& text, int low, int high, int* out) {
+  if (text.empty() || text.size() > 9 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  const long v = std::strtol(text.c_str(), nullptr, 10);
+  if (v < low || v > high) return false;
+  *out = static_cast<int>(v);
   return true;
+}
+
+SetResult SetRunAsOption(const std::string& key, const std::string& value,
+                         std::string* user,
+                         std::vector<std::string>* hidden_dirs,
+                         std::string* error) {
+  if (key == "user") {
+    if (value.empty() || value.find_first_of(" \t/:") != std::string::npos) {
+      *error = "user wants a user name";
+      return SetResult::kBad;
+    }
+    *user = value;
+    return SetResult::kSet;
+  }
+  if (key != "hidden-dirs") return SetResult::kUnknown;
+  hidden_dirs->clear();
+  for (const std::string& dir : SplitCommaList(value)) {
+    if (!IsPlainAbsolute(dir)) {
+      *error = "hidden-dirs wants absolute directories without \"..\"";
+      return SetResult::kBad;
+    }
+    hidden_dirs->push_back(NormalisePath(dir));
+  }
+  return SetResult::kSet;
 }
 
 }  // namespace FORWARD

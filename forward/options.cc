@@ -18,31 +18,6 @@ namespace {
 // A configuration file holds a few options; anything larger is a mistake.
 constexpr size_t kMaxConfigBytes = 64 * 1024;
 
-// "/a/b", not "a/b" nor "/a/../b": a path whose meaning does not depend on
-// where ".." leads.
-bool IsPlainAbsolute(const std::string& path) {
-  if (path.empty() || path[0] != '/') return false;
-  size_t pos = 0;
-  while (pos < path.size()) {
-    size_t end = path.find('/', pos);
-    if (end == std::string::npos) end = path.size();
-    if (path.compare(pos, end - pos, "..") == 0) return false;
-    pos = end + 1;
-  }
-  return true;
-}
-
-bool ParseInterval(const std::string& text, int* ms) {
-  if (text.empty() || text.size() > 9 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  const long v = std::strtol(text.c_str(), nullptr, 10);
-  if (v < 1 || v > kMaxIntervalMs) return false;
-  *ms = static_cast<int>(v);
-  return true;
-}
-
 // Sets one option by its long name (without "--"). `error` says why not.
 bool SetOption(const std::string& key, const std::string& value,
                Options* o, std::string* error) {
@@ -92,7 +67,7 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
   } else if (key == "interval") {
-    if (!ParseInterval(value, &o->interval_ms)) {
+    if (!ParseCount(value, 1, kMaxIntervalMs, &o->interval_ms)) {
       *error = "interval wants milliseconds, 1 to " +
                std::to_string(kMaxIntervalMs);
       return false;
@@ -103,24 +78,11 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
     o->queue_file = value;
-  } else if (key == "user") {
-    if (value.empty() || value.find_first_of(" \t/:") != std::string::npos) {
-      *error = "user wants a user name";
-      return false;
-    }
-    o->user = value;
-  } else if (key == "hidden-dirs") {
-    o->hidden_dirs.clear();
-    for (const std::string& dir : SplitCommaList(value)) {
-      if (!IsPlainAbsolute(dir)) {
-        *error = "hidden-dirs wants absolute directories without \"..\"";
-        return false;
-      }
-      o->hidden_dirs.push_back(NormalisePath(dir));
-    }
   } else {
-    *error = "unknown option " + key;
-    return false;
+    const SetResult r =
+        SetRunAsOption(key, value, &o->user, &o->hidden_dirs, error);
+    if (r == SetResult::kUnknown) *error = "unknown option " + key;
+    return r == SetResult::kSet;
   }
   return true;
 }
@@ -196,19 +158,11 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                 std::string* why) {
         return SetOption(key, value, options, why);
       },
-      &line, error);
+      "queue", "QUEUE_FILE", &line, error);
   if (!ok) return false;
   options->help = line.help;
   options->version = line.version;
   if (line.help || line.version) return true;
-  if (line.positional.size() > 1) {
-    *error = "expects one QUEUE_FILE";
-    return false;
-  }
-  if (line.positional.size() == 1 &&
-      !SetOption("queue", line.positional[0], options, error)) {
-    return false;
-  }
   if (!CheckConnectionOptions(options->connection, error)) return false;
   if (options->subject.empty()) {
     *error = "--subject is required";

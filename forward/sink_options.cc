@@ -1,8 +1,5 @@
 #include "forward/sink_options.h"
 
-#include <cstdlib>
-
-#include "base/path.h"
 #include "forward/option_text.h"
 
 namespace YULO {
@@ -12,21 +9,6 @@ namespace FORWARD {
 namespace {
 
 constexpr size_t kMaxConfigBytes = 64 * 1024;
-
-bool PlainAbsolute(const std::string& path) {
-  return !path.empty() && path[0] == '/' && !HasDotDotComponent(path);
-}
-
-bool ParseCount(const std::string& text, int low, int high, int* out) {
-  if (text.empty() || text.size() > 9 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  const long v = std::strtol(text.c_str(), nullptr, 10);
-  if (v < low || v > high) return false;
-  *out = static_cast<int>(v);
-  return true;
-}
 
 // A NATS name (stream, durable consumer): no blanks, dots, wildcards or
 // path separators.
@@ -53,7 +35,7 @@ bool SetSinkOption(const std::string& key, const std::string& value,
     }
     o->subject = value;
   } else if (key == "queue" || key == "state") {
-    if (!PlainAbsolute(value)) {
+    if (!IsPlainAbsolute(value)) {
       *error = key + " must be an absolute path without \"..\"";
       return false;
     }
@@ -75,31 +57,14 @@ bool SetSinkOption(const std::string& key, const std::string& value,
       *error = "interval wants milliseconds, 10 to 60000";
       return false;
     }
-  } else if (key == "user") {
-    if (value.empty() || value.find_first_of(" \t/:") != std::string::npos) {
-      *error = "user wants a user name";
-      return false;
-    }
-    o->user = value;
-  } else if (key == "hidden-dirs") {
-    o->hidden_dirs.clear();
-    for (const std::string& dir : SplitCommaList(value)) {
-      if (!PlainAbsolute(dir)) {
-        *error = "hidden-dirs wants absolute directories without \"..\"";
-        return false;
-      }
-      o->hidden_dirs.push_back(NormalisePath(dir));
-    }
   } else {
-    switch (SetConnectionOption(key, value, &o->connection, error)) {
-      case SetResult::kSet:
-        return true;
-      case SetResult::kBad:
-        return false;
-      case SetResult::kUnknown:
-        *error = "unknown option " + key;
-        return false;
+    SetResult r =
+        SetRunAsOption(key, value, &o->user, &o->hidden_dirs, error);
+    if (r == SetResult::kUnknown) {
+      r = SetConnectionOption(key, value, &o->connection, error);
     }
+    if (r == SetResult::kUnknown) *error = "unknown option " + key;
+    return r == SetResult::kSet;
   }
   return true;
 }
@@ -131,19 +96,11 @@ bool ParseSinkCommandLine(int argc, const char* const* argv,
                 std::string* why) {
         return SetSinkOption(key, value, options, why);
       },
-      &line, error);
+      "queue", "QUEUE_FILE", &line, error);
   if (!ok) return false;
   options->help = line.help;
   options->version = line.version;
   if (line.help || line.version) return true;
-  if (line.positional.size() > 1) {
-    *error = "expects one QUEUE_FILE";
-    return false;
-  }
-  if (line.positional.size() == 1 &&
-      !SetSinkOption("queue", line.positional[0], options, error)) {
-    return false;
-  }
   if (options->stream.empty()) {
     *error = "--stream is required";
     return false;

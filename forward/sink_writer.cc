@@ -256,15 +256,24 @@ bool SinkWriter::RecoverLocked(int fd, struct stat* st, std::string* error) {
   return Save(error);
 }
 
+SinkWriter::Result SinkWriter::OpenSettled(UniqueFd* fd, struct stat* st,
+                                           std::string* error) {
+  const Result r = OpenLocked(fd, st, error);
+  if (r != Result::kDone) return r;
+  if (state_.pending.active && !RecoverLocked(fd->Get(), st, error)) {
+    return Result::kFailed;
+  }
+  return Result::kDone;
+}
+
 SinkWriter::Result SinkWriter::BindStream(const std::string& stream,
                                           const std::string& created,
                                           std::string* error) {
   if (state_.pending.active) {
     UniqueFd fd;
     struct stat st;
-    const Result r = OpenLocked(&fd, &st, error);
+    const Result r = OpenSettled(&fd, &st, error);
     if (r != Result::kDone) return r;
-    if (!RecoverLocked(fd.Get(), &st, error)) return Result::kFailed;
   }
   if (state_.stream == stream && state_.stream_created == created) {
     return Result::kDone;
@@ -287,11 +296,8 @@ SinkWriter::Result SinkWriter::SkipTo(uint64_t first_seq,
   if (first_seq <= state_.committed + 1) return Result::kDone;
   UniqueFd fd;
   struct stat st;
-  const Result r = OpenLocked(&fd, &st, error);
+  const Result r = OpenSettled(&fd, &st, error);
   if (r != Result::kDone) return r;
-  if (state_.pending.active && !RecoverLocked(fd.Get(), &st, error)) {
-    return Result::kFailed;
-  }
   if (!CutUnfinishedTail(fd.Get(), &st, error)) return Result::kFailed;
   // A reset file already asks for every rescan.
   if (!StartsWithResetMarker(fd.Get(), st.st_size) &&
@@ -319,11 +325,8 @@ SinkWriter::Result SinkWriter::Write(const std::vector<SinkMessage>& messages,
   }
   UniqueFd fd;
   struct stat st;
-  const Result r = OpenLocked(&fd, &st, error);
+  const Result r = OpenSettled(&fd, &st, error);
   if (r != Result::kDone) return r;
-  if (state_.pending.active && !RecoverLocked(fd.Get(), &st, error)) {
-    return Result::kFailed;
-  }
   const auto begin = first_new();
   if (begin == messages.end()) return Result::kDone;
   if (!CutUnfinishedTail(fd.Get(), &st, error)) return Result::kFailed;

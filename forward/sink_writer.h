@@ -108,6 +108,8 @@ class SinkWriter {
  private:
   // Opens and locks the queue file (step 1); `st` is its fstat.
   Result OpenLocked(UniqueFd* fd, struct stat* st, std::string* error);
+  // OpenLocked, then RecoverLocked when a write is pending.
+  Result OpenSettled(UniqueFd* fd, struct stat* st, std::string* error);
   // Step 2, under the lock.
   bool RecoverLocked(int fd, struct stat* st, std::string* error);
   // Cuts an unfinished last line left by a write that died: only this
