@@ -41,6 +41,13 @@ class SinkWriterTest : public ::testing::Test {
     return c;
   }
   std::string Queue() { return dir_.Read("central.queue"); }
+  // A sink that writes message 1 ("/vol1/a" of nas-a) and goes away.
+  void FirstRun(bool host_member) {
+    SinkWriter w(Config(host_member));
+    std::string error;
+    ASSERT_TRUE(w.Open(&error)) << error;
+    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
+  }
   void Must(SinkWriter* w, const std::vector<SinkMessage>& m) {
     std::string error;
     ASSERT_EQ(w->Write(m, &error), SinkWriter::Result::kDone) << error;
@@ -121,12 +128,7 @@ TEST_F(SinkWriterTest, OneSinkPerQueueFile) {
 }
 
 TEST_F(SinkWriterTest, CrashAfterTheWriteDoesNotWriteItTwice) {
-  {
-    SinkWriter w(Config());
-    std::string error;
-    ASSERT_TRUE(w.Open(&error)) << error;
-    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
-  }
+  FirstRun(true);
   const std::string line = WithHostMember(Create("/vol1/b"), "nas-a") + "\n";
   PendingAtEnd(2, line.size(), 1);
   Append(line);  // the write got in; the state was not saved after it
@@ -140,12 +142,7 @@ TEST_F(SinkWriterTest, CrashAfterTheWriteDoesNotWriteItTwice) {
 }
 
 TEST_F(SinkWriterTest, CrashBeforeTheWriteWritesItOnce) {
-  {
-    SinkWriter w(Config());
-    std::string error;
-    ASSERT_TRUE(w.Open(&error)) << error;
-    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
-  }
+  FirstRun(true);
   PendingAtEnd(2, 100, 1);
   SinkWriter w(Config());
   std::string error;
@@ -157,12 +154,7 @@ TEST_F(SinkWriterTest, CrashBeforeTheWriteWritesItOnce) {
 }
 
 TEST_F(SinkWriterTest, CrashInTheMiddleOfTheWriteTakesThePartBack) {
-  {
-    SinkWriter w(Config());
-    std::string error;
-    ASSERT_TRUE(w.Open(&error)) << error;
-    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
-  }
+  FirstRun(true);
   const std::string line = WithHostMember(Create("/vol1/b"), "nas-a") + "\n";
   PendingAtEnd(2, line.size(), 1);
   Append(line.substr(0, 10));
@@ -174,12 +166,7 @@ TEST_F(SinkWriterTest, CrashInTheMiddleOfTheWriteTakesThePartBack) {
 }
 
 TEST_F(SinkWriterTest, FileTakenMeanwhileGetsRescansNotCopies) {
-  {
-    SinkWriter w(Config());
-    std::string error;
-    ASSERT_TRUE(w.Open(&error)) << error;
-    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
-  }
+  FirstRun(true);
   PendingAtEnd(3, 200, 1);
   // A consumer takes everything before the sink comes back.
   QueueConsumer consumer(Config().queue_path);
@@ -235,12 +222,7 @@ TEST_F(SinkWriterTest, PastTheLimitTheFileIsResetWithRescansOfEveryHost) {
 }
 
 TEST_F(SinkWriterTest, ResetInterruptedIsDoneOnRestart) {
-  {
-    SinkWriter w(Config(false));
-    std::string error;
-    ASSERT_TRUE(w.Open(&error)) << error;
-    Must(&w, Batch(1, "nas-a", {"/vol1/a"}));
-  }
+  FirstRun(false);
   // The file was emptied for the reset; the marker never got in.
   PendingAtEnd(9, 80, 1);
   SinkState s;

@@ -51,28 +51,39 @@ def consume(prefix, queue: Path) -> list:
     return [json.loads(t) for t in r.stdout.splitlines()]
 
 
-def test_two_appliances_ten_thousand_lines_once_each_in_order_through_two_kills(
-        nats, forwarders, yulotifyd_prefix, tmp_path):
+def fleet(prefix, tmp_path, nats, forwarders, *sink_args):
+    """A stream for every appliance, a sink writing it into
+    central/all.queue, and the queue files of appliances nas-a and nas-b,
+    each with its forwarder. Returns the sink, the central queue file and
+    the appliances' queue files by host."""
     nats.start()
     put_stream(nats, ["yulotifyd.>"])
     central = tmp_path / "central" / "all.queue"
     central.parent.mkdir()
-    snk = sink(yulotifyd_prefix, tmp_path / "sink", nats, central,
-               "--batch", "200")
+    snk = sink(prefix, tmp_path / "sink", nats, central, *sink_args)
     forwarders.append(snk)
     snk.start()
-
-    names = {"nas-a": ["a%05d" % i for i in range(5000)],
-             "nas-b": ["b%05d" % i for i in range(5000)]}
-    for host, files in names.items():
-        queue = tmp_path / host / "q.queue"
-        queue.parent.mkdir()
-        fwd = forwarder(yulotifyd_prefix, tmp_path / host / "fwd", nats,
-                        queue, "yulotifyd.%s.q" % host)
+    queues = {}
+    for host in ("nas-a", "nas-b"):
+        queues[host] = tmp_path / host / "q.queue"
+        queues[host].parent.mkdir()
+        fwd = forwarder(prefix, tmp_path / host / "fwd", nats, queues[host],
+                        "yulotifyd.%s.q" % host)
         forwarders.append(fwd)
         fwd.start(wrapper=HOSTNAME_WRAPPER + [host])
-        for i in range(0, len(files), 500):
-            append_lines(queue, [create_line(n) for n in files[i:i + 500]])
+    return snk, central, queues
+
+
+def test_two_appliances_ten_thousand_lines_once_each_in_order_through_two_kills(
+        nats, forwarders, yulotifyd_prefix, tmp_path):
+    snk, central, queues = fleet(yulotifyd_prefix, tmp_path, nats,
+                                 forwarders, "--batch", "200")
+    names = {"nas-a": ["a%05d" % i for i in range(5000)],
+             "nas-b": ["b%05d" % i for i in range(5000)]}
+    for i in range(0, 5000, 500):
+        for host, files in names.items():
+            append_lines(queues[host],
+                         [create_line(n) for n in files[i:i + 500]])
 
     # Killed twice while lines are still coming, and started again.
     for threshold in (1500, 5000):
@@ -108,22 +119,8 @@ def test_two_appliances_ten_thousand_lines_once_each_in_order_through_two_kills(
 
 def test_central_queue_past_its_limit_is_reset_with_rescans_of_each_host(
         nats, forwarders, yulotifyd_prefix, tmp_path):
-    nats.start()
-    put_stream(nats, ["yulotifyd.>"])
-    central = tmp_path / "central" / "all.queue"
-    central.parent.mkdir()
-    snk = sink(yulotifyd_prefix, tmp_path / "sink", nats, central)
-    forwarders.append(snk)
-    snk.start()
-    queues = {}
-    for host in ("nas-a", "nas-b"):
-        queue = tmp_path / host / "q.queue"
-        queue.parent.mkdir()
-        queues[host] = queue
-        fwd = forwarder(yulotifyd_prefix, tmp_path / host / "fwd", nats,
-                        queue, "yulotifyd.%s.q" % host)
-        forwarders.append(fwd)
-        fwd.start(wrapper=HOSTNAME_WRAPPER + [host])
+    snk, central, queues = fleet(yulotifyd_prefix, tmp_path, nats,
+                                 forwarders)
     append_lines(queues["nas-a"], [create_line("first")])
     append_lines(queues["nas-b"], [
         {"event": 64, "is_dir": False, "path": "/vol2/Media/first"}])
