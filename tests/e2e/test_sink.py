@@ -158,6 +158,21 @@ def test_central_queue_past_its_limit_is_reset_with_rescans_of_each_host(
     assert snk.stop() == 0
 
 
+def test_a_subject_filter_takes_only_its_appliances_lines(
+        nats, forwarders, yulotifyd_prefix, tmp_path):
+    snk, central, queues = fleet(yulotifyd_prefix, tmp_path, nats,
+                                 forwarders, "--subject", "yulotifyd.nas-b.*",
+                                 "--durable", "only-b")
+    for host, queue in queues.items():
+        append_lines(queue, [create_line("%s-%d" % (host, i))
+                             for i in range(20)])
+    assert wait_until(lambda: stream_count(yulotifyd_prefix, nats) == 40, 30)
+    assert wait_until(lambda: line_count(central) == 20, 30), snk.log()
+    assert snk.stop() == 0
+    assert consume(yulotifyd_prefix, central) == [
+        dict(create_line("nas-b-%d" % i), host="nas-b") for i in range(20)]
+
+
 def test_help_version_and_a_second_sink_on_the_same_queue(
         nats, forwarders, yulotifyd_prefix, tmp_path):
     binary = str(yulotifyd_prefix / "bin" / "yulotify-sink")
