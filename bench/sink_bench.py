@@ -56,7 +56,8 @@ def write_queue(queue, count, chunk):
         while written < count:
             n = min(chunk, count - written)
             text = "".join(
-                '{"event":64,"is_dir":false,"path":"/vol1/Public/d%02d/f%07d"}\n'
+                '{"event":64,"is_dir":false,'
+                '"path":"/vol1/Public/d%02d/f%07d"}\n'
                 % (i % 100, i) for i in range(written, written + n))
             fcntl.flock(f, fcntl.LOCK_EX)
             f.write(text.encode())

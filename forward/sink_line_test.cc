@@ -50,7 +50,8 @@ TEST(SinkLineTest, HostNamesAreCleaned) {
 }
 
 TEST(SinkLineTest, MarkerAndRescanLinesAreTheDaemons) {
-  EXPECT_EQ(ResetMarkerLine(), "{\"event\":1024,\"is_dir\":false,\"path\":\"\"}");
+  EXPECT_EQ(ResetMarkerLine(),
+            "{\"event\":1024,\"is_dir\":false,\"path\":\"\"}");
   EXPECT_EQ(RescanLine("/vol1", ""),
             "{\"event\":512,\"is_dir\":true,\"path\":\"/vol1\"}");
   EXPECT_EQ(RescanLine("/", "nas"),

@@ -62,7 +62,8 @@ bool SinkReader::Start(const Config& config, std::string* error) {
 }
 
 bool SinkReader::connected() const {
-  return nc_ != nullptr && natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED;
+  return nc_ != nullptr &&
+         natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED;
 }
 
 std::string SinkReader::ServerUrl() const {

@@ -67,10 +67,10 @@ class SinkWriterTest : public ::testing::Test {
     s.pending.ino = st.st_ino;
     s.pending.offset = st.st_size;
     s.pending.length = length;
-    s.pending.mtime_ns =
-        static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    s.pending.ctime_ns =
-        static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+    s.pending.mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 +
+                         st.st_mtim.tv_nsec;
+    s.pending.ctime_ns = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 +
+                         st.st_ctim.tv_nsec;
     AddRoot(&s.pending.roots, "nas-a", "/vol1");
     ASSERT_TRUE(SaveSinkState(Config().state_path, s, &error)) << error;
   }
