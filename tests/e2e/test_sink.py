@@ -11,8 +11,8 @@ from pathlib import Path
 from forward_harness import (  # noqa: F401 (fixtures: forwarders, nats)
     STREAM, Forwarder, append_lines, create_line, forwarders, nats,
     stream_count)
-from harness import wait_until
-from test_forward import QUEUE_LIMIT, put_stream
+from harness import monitor, wait_until
+from test_forward import QUEUE_LIMIT, put_stream, unit_argv, write_config
 
 # Each appliance's forwarder runs in a UTS namespace of its own, so that
 # its Yulotifyd-Host header names that appliance.
@@ -196,3 +196,58 @@ def test_help_version_and_a_second_sink_on_the_same_queue(
     assert second.wait_exit() == 1
     assert "another yulotify-sink writes %s" % central in second.log()
     assert first.stop() == 0
+
+
+def test_under_its_unit_the_sink_writes_as_the_queues_owner_and_a_planted_link_reaches_nothing(
+        make_appliance, nats, forwarders, yulotifyd_prefix, tmp_path):
+    """Started as its unit starts it (root, the unit's capabilities), for a
+    central queue file in a directory of an unprivileged user's on a data
+    volume: it writes as that user; when the user replaces the queue file
+    with a link to a file of root's, the target keeps every byte."""
+    # The appliance only lends its namespace and data volume; its daemon
+    # wants a queue to run.
+    app = make_appliance()
+    app.add_volume(1, "/vol1")
+    app.add_share("Public", "/vol1/Public")
+    app.add_queue("system", "q.json", app.queue_path("q.queue"),
+                  [monitor("Public", events=["create"])])
+    app.start()
+    app.wait_ready()
+    nats.start()
+    put_stream(nats, ["yulotifyd.>"])
+    app.run_in_ns(["mkdir", "-m", "0755", "/vol1/central"])
+    app.run_in_ns(["chown", "65534:65534", "/vol1/central"])
+    victim = app.ns_path("/vol1/victim")
+    victim.write_text("root's own\n")
+    victim.chmod(0o600)
+    conf = write_config(
+        tmp_path / "sink.conf",
+        "server=%s\nstream=%s\nqueue=/vol1/central/all.queue\n"
+        "host-member=yes\ninterval=100\n" % (nats.url, STREAM))
+    snk = Forwarder(yulotifyd_prefix, tmp_path, nats, None,
+                    argv=unit_argv(yulotifyd_prefix, conf, "yulotify-sink"))
+    forwarders.append(snk)
+    snk.start(wrapper=["nsenter", "--target", str(app.pid), "--mount", "--"])
+    queue = tmp_path / "nas-a" / "q.queue"
+    queue.parent.mkdir()
+    fwd = forwarder(yulotifyd_prefix, tmp_path / "nas-a" / "fwd", nats, queue,
+                    "yulotifyd.nas-a.q")
+    forwarders.append(fwd)
+    fwd.start(wrapper=HOSTNAME_WRAPPER + ["nas-a"])
+    append_lines(queue, [create_line("u%d" % i) for i in range(5)])
+    central = app.ns_path("/vol1/central/all.queue")
+    assert wait_until(lambda: line_count(central) == 5, 30), snk.log()
+    assert "running as nobody (owner of /vol1/central)" in snk.log()
+    state = app.ns_path("/vol1/central/all.queue.sink-state")
+    for path in (central, state):
+        assert path.stat().st_uid == 65534
+        assert path.stat().st_mode & 0o777 == 0o600
+    # The user plants a link to root's file in place of the queue file.
+    app.run_as(["sh", "-c", "rm /vol1/central/all.queue && "
+                "ln -s /vol1/victim /vol1/central/all.queue"], check=True)
+    append_lines(queue, [create_line("more")])
+    snk.wait_log("cannot open /vol1/central/all.queue")
+    assert victim.read_text() == "root's own\n"
+    assert victim.stat().st_uid == 0 and victim.stat().st_mode & 0o777 == 0o600
+    assert snk.proc.poll() is None
+    assert snk.stop() == 0
