@@ -1,35 +1,39 @@
 #!/usr/bin/python3
 """yulotify-forward throughput: lines per second and CPU per line forwarded
-to a local nats-server with JetStream (file storage).
+to nats-server with JetStream (file storage): a single server, and a
+three-node cluster whose stream keeps three replicas, one after the other
+in the same run.
 
 A writer appends N queue lines of the daemon's shape
 ({"event":64,"is_dir":false,"path":"/vol1/Public/dNN/fNNNNNNN"}) to a queue
 file, in chunks under the exclusive lock as the daemon does, while the
-installed forwarder takes them; the run ends when the stream holds all N.
-Prints lines/s (first line written to last line stored), the forwarder's
-CPU (user+system, all threads) in microseconds per line.
-Needs no daemon and no root; the queue file, spool and server store live in
-a temporary directory (put it on the disk you want measured with --dir).
+installed forwarder takes them; a run ends when the stream holds all N.
+Prints, for each, lines/s (first line written to last line stored) and the
+forwarder's CPU (user+system, all threads) in microseconds per line.
+Needs no daemon and no root; the queue file, spool and server stores live
+in a temporary directory (put it on the disk you want measured with --dir).
+The servers are those of the end-to-end tests (tests/e2e/forward_harness.py).
 
     /usr/bin/python3 bench/forward_bench.py --prefix /tmp/yulo-bench
-    /usr/bin/python3 bench/forward_bench.py --prefix /tmp/yulo-bench --count 1000000
+    /usr/bin/python3 bench/forward_bench.py --prefix /tmp/yulo-bench \\
+        --count 1000000 --servers cluster
 """
 
 import argparse
 import fcntl
 import os
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
 import time
+from pathlib import Path
 
+REPO = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+from forward_harness import (  # noqa: E402
+    STREAM, SUBJECT, NatsCluster, NatsServer, stream_count)
 
 
 def cpu_seconds(pid):
@@ -39,42 +43,17 @@ def cpu_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / tick  # utime + stime
 
 
-def stream_count(dump, url, stream):
-    r = subprocess.run([dump, "--server", url, "--stream", stream, "--count"],
-                       capture_output=True, text=True)
-    return int(r.stdout) if r.returncode == 0 else -1
-
-
-def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--count", type=int, default=200000)
-    ap.add_argument("--chunk", type=int, default=1000,
-                    help="lines per locked append (the daemon writes a "
-                         "processor pass's lines like this)")
-    ap.add_argument("--dir", default=None, help="where the files go")
-    args = ap.parse_args()
-
-    work = tempfile.mkdtemp(prefix="forward-bench.", dir=args.dir)
-    port = free_port()
-    url = "nats://127.0.0.1:%d" % port
-    stream = "BENCH"
-    server = subprocess.Popen(
-        [shutil.which("nats-server") or "nats-server", "-js", "-a", "127.0.0.1",
-         "-p", str(port), "-sd", os.path.join(work, "js")],
-        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    queue = os.path.join(work, "q.queue")
-    fwd = None
+def run(args, prefix: Path, work: Path, servers, replicas: int) -> dict:
+    """One forwarder moving args.count lines to `servers`; its figures."""
+    queue = work / "q.queue"
+    fwd = subprocess.Popen(
+        [str(prefix / "bin" / "yulotify-forward"), *servers.client_args(),
+         "--subject", SUBJECT, "--stream", STREAM,
+         "--replicas", str(replicas), "--spool", str(work / "spool"),
+         "--interval", "20", str(queue)],
+        stderr=open(work / "forward.log", "wb"))
     try:
-        time.sleep(1)
-        fwd = subprocess.Popen(
-            [os.path.join(args.prefix, "bin", "yulotify-forward"),
-             "--server", url, "--subject", "yulotifyd.bench.q",
-             "--stream", stream, "--spool", os.path.join(work, "spool"),
-             "--interval", "20", queue],
-            stderr=open(os.path.join(work, "forward.log"), "wb"))
-        dump = os.path.join(args.prefix, "bin", "yulotify-forward-dump")
-        while stream_count(dump, url, stream) < 0:
+        while stream_count(prefix, servers) < 0:
             time.sleep(0.1)
         time.sleep(0.5)
         cpu0 = cpu_seconds(fwd.pid)
@@ -92,25 +71,57 @@ def main():
                 fcntl.flock(f, fcntl.LOCK_UN)
                 written += n
         wrote = time.monotonic() - start
-        while stream_count(dump, url, stream) < args.count:
+        while stream_count(prefix, servers) < args.count:
             time.sleep(0.05)
         elapsed = time.monotonic() - start
         cpu = cpu_seconds(fwd.pid) - cpu0
-        print("lines            %d" % args.count)
-        print("writer done in   %.2f s" % wrote)
-        print("all stored after %.2f s" % elapsed)
-        print("lines/s          %.0f" % (args.count / elapsed))
-        print("forwarder CPU    %.2f s = %.1f us/line" %
-              (cpu, cpu * 1e6 / args.count))
         fwd.terminate()
-        rc = fwd.wait(15)
-        print("forwarder exit   %d" % rc)
+        return {"wrote": wrote, "elapsed": elapsed, "cpu": cpu,
+                "exit": fwd.wait(15)}
     finally:
-        if fwd is not None and fwd.poll() is None:
+        if fwd.poll() is None:
             fwd.kill()
-        server.terminate()
-        server.wait()
-        shutil.rmtree(work, ignore_errors=True)
+            fwd.wait()
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--prefix", required=True)
+    ap.add_argument("--count", type=int, default=200000)
+    ap.add_argument("--chunk", type=int, default=1000,
+                    help="lines per locked append (the daemon writes a "
+                         "processor pass's lines like this)")
+    ap.add_argument("--servers", default="single,cluster",
+                    help="single, cluster or both (comma-separated)")
+    ap.add_argument("--dir", default=None, help="where the files go")
+    args = ap.parse_args()
+    prefix = Path(args.prefix)
+
+    results = []
+    for kind in args.servers.split(","):
+        work = Path(tempfile.mkdtemp(prefix="forward-bench.", dir=args.dir))
+        if kind == "single":
+            servers, replicas = NatsServer(work), 1
+        elif kind == "cluster":
+            servers, replicas = NatsCluster(work, 3), 3
+        else:
+            ap.error("--servers takes single and cluster")
+        try:
+            servers.start()
+            results.append((kind, run(args, prefix, work, servers, replicas)))
+        finally:
+            servers.stop()
+            shutil.rmtree(work, ignore_errors=True)
+
+    print("lines %d, %d a chunk" % (args.count, args.chunk))
+    print("%-24s %12s %12s %10s %12s %5s" % (
+        "servers", "writer (s)", "stored (s)", "lines/s", "CPU us/line",
+        "exit"))
+    for kind, r in results:
+        label = "1 server" if kind == "single" else "3-node cluster, R3"
+        print("%-24s %12.2f %12.2f %10.0f %12.1f %5d" % (
+            label, r["wrote"], r["elapsed"], args.count / r["elapsed"],
+            r["cpu"] * 1e6 / args.count, r["exit"]))
     return 0
 
 

@@ -64,28 +64,42 @@ bool IsTokenText(const std::string& s) {
   return !s.empty();
 }
 
-// Reads a file that holds no secret (a certificate): any regular file.
-bool ReadPublicFile(const std::string& path, std::string* out,
-                    std::string* error) {
-  const UniqueFd fd(RetryOnEintr([&] {
+// Opens `path` for reading, without blocking on a FIFO or taking a
+// terminal, and makes sure it is a regular file.
+bool OpenRegular(const std::string& path, UniqueFd* fd, struct stat* st,
+                 std::string* error) {
+  *fd = UniqueFd(RetryOnEintr([&] {
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   }));
-  struct stat st;
-  if (!fd.Valid() || fstat(fd.Get(), &st) != 0) {
+  if (!fd->Valid() || fstat(fd->Get(), st) != 0) {
     *error = "cannot open " + path + ": " + ErrnoText(errno);
     return false;
   }
-  if (!S_ISREG(st.st_mode)) {
+  if (!S_ISREG(st->st_mode)) {
     *error = path + " is not a regular file";
     return false;
   }
-  const int err = ReadToEnd(fd.Get(), kMaxCertificateFileBytes, out);
+  return true;
+}
+
+bool ReadOpened(const UniqueFd& fd, const std::string& path, size_t max_bytes,
+                std::string* out, std::string* error) {
+  const int err = ReadToEnd(fd.Get(), max_bytes, out);
   if (err != 0) {
     *error = "cannot read " + path + ": " +
              (err == EFBIG ? std::string("too large") : ErrnoText(err));
     return false;
   }
   return true;
+}
+
+// Reads a file that holds no secret (a certificate): any regular file.
+bool ReadPublicFile(const std::string& path, std::string* out,
+                    std::string* error) {
+  UniqueFd fd;
+  struct stat st;
+  return OpenRegular(path, &fd, &st, error) &&
+         ReadOpened(fd, path, kMaxCertificateFileBytes, out, error);
 }
 
 // The library's callbacks for a credentials file: the JWT, and the
@@ -219,22 +233,9 @@ bool CheckConnectionOptions(const ConnectionOptions& o, std::string* error) {
 bool ReadProtectedFile(const std::string& path, size_t max_bytes,
                        bool group_may_read, std::string* out,
                        std::string* error) {
-  const UniqueFd fd(RetryOnEintr([&] {
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  }));
-  if (!fd.Valid()) {
-    *error = "cannot open " + path + ": " + ErrnoText(errno);
-    return false;
-  }
+  UniqueFd fd;
   struct stat st;
-  if (fstat(fd.Get(), &st) != 0) {
-    *error = "cannot stat " + path + ": " + ErrnoText(errno);
-    return false;
-  }
-  if (!S_ISREG(st.st_mode)) {
-    *error = path + " is not a regular file";
-    return false;
-  }
+  if (!OpenRegular(path, &fd, &st, error)) return false;
   const mode_t refused = group_may_read ? (S_IRWXO | S_IWGRP | S_IXGRP)
                                         : (S_IRWXO | S_IRWXG);
   if ((st.st_mode & refused) != 0) {
@@ -251,13 +252,7 @@ bool ReadProtectedFile(const std::string& path, size_t max_bytes,
              ", neither root nor the user running this program";
     return false;
   }
-  const int err = ReadToEnd(fd.Get(), max_bytes, out);
-  if (err != 0) {
-    *error = "cannot read " + path + ": " +
-             (err == EFBIG ? std::string("too large") : ErrnoText(err));
-    return false;
-  }
-  return true;
+  return ReadOpened(fd, path, max_bytes, out, error);
 }
 
 bool LoadConnectionFiles(ConnectionOptions* o, std::string* error) {

@@ -72,11 +72,17 @@ int Dump(const fwd::ConnectionOptions& connection, const std::string& stream,
     for (uint64_t seq = si->State.FirstSeq;
          si->State.Msgs > 0 && seq <= si->State.LastSeq; ++seq) {
       natsMsg* msg = nullptr;
-      const natsStatus s = js_GetMsg(&msg, js, stream.c_str(), seq, nullptr, &jerr);
+      natsStatus s = js_GetMsg(&msg, js, stream.c_str(), seq, nullptr, &jerr);
+      // In a cluster the stream's leader may be changing: asked again.
+      for (int retry = 0; retry < 5 && (s == NATS_TIMEOUT ||
+                                         s == NATS_NO_RESPONDERS); ++retry) {
+        s = js_GetMsg(&msg, js, stream.c_str(), seq, nullptr, &jerr);
+      }
       if (s == NATS_NOT_FOUND) continue;  // deleted
       if (s != NATS_OK) {
-        fprintf(stderr, "yulotify-forward-dump: cannot get message %llu\n",
-                static_cast<unsigned long long>(seq));
+        fprintf(stderr, "yulotify-forward-dump: cannot get message %llu: %s\n",
+                static_cast<unsigned long long>(seq),
+                fwd::LibraryError(s).c_str());
         status = 1;
         break;
       }

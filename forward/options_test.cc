@@ -47,6 +47,77 @@ TEST(OptionsTest, Defaults) {
   EXPECT_EQ(o.spool_max_bytes, uint64_t{1} << 30);
   EXPECT_EQ(o.interval_ms, 1000);
   EXPECT_TRUE(o.stream.empty());
+  EXPECT_EQ(o.replicas, 1);
+  EXPECT_EQ(o.duplicate_window_s, 24 * 3600);
+  EXPECT_TRUE(o.connection.password_file.empty());
+}
+
+TEST(OptionsTest, ClusterTlsAndCredentials) {
+  Options o;
+  std::string error;
+  ASSERT_TRUE(Parse({"--server", "tls://a:4222,tls://b:4222", "--subject", "s",
+                     "--stream", "S", "--replicas", "3",
+                     "--duplicate-window", "12h", "--tls-ca", "/etc/ca.pem",
+                     "--tls-cert", "/etc/c.pem", "--tls-key", "/etc/c.key",
+                     "--nats-user", "nas01", "--password-file", "/etc/pw",
+                     "/q"},
+                    &o, &error))
+      << error;
+  EXPECT_EQ(o.connection.servers,
+            (std::vector<std::string>{"tls://a:4222", "tls://b:4222"}));
+  EXPECT_EQ(o.replicas, 3);
+  EXPECT_EQ(o.duplicate_window_s, 12 * 3600);
+  EXPECT_EQ(o.connection.tls_ca_file, "/etc/ca.pem");
+  EXPECT_EQ(o.connection.tls_cert_file, "/etc/c.pem");
+  EXPECT_EQ(o.connection.tls_key_file, "/etc/c.key");
+  EXPECT_EQ(o.connection.nats_user, "nas01");
+  EXPECT_EQ(o.connection.password_file, "/etc/pw");
+  // Parsing reads none of the files: that is LoadConnectionFiles's.
+  EXPECT_FALSE(o.connection.loaded);
+}
+
+TEST(OptionsTest, ClusterAndCredentialErrors) {
+  const std::vector<std::vector<const char*>> bad = {
+      {"--replicas", "0"},
+      {"--replicas", "6"},
+      {"--replicas", "12"},
+      {"--duplicate-window", "0"},
+      {"--duplicate-window", "31d"},
+      {"--duplicate-window", "1w"},
+      {"--password", "hunter2"},  // never on the command line
+      {"--password-file", "/etc/pw"},  // whose?
+      {"--tls-cert", "/etc/c.pem"},    // without its key
+      {"--token-file", "/t", "--creds", "/c"},
+      {"--server", "ws://a:80"},
+  };
+  for (const auto& extra : bad) {
+    std::vector<const char*> args = {"--server", "nats://a", "--subject",
+                                     "s"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.push_back("/q");
+    Options o;
+    std::string error;
+    EXPECT_FALSE(Parse(args, &o, &error)) << extra[0] << " " << extra[1];
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+TEST(OptionsTest, Durations) {
+  int64_t s = 0;
+  EXPECT_TRUE(ParseDuration("90", 1000, &s));
+  EXPECT_EQ(s, 90);
+  EXPECT_TRUE(ParseDuration("90s", 1000, &s));
+  EXPECT_EQ(s, 90);
+  EXPECT_TRUE(ParseDuration("15m", 1000000, &s));
+  EXPECT_EQ(s, 900);
+  EXPECT_TRUE(ParseDuration("2h", 1000000, &s));
+  EXPECT_EQ(s, 7200);
+  EXPECT_TRUE(ParseDuration("7d", 1000000, &s));
+  EXPECT_EQ(s, 7 * 86400);
+  for (const char* bad : {"", "s", "0", "0h", "-1", "1.5h", "2 h", "1hh",
+                          "1001", "9999999999"}) {
+    EXPECT_FALSE(ParseDuration(bad, 1000, &s)) << bad;
+  }
 }
 
 TEST(OptionsTest, UsageErrors) {
@@ -97,6 +168,10 @@ TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
            "subject=yulotifyd.h.idx\n"
            "\n"
            "stream=IDX\n"
+           "replicas=3\n"
+           "duplicate-window=2d\n"
+           "tls-ca=/etc/ca.pem\n"
+           "creds=/etc/nas01.creds\n"
            "interval=200\n"
            "queue=/q/idx.queue\n";
   }
@@ -108,6 +183,10 @@ TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
   EXPECT_EQ(o.stream, "IDX");
   EXPECT_EQ(o.interval_ms, 20);
   EXPECT_EQ(o.queue_file, "/q/idx.queue");
+  EXPECT_EQ(o.replicas, 3);
+  EXPECT_EQ(o.duplicate_window_s, 2 * 86400);
+  EXPECT_EQ(o.connection.tls_ca_file, "/etc/ca.pem");
+  EXPECT_EQ(o.connection.creds_file, "/etc/nas01.creds");
   unlink(path);
 }
 

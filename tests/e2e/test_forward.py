@@ -16,7 +16,7 @@ from forward_harness import (  # noqa: F401 (fixtures: forwarders, nats)
     STREAM, SUBJECT, Forwarder, NatsServer, append_lines, assert_exactly_once,
     create, create_line, forwarders, jetstream_api, nats, paths,
     setup_appliance, stream_count, wait_stream)
-from harness import LINE_TIMEOUT, wait_until
+from harness import LINE_TIMEOUT, monitor, wait_until
 
 QUEUE_LIMIT = 104857600
 

@@ -92,16 +92,34 @@ def backoffs(log: str) -> list:
         r"cannot connect: .*; trying again in (\d+) ms", log)]
 
 
+def serve_lines(servers, server: NatsServer, tmp_path: Path, stem: str,
+                count: int):
+    """Starts `server` and writes `count` lines to a queue file; returns the
+    queue file and the lines."""
+    servers.append(server)
+    server.start()
+    q = tmp_path / "q.queue"
+    lines = [create_line("%s%04d" % (stem, i)) for i in range(count)]
+    append_lines(q, lines)
+    return q, lines
+
+
+def forwarder_with(prefix, tmp_path, server, queue, args) -> Forwarder:
+    """A forwarder reaching `server` with `args` in place of the ones a
+    trusted client uses."""
+    return Forwarder(prefix, tmp_path, server, queue, argv=[
+        str(prefix / "bin" / "yulotify-forward"), "--server", server.url,
+        "--subject", "yulotifyd.test.q", "--stream", "YULOTEST",
+        "--spool", str(tmp_path / "spool"), "--interval", "50", *args,
+        str(queue)])
+
+
 def run_refused(prefix, tmp_path, server, queue, args, why: str,
                 forwarders) -> str:
     """Runs a forwarder that the server must refuse; waits for the reason
     in its log and for the lines to be in its spool, stops it, and returns
     its log."""
-    fwd = Forwarder(prefix, tmp_path, server, queue, *args, argv=[
-        str(prefix / "bin" / "yulotify-forward"), "--server", server.url,
-        "--subject", "yulotifyd.test.q", "--stream", "YULOTEST",
-        "--spool", str(tmp_path / "spool"), "--interval", "50", *args,
-        str(queue)])
+    fwd = forwarder_with(prefix, tmp_path, server, queue, args)
     forwarders.append(fwd)
     before = len(fwd.log())
     fwd.start()
@@ -112,14 +130,34 @@ def run_refused(prefix, tmp_path, server, queue, args, why: str,
     return fwd.log()[before:]
 
 
+def delivers(prefix, tmp_path, server, queue, lines, forwarders) -> str:
+    """Runs a forwarder as a trusted client: every line arrives, in order.
+    Returns its log."""
+    fwd = Forwarder(prefix, tmp_path, server, queue)
+    forwarders.append(fwd)
+    fwd.start()
+    messages = wait_stream(prefix, server, len(lines), fwd)
+    assert [m["line"] for m in messages] == lines
+    assert fwd.stop() == 0
+    return fwd.log()
+
+
+def refused_at_start(prefix, server, queue, args, path: Path):
+    """A secret file open to others: exit status 4 at start, naming it."""
+    r = subprocess.run(
+        [str(prefix / "bin" / "yulotify-forward"), "--server", server.url,
+         *args, "--subject", "s", str(queue)],
+        capture_output=True, text=True, timeout=30)
+    assert r.returncode == EXIT_SECRET_FILE, r.stderr
+    assert "%s is readable or writable by others (mode 0644)" % path \
+        in r.stderr
+    return r.stderr
+
+
 def test_tls_delivers_with_the_ca_and_refuses_without_it_or_with_another(
         pki, servers, forwarders, yulotifyd_prefix, tmp_path):
     server = tls_server(tmp_path, pki, verify_clients=False)
-    servers.append(server)
-    server.start()
-    q = tmp_path / "q.queue"
-    lines = [create_line("t%04d" % i) for i in range(500)]
-    append_lines(q, lines)
+    q, lines = serve_lines(servers, server, tmp_path, "t", 500)
     for args in (["--tls-ca", pki.pem("otherca")], []):
         log = run_refused(yulotifyd_prefix, tmp_path, server, q, args,
                           "cannot connect", forwarders)
@@ -128,45 +166,26 @@ def test_tls_delivers_with_the_ca_and_refuses_without_it_or_with_another(
         assert "unable to get local issuer certificate" in log, log
         assert "connected to" not in log, log
     assert stream_count(yulotifyd_prefix, server) == -1  # never reached
-    fwd = Forwarder(yulotifyd_prefix, tmp_path, server, q)
-    forwarders.append(fwd)
-    fwd.start()
-    messages = wait_stream(yulotifyd_prefix, server, len(lines), fwd)
-    assert [m["line"] for m in messages] == lines
-    assert fwd.stop() == 0
+    delivers(yulotifyd_prefix, tmp_path, server, q, lines, forwarders)
 
 
 def test_a_server_verifying_clients_takes_the_forwarders_certificate_only(
         pki, servers, forwarders, yulotifyd_prefix, tmp_path):
     server = tls_server(tmp_path, pki, verify_clients=True)
-    servers.append(server)
-    server.start()
-    q = tmp_path / "q.queue"
-    lines = [create_line("c%04d" % i) for i in range(300)]
-    append_lines(q, lines)
+    q, lines = serve_lines(servers, server, tmp_path, "c", 300)
     log = run_refused(yulotifyd_prefix, tmp_path, server, q,
                       ["--tls-ca", pki.pem("ca")], "cannot connect",
                       forwarders)
     assert "connected to" not in log, log
     assert "does it want a client certificate? see --tls-cert" in log, log
-    # A certificate given without its key, or the key open to others, is
-    # refused at start.
+    # The key open to others is refused at start.
     open_key = tmp_path / "open.key"
     open_key.write_bytes(Path(pki.key("client")).read_bytes())
     open_key.chmod(0o644)
-    argv = [str(yulotifyd_prefix / "bin" / "yulotify-forward"),
-            *server.client_args()[:-2], "--tls-key", str(open_key),
-            "--subject", "s", str(q)]
-    r = subprocess.run(argv, capture_output=True, text=True, timeout=30)
-    assert r.returncode == EXIT_SECRET_FILE, r.stderr
-    assert "%s is readable or writable by others (mode 0644)" % open_key \
-        in r.stderr
-    fwd = Forwarder(yulotifyd_prefix, tmp_path, server, q)
-    forwarders.append(fwd)
-    fwd.start()
-    messages = wait_stream(yulotifyd_prefix, server, len(lines), fwd)
-    assert [m["line"] for m in messages] == lines
-    assert fwd.stop() == 0
+    refused_at_start(yulotifyd_prefix, server, q, [
+        "--tls-ca", pki.pem("ca"), "--tls-cert", pki.pem("client"),
+        "--tls-key", str(open_key)], open_key)
+    delivers(yulotifyd_prefix, tmp_path, server, q, lines, forwarders)
 
 
 def password_file(tmp_path: Path, name: str, text: str, mode=0o600) -> Path:
@@ -185,32 +204,20 @@ def test_credentials_right_password_delivers_a_wrong_one_is_refused_per_backoff(
         % PASSWORD,
         client_args=["--nats-user", "appliance", "--password-file",
                      str(good)])
-    servers.append(server)
-    server.start()
-    q = tmp_path / "q.queue"
-    lines = [create_line("p%04d" % i) for i in range(400)]
-    append_lines(q, lines)
+    q, lines = serve_lines(servers, server, tmp_path, "p", 400)
 
     # A password file others can read: refused at start, nothing sent.
     readable = password_file(tmp_path, "readable.pw", PASSWORD, 0o644)
-    argv = [str(yulotifyd_prefix / "bin" / "yulotify-forward"),
-            "--server", server.url, "--nats-user", "appliance",
-            "--password-file", str(readable), "--subject", "s", str(q)]
-    r = subprocess.run(argv, capture_output=True, text=True, timeout=30)
-    assert r.returncode == EXIT_SECRET_FILE, r.stderr
-    assert "%s is readable or writable by others (mode 0644)" % readable \
-        in r.stderr
-    assert PASSWORD not in r.stderr
+    stderr = refused_at_start(yulotifyd_prefix, server, q, [
+        "--nats-user", "appliance", "--password-file", str(readable)],
+        readable)
+    assert PASSWORD not in stderr
     assert q.stat().st_size > 0  # not a line taken
 
     # A wrong password: refused, one line per back-off, each saying why.
     wrong = password_file(tmp_path, "wrong.pw", "not-" + PASSWORD)
-    args = ["--nats-user", "appliance", "--password-file", str(wrong)]
-    fwd = Forwarder(yulotifyd_prefix, tmp_path, server, q, argv=[
-        str(yulotifyd_prefix / "bin" / "yulotify-forward"), "--server",
-        server.url, "--subject", "yulotifyd.test.q", "--stream", "YULOTEST",
-        "--spool", str(tmp_path / "spool"), "--interval", "50", *args,
-        str(q)])
+    fwd = forwarder_with(yulotifyd_prefix, tmp_path, server, q, [
+        "--nats-user", "appliance", "--password-file", str(wrong)])
     forwarders.append(fwd)
     fwd.start()
     assert wait_until(lambda: len(backoffs(fwd.log())) >= 3, 15), fwd.log()
@@ -248,14 +255,22 @@ def test_a_token_file_authenticates(servers, forwarders, yulotifyd_prefix,
         tmp_path, "token",
         "authorization { token: \"t0ken-%s\" }" % PASSWORD,
         client_args=["--token-file", str(token)])
-    servers.append(server)
-    server.start()
-    q = tmp_path / "q.queue"
-    lines = [create_line("k%03d" % i) for i in range(50)]
-    append_lines(q, lines)
-    fwd = Forwarder(yulotifyd_prefix, tmp_path, server, q)
-    forwarders.append(fwd)
-    fwd.start()
-    messages = wait_stream(yulotifyd_prefix, server, len(lines), fwd)
-    assert [m["line"] for m in messages] == lines
-    assert fwd.stop() == 0
+    q, lines = serve_lines(servers, server, tmp_path, "k", 50)
+    delivers(yulotifyd_prefix, tmp_path, server, q, lines, forwarders)
+    # The dump reads the stream with the forwarder's configuration file.
+    config = tmp_path / "forward.conf"
+    config.write_text("server=%s\ntoken-file=%s\nsubject=yulotifyd.test.q\n"
+                      "stream=YULOTEST\nqueue=%s\n" % (server.url, token, q))
+    config.chmod(0o600)
+    r = subprocess.run([str(yulotifyd_prefix / "bin" /
+                            "yulotify-forward-dump"), "--config", str(config),
+                        "--count"], capture_output=True, text=True,
+                       timeout=30)
+    assert (r.returncode, r.stdout) == (0, "50\n"), r.stderr
+    # Without the token the server says no, and the dump says why.
+    r = subprocess.run([str(yulotifyd_prefix / "bin" /
+                            "yulotify-forward-dump"), "--server", server.url,
+                        "--stream", "YULOTEST", "--count"],
+                       capture_output=True, text=True, timeout=30)
+    assert r.returncode == 3, r.stderr
+    assert "Authorization Violation" in r.stderr, r.stderr
