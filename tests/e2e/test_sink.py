@@ -10,8 +10,8 @@ from pathlib import Path
 
 from forward_harness import (  # noqa: F401 (fixtures: forwarders, nats)
     STREAM, Forwarder, append_lines, create_line, forwarders, nats,
-    stream_count)
-from harness import monitor, wait_until
+    setup_appliance, stream_count)
+from harness import wait_until
 from test_forward import QUEUE_LIMIT, put_stream, unit_argv, write_config
 
 # Each appliance's forwarder runs in a UTS namespace of its own, so that
@@ -204,15 +204,8 @@ def test_under_its_unit_the_sink_writes_as_the_queues_owner_and_a_planted_link_r
     central queue file in a directory of an unprivileged user's on a data
     volume: it writes as that user; when the user replaces the queue file
     with a link to a file of root's, the target keeps every byte."""
-    # The appliance only lends its namespace and data volume; its daemon
-    # wants a queue to run.
-    app = make_appliance()
-    app.add_volume(1, "/vol1")
-    app.add_share("Public", "/vol1/Public")
-    app.add_queue("system", "q.json", app.queue_path("q.queue"),
-                  [monitor("Public", events=["create"])])
-    app.start()
-    app.wait_ready()
+    # The appliance only lends its namespace and data volume /vol1.
+    app, _ = setup_appliance(make_appliance)
     nats.start()
     put_stream(nats, ["yulotifyd.>"])
     app.run_in_ns(["mkdir", "-m", "0755", "/vol1/central"])
