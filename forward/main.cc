@@ -33,6 +33,7 @@
 #include "forward/spool.h"
 #include "forward/startup.h"
 #include "forward/stderr_log.h"
+#include "forward/stop_signals.h"
 #include "yulo_build_config.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/queue_consumer.h"
@@ -224,17 +225,6 @@ int Run(const Options& options, const sigset_t& stop_set) {
     default:
       return kExitOk;
   }
-}
-
-// Blocks SIGTERM and SIGINT (in `stop_set`) before the library starts its
-// threads, so that they inherit the mask and the main thread takes the
-// signals while it waits.
-void BlockStopSignals(sigset_t* stop_set) {
-  sigemptyset(stop_set);
-  sigaddset(stop_set, SIGTERM);
-  sigaddset(stop_set, SIGINT);
-  sigprocmask(SIG_BLOCK, stop_set, nullptr);
-  signal(SIGPIPE, SIG_IGN);
 }
 
 int Main(int argc, char** argv) {

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "base/path.h"
+#include "forward/option_text.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -16,30 +17,6 @@ namespace {
 
 // A configuration file holds a few options; anything larger is a mistake.
 constexpr size_t kMaxConfigBytes = 64 * 1024;
-
-// "/a/b", not "a/b" nor "/a/../b": a path whose meaning does not depend on
-// where ".." leads.
-bool IsPlainAbsolute(const std::string& path) {
-  return !path.empty() && path[0] == '/' && !HasDotDotComponent(path);
-}
-
-std::string Trim(const std::string& s) {
-  const size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string::npos) return "";
-  const size_t e = s.find_last_not_of(" \t\r");
-  return s.substr(b, e - b + 1);
-}
-
-bool ParseInterval(const std::string& text, int* ms) {
-  if (text.empty() || text.size() > 9 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  const long v = std::strtol(text.c_str(), nullptr, 10);
-  if (v < 1 || v > kMaxIntervalMs) return false;
-  *ms = static_cast<int>(v);
-  return true;
-}
 
 // Sets one option by its long name (without "--"). `error` says why not.
 bool SetOption(const std::string& key, const std::string& value,
@@ -90,7 +67,7 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
   } else if (key == "interval") {
-    if (!ParseInterval(value, &o->interval_ms)) {
+    if (!ParseCount(value, 1, kMaxIntervalMs, &o->interval_ms)) {
       *error = "interval wants milliseconds, 1 to " +
                std::to_string(kMaxIntervalMs);
       return false;
@@ -101,24 +78,11 @@ bool SetOption(const std::string& key, const std::string& value,
       return false;
     }
     o->queue_file = value;
-  } else if (key == "user") {
-    if (value.empty() || value.find_first_of(" \t/:") != std::string::npos) {
-      *error = "user wants a user name";
-      return false;
-    }
-    o->user = value;
-  } else if (key == "hidden-dirs") {
-    o->hidden_dirs.clear();
-    for (const std::string& dir : SplitCommaList(value)) {
-      if (!IsPlainAbsolute(dir)) {
-        *error = "hidden-dirs wants absolute directories without \"..\"";
-        return false;
-      }
-      o->hidden_dirs.push_back(NormalisePath(dir));
-    }
   } else {
-    *error = "unknown option " + key;
-    return false;
+    const SetResult r =
+        SetRunAsOption(key, value, &o->user, &o->hidden_dirs, error);
+    if (r == SetResult::kUnknown) *error = "unknown option " + key;
+    return r == SetResult::kSet;
   }
   return true;
 }
@@ -162,27 +126,13 @@ bool ParseSize(const std::string& text, uint64_t* bytes) {
 
 bool ApplyConfigText(const std::string& text, const std::string& origin,
                      Options* options, std::string* error) {
-  size_t pos = 0;
-  int number = 0;
-  while (pos < text.size()) {
-    size_t nl = text.find('\n', pos);
-    if (nl == std::string::npos) nl = text.size();
-    const std::string line = Trim(text.substr(pos, nl - pos));
-    pos = nl + 1;
-    ++number;
-    if (line.empty() || line[0] == '#') continue;
-    const size_t eq = line.find('=');
-    std::string why;
-    if (eq == std::string::npos) {
-      why = "expected key=value";
-    } else if (SetOption(Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)),
-                         options, &why)) {
-      continue;
-    }
-    *error = origin + ":" + std::to_string(number) + ": " + why;
-    return false;
-  }
-  return true;
+  return ApplyKeyValueLines(
+      text, origin,
+      [options](const std::string& key, const std::string& value,
+                std::string* why) {
+        return SetOption(key, value, options, why);
+      },
+      error);
 }
 
 bool ApplyConfigFile(const std::string& path, Options* options,
@@ -198,65 +148,21 @@ bool ApplyConfigFile(const std::string& path, Options* options,
 
 bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error) {
-  // The file first, so that the command line can override it.
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      options->help = true;
-      return true;
-    }
-    if (arg == "--version") {
-      options->version = true;
-      return true;
-    }
-    if (arg == "--config" || arg.rfind("--config=", 0) == 0) {
-      std::string path;
-      if (arg == "--config") {
-        if (i + 1 >= argc) {
-          *error = "--config needs a value";
-          return false;
-        }
-        path = argv[i + 1];
-      } else {
-        path = arg.substr(9);
-      }
-      if (!ApplyConfigFile(path, options, error)) return false;
-    }
-  }
-  std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-      positional.push_back(arg);
-      continue;
-    }
-    std::string key = arg.substr(2);
-    std::string value;
-    const size_t eq = key.find('=');
-    if (eq != std::string::npos) {
-      value = key.substr(eq + 1);
-      key.resize(eq);
-    } else {
-      if (i + 1 >= argc) {
-        *error = arg + " needs a value";
-        return false;
-      }
-      value = argv[++i];
-    }
-    if (key == "config") continue;  // applied above
-    if (!SetOption(key, value, options, error)) {
-      if (error->rfind("unknown option", 0) == 0) *error = "unknown option --" + key;
-      return false;
-    }
-  }
-  if (positional.size() > 1) {
-    *error = "expects one QUEUE_FILE";
-    return false;
-  }
-  if (positional.size() == 1 &&
-      !SetOption("queue", positional[0], options, error)) {
-    return false;
-  }
+  CommandLine line;
+  const bool ok = WalkCommandLine(
+      argc, argv,
+      [options](const std::string& path, std::string* why) {
+        return ApplyConfigFile(path, options, why);
+      },
+      [options](const std::string& key, const std::string& value,
+                std::string* why) {
+        return SetOption(key, value, options, why);
+      },
+      "queue", "QUEUE_FILE", &line, error);
+  if (!ok) return false;
+  options->help = line.help;
+  options->version = line.version;
+  if (line.help || line.version) return true;
   if (!CheckConnectionOptions(options->connection, error)) return false;
   if (options->subject.empty()) {
     *error = "--subject is required";

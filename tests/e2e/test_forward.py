@@ -251,11 +251,11 @@ def test_killed_while_emptying_the_spool_the_restart_reuses_no_id(
     assert spool.stat().st_size == 0
 
 
-def unit_argv(prefix: Path, config: Path):
-    """The forwarder's command line as its installed unit gives it, with
-    the unit's capability bounding set and no new privileges (setpriv), for
-    the configuration file `config`."""
-    unit = prefix / "lib" / "systemd" / "system" / "yulotify-forward@.service"
+def unit_argv(prefix: Path, config: Path, program: str = "yulotify-forward"):
+    """The command line of `program` (the forwarder, or yulotify-sink) as
+    its installed unit gives it, with the unit's capability bounding set
+    and no new privileges (setpriv), for the configuration file `config`."""
+    unit = prefix / "lib" / "systemd" / "system" / (program + "@.service")
     exec_start, caps = None, None
     for line in unit.read_text().splitlines():
         if line.startswith("ExecStart="):
@@ -263,10 +263,10 @@ def unit_argv(prefix: Path, config: Path):
         elif line.startswith("CapabilityBoundingSet="):
             caps = [c[4:].lower() for c in line.split("=", 1)[1].split()]
     assert exec_start and caps is not None, unit.read_text()
-    conf = "/etc/yulotifyd/forward/%i.conf"
+    conf = "/etc/yulotifyd/%s/%%i.conf" % program[len("yulotify-"):]
     assert conf in exec_start
     exec_start[exec_start.index(conf)] = str(config)
-    exec_start[0] = str(prefix / "bin" / "yulotify-forward")
+    exec_start[0] = str(prefix / "bin" / program)
     bounding = ",".join(["-all"] + ["+" + c for c in caps])
     return [shutil.which("setpriv"), "--no-new-privs",
             "--bounding-set=" + bounding, "--inh-caps=-all", "--"] + exec_start

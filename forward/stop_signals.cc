@@ -1,0 +1,41 @@
+#include "forward/stop_signals.h"
+
+#include <time.h>
+
+#include <initializer_list>
+
+namespace YULO {
+namespace YULOTIFYD {
+namespace FORWARD {
+
+void BlockStopSignals(sigset_t* stop_set) {
+  sigemptyset(stop_set);
+  sigaddset(stop_set, SIGTERM);
+  sigaddset(stop_set, SIGINT);
+  sigprocmask(SIG_BLOCK, stop_set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+bool StopRequested(const sigset_t& stop_set) {
+  sigset_t pending;
+  sigpending(&pending);
+  for (int sig : {SIGTERM, SIGINT}) {
+    if (sigismember(&stop_set, sig) && sigismember(&pending, sig)) return true;
+  }
+  return false;
+}
+
+bool WaitForStop(const sigset_t& stop_set, int64_t ms) {
+  if (StopRequested(stop_set)) return true;
+  if (ms < 0) ms = 0;
+  // EINTR (a signal outside the set, handled) or EAGAIN (the time is up)
+  // end the wait alike: the caller's next round comes a little early.
+  struct timespec ts = {static_cast<time_t>(ms / 1000),
+                        static_cast<long>((ms % 1000) * 1000000)};
+  const int sig = sigtimedwait(&stop_set, nullptr, &ts);
+  return sig == SIGTERM || sig == SIGINT;
+}
+
+}  // namespace FORWARD
+}  // namespace YULOTIFYD
+}  // namespace YULO
