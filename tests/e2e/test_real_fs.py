@@ -105,39 +105,39 @@ def test_everyday_changes_give_exact_lines(loop_devices, make_appliance,
     app = make_appliance()
     app.add_volume(1, VOLUME, mounted=False)
     app.add_share("Share", SHARE, create=False)
-    queue = app.add_queue("system", "basic.json", monitors=[monitor(
+    queue = app.queue_path("basic.queue")
+    app.add_queue("system", "basic.json", queue, [monitor(
         "Share", events=["create", "delete", "move", "attrib",
                          "close_write"])])
 
     def mount(a):
         mount_in_ns(a, device, VOLUME)
-        a.run_in_ns(["mkdir", "-p", SHARE + "/deep/er"])
+        a.run_in_ns(["sh", "-c", "mkdir -p {0} && cd {0} && "
+                     "mkdir -p deep/er e-dir f-dir && "
+                     "touch b.txt d.txt deep/er/c.txt".format(_sh(SHARE))])
 
     app.start(before_exec=mount)
     app.wait_ready()
+    # One change per name, and no directory removed or renamed that
+    # another change lies in: the lines cannot depend on when the daemon
+    # reads the kernel's reports.
     share = app.ns_path(SHARE)
     (share / "a.txt").write_text("one")
-    os.chmod(share / "a.txt", 0o600)
+    os.chmod(share / "b.txt", 0o600)
     (share / "dir").mkdir()
     drop_kernel_caches()
-    (share / "deep" / "er" / "b.txt").write_text("two")
-    os.rename(share / "a.txt", share / "dir" / "c.txt")
-    os.rename(share / "deep" / "er" / "b.txt", share / "dir" / "b.txt")
-    os.unlink(share / "dir" / "b.txt")
-    os.rename(share / "dir", share / "dir2")
-    os.unlink(share / "dir2" / "c.txt")
-    os.rmdir(share / "dir2")
+    os.rename(share / "deep" / "er" / "c.txt", share / "dir" / "c.txt")
+    os.unlink(share / "d.txt")
+    os.rename(share / "e-dir", share / "e-dir2")
+    os.rmdir(share / "f-dir")
     expected = [
         line(64, SHARE + "/a.txt"), line(8, SHARE + "/a.txt"),
-        line(4, SHARE + "/a.txt"),
+        line(4, SHARE + "/b.txt"),
         line(64, SHARE + "/dir", True),
-        line(64, SHARE + "/deep/er/b.txt"), line(8, SHARE + "/deep/er/b.txt"),
-        line(256, SHARE + "/dir/c.txt", path_old=SHARE + "/a.txt"),
-        line(256, SHARE + "/dir/b.txt", path_old=SHARE + "/deep/er/b.txt"),
-        line(128, SHARE + "/dir/b.txt"),
-        line(256, SHARE + "/dir2", True, path_old=SHARE + "/dir"),
-        line(128, SHARE + "/dir2/c.txt"),
-        line(128, SHARE + "/dir2", True),
+        line(256, SHARE + "/dir/c.txt", path_old=SHARE + "/deep/er/c.txt"),
+        line(128, SHARE + "/d.txt"),
+        line(256, SHARE + "/e-dir2", True, path_old=SHARE + "/e-dir"),
+        line(128, SHARE + "/f-dir", True),
     ]
     lines = wait_lines(app, queue, lambda ls: len(ls) >= len(expected))
     assert lines == expected
@@ -208,10 +208,12 @@ def test_btrfs_subvolume_shares_snapshots_and_roll_back(loop_devices,
     app.add_volume(1, VOLUME, mounted=False)
     app.add_share("Share", SHARE, create=False)
     app.add_share("Backup", BACKUP, create=False)
-    share_queue = app.add_queue("system", "share.json", monitors=[
-        monitor("Share", events=TREE_CODES)])
-    backup_queue = app.add_queue("system", "backup.json", monitors=[
-        monitor("Backup", events=TREE_CODES)])
+    share_queue = app.queue_path("share.queue")
+    backup_queue = app.queue_path("backup.queue")
+    app.add_queue("system", "share.json", share_queue,
+                  [monitor("Share", events=TREE_CODES)])
+    app.add_queue("system", "backup.json", backup_queue,
+                  [monitor("Backup", events=TREE_CODES)])
 
     def prepare(a):
         mount_in_ns(a, device, VOLUME)
