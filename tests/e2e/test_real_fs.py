@@ -22,9 +22,10 @@ from pathlib import Path
 
 import pytest
 
-from harness import _sh, kernel_queue_limit, monitor, wait_lines
+from harness import _sh, monitor, wait_lines
 from replay_model import Replay
-from test_replay import SHARE, VOLUME, Workload, settle, write_files
+from test_replay import (SHARE, VOLUME, Workload, overflow_workload, settle,
+                         write_files)
 
 FILE_SYSTEMS = ["ext4", "xfs", "btrfs"]
 # The smallest sizes each mkfs accepts, in MiB; the images are sparse.
@@ -175,19 +176,9 @@ def test_replay_of_tar_rsync_and_rm(loop_devices, make_appliance, tmp_path,
 
 def test_kernel_queue_overflow_on_xfs(loop_devices, make_appliance):
     device = loop_devices.make("xfs")
-    w = Workload(make_appliance(), "overflow-xfs",
-                 mount=lambda a: mount_in_ns(a, device, VOLUME))
-    with kernel_queue_limit(64):  # taken when the daemon opens fanotify
-        w.start(lambda w: write_files(w.host(SHARE + "/old"), 4, 10))
-    share = w.host(SHARE)
-    with w.stopped(0):
-        write_files(share / "new", 6, 20)
-        subprocess.run(["rm", "-rf", str(share / "old" / "d00")], check=True)
-        os.rename(share / "old" / "d01", share / "renamed")
-    w.app.wait_log(r"Recieve overflow event vol: /vol1$")
-    w.check(rescans_below=[SHARE + "/old", SHARE + "/new", SHARE + "/renamed"],
-            volume_rescan=True)
-    assert VOLUME in w.replay.rescans
+    overflow_workload(Workload(make_appliance(), "overflow-xfs",
+                               mount=lambda a: mount_in_ns(a, device, VOLUME)),
+                      old=(4, 10), new=(6, 20))
 
 
 BACKUP = VOLUME + "/Backup"

@@ -357,15 +357,23 @@ def test_atomic_save_loop(workload):
     workload.check()
 
 
-def test_kernel_queue_overflow(workload):
+def overflow_workload(w, old=(4, 20), new=(10, 30)):
+    """A daemon whose kernel queue overflows while it is stopped, amid
+    creations, a removal and a rename: the replay still gives the tree,
+    with the volume's rescan. `old` and `new`: directories and files per
+    directory (write_files) before and while it is stopped."""
     with kernel_queue_limit(64):  # taken when the daemon opens fanotify
-        workload.start(lambda w: write_files(w.host(SHARE + "/old"), 4, 20))
-    share = workload.host(SHARE)
-    with workload.stopped(0):
-        write_files(share / "new", 10, 30)
+        w.start(lambda w: write_files(w.host(SHARE + "/old"), *old))
+    share = w.host(SHARE)
+    with w.stopped(0):
+        write_files(share / "new", *new)
         subprocess.run(["rm", "-rf", str(share / "old" / "d00")], check=True)
         os.rename(share / "old" / "d01", share / "renamed")
-    workload.app.wait_log(r"Recieve overflow event vol: /vol1$")
-    workload.check(rescans_below=[SHARE + "/old", SHARE + "/new",
-                                  SHARE + "/renamed"], volume_rescan=True)
-    assert VOLUME in workload.replay.rescans
+    w.app.wait_log(r"Recieve overflow event vol: /vol1$")
+    w.check(rescans_below=[SHARE + "/old", SHARE + "/new", SHARE + "/renamed"],
+            volume_rescan=True)
+    assert VOLUME in w.replay.rescans
+
+
+def test_kernel_queue_overflow(workload):
+    overflow_workload(workload)
