@@ -22,7 +22,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import _sh, monitor, wait_lines
+from harness import _sh, monitor, wait_lines, wait_until
 from replay_model import Replay
 from test_replay import (SHARE, VOLUME, Workload, overflow_workload, settle,
                          write_files)
@@ -298,5 +298,15 @@ def test_btrfs_volume_that_is_a_subvolume_mounted_alone(loop_devices,
     assert line(64, SHARE + "/after-rename/d00/s0/f000.txt") in lines
     assert rescan_follows_create(lines, SHARE + "/snap")
     assert not w.app.find_logs(r"Add failed|add_watch")
-    # The volume unmounts at once, although the daemon watches it.
+    # The volume unmounts at once, although the daemon watches it, and the
+    # file system goes (its device is free) once the daemon saw it go.
+    uuid = subprocess.run(["blkid", "-s", "UUID", "-o", "value", device],
+                          check=True, stdout=subprocess.PIPE
+                          ).stdout.decode().strip()
+    alive = Path("/sys/fs/btrfs") / uuid
+    w.run(["umount", TOP])
+    assert alive.exists()
     w.run(["umount", VOLUME])
+    assert wait_until(lambda: not alive.exists(), 20), \
+        "the file system stayed mounted" + w.app.diagnostics()
+    w.app.assert_running()
