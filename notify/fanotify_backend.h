@@ -43,9 +43,10 @@
 // is decoded, rests on it only during that lookup (see OpenByHandleWithin in
 // the .cc: the calling thread gets a working directory of its own for it).
 // One exception, while events keep coming: the directory whose names were
-// last looked up (StatName, for merged events) stays open from one Read to
-// the next as long as each Read looks names up in it, so that an archiver
-// replacing a tree costs one fstatat per merged event; it is closed by the
+// last looked up (StatName and StatDir, for merged events and directory
+// creates) stays open from one Read to the next as long as each Read looks
+// names up in it, so that an archiver replacing a tree costs one fstatat
+// per merged event; it is closed by the
 // first Read that does not use it, by WaitReadable before it waits for
 // events, and by RemoveWatch.
 // When a watched file system is unmounted, the kernel drops its mark and
