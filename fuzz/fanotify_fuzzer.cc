@@ -52,8 +52,8 @@ class FakeResolver : public DirResolver {
     return 0;
   }
   // What a directory holds is a function of the name, so that every
-  // answer comes up: a file, a directory, nothing, or a directory out of
-  // reach.
+  // answer comes up: a file, a directory (empty or not, on the directory's
+  // device or the root of another), nothing, or a directory out of reach.
   int StatName(const DirHandle& dir, std::string_view name,
                struct stat* st) override {
     if (dir.size == 0 || dir.bytes[0] == 0xFF) return ESTALE;
@@ -69,10 +69,21 @@ class FakeResolver : public DirResolver {
       case 2:
         *st = {};
         st->st_mode = S_IFDIR | 0755;
+        st->st_dev = (pick >> 2) & 1;
+        st->st_size = (pick >> 3) & 1 ? 64 : 0;
         return 0;
       default:
         return EACCES;
     }
+  }
+  // Directories live on device 0, or are out of reach.
+  int StatDir(const DirHandle& dir, struct stat* st) override {
+    if (dir.size == 0 || dir.bytes[0] == 0xFF || dir.bytes[0] == 0xFE) {
+      return ESTALE;
+    }
+    *st = {};
+    st->st_mode = S_IFDIR | 0755;
+    return 0;
   }
 };
 
@@ -100,7 +111,8 @@ void CheckRecords(const std::vector<uint8_t>& out, size_t written,
     if (type == YULO_Q_OVERFLOW) {
       FUZZ_CHECK(path.empty() && header.cookie == 0, "overflow record");
     } else if (type == YULO_RESCAN) {
-      // A directory whose entries the translator could not put in order.
+      // A directory whose entries the translator could not put in order,
+      // or one that arrived whole.
       FUZZ_CHECK(header.mask == (YULO_RESCAN | YULO_ISDIR) &&
                      header.cookie == kDerivedRescanCookie,
                  "rescan record mask or cookie");

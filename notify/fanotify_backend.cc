@@ -8,12 +8,15 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 
 #include "base/clock.h"
+#include "base/errno_text.h"
 #include "base/path.h"
+#include "yulotifyd/log.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -159,13 +162,18 @@ int FanotifyBackend::Init() {
   return fd;
 }
 
-int FanotifyBackend::Mark(unsigned int flags, int mount_fd, bool is_dir,
+int FanotifyBackend::Mark(unsigned int flags, int mount_fd,
+                          const MountWatch& watch,
                           const std::string& mount_point, uint64_t mask) {
+  if (watch.top_level.Valid()) {
+    return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask,
+                           watch.top_level.Get(), ".");
+  }
   // Through the descriptor of the mount point, so that the mark lands on
   // the file system that was examined, even if something was mounted over
   // it meanwhile. fanotify_mark takes no O_PATH descriptor for the object
   // itself, only as the directory a name is looked up in.
-  if (is_dir) {
+  if (watch.is_dir) {
     return ::fanotify_mark(fd_.Get(), flags | FAN_MARK_FILESYSTEM, mask,
                            mount_fd, ".");
   }
@@ -183,29 +191,49 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
   if (!mount_fd.Valid()) return -1;
   MountWatch watch;
   struct stat st;
+  std::string root;
   if (::fstat(mount_fd.Get(), &st) != 0 ||
       !FsidOf(mount_fd.Get(), &watch.fsid) ||
-      !ReadFdPath(mount_fd.Get(), &watch.root)) {
+      !ReadFdPath(mount_fd.Get(), &root)) {
     return -1;
   }
   watch.is_dir = S_ISDIR(st.st_mode);
-  watch.order = next_order_++;
+  watch.paths = PathRemap(mount_point, std::move(root));
 
   const uint32_t wanted = event_mask_ | mask;
   uint64_t kernel_mask = FanotifyMarkMask(wanted, rename_events_);
-  int r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch.is_dir, mount_point,
-               kernel_mask);
-  if (r != 0 && errno == EINVAL && !move_mode_known_) {
-    // No FAN_RENAME before Linux 5.17: fall back to the two halves.
-    const uint64_t halves = FanotifyMarkMask(wanted, false);
-    r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch.is_dir, mount_point, halves);
-    if (r == 0) {
-      rename_events_ = false;
-      kernel_mask = halves;
+  const auto mark = [&] {
+    int r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch, mount_point,
+                 kernel_mask);
+    if (r != 0 && errno == EINVAL && !move_mode_known_) {
+      // No FAN_RENAME before Linux 5.17: fall back to the two halves.
+      const uint64_t halves = FanotifyMarkMask(wanted, false);
+      r = Mark(FAN_MARK_ADD, mount_fd.Get(), watch, mount_point, halves);
+      if (r == 0) {
+        rename_events_ = false;
+        kernel_mask = halves;
+      }
     }
+    return r;
+  };
+  int r = mark();
+  if (r != 0 && errno == EXDEV && watch.is_dir) {
+    // A btrfs subvolume mounted on its own: the file system is marked
+    // through its top-level subvolume instead.
+    const int err = SetUpTopLevel(mount_fd.Get(), &watch);
+    if (err != 0) {
+      YULO_LOG_WARNING(
+          "fanotify: %s: no whole-file-system mark through the mount point "
+          "and no top-level subvolume to mark it through: %s (%d)",
+          mount_point.c_str(), ErrnoText(err).c_str(), err);
+      errno = EXDEV;  // the kernel's refusal is the reason the caller needs
+      return -1;
+    }
+    r = mark();
   }
   if (r != 0) return -1;
   move_mode_known_ = true;
+  watch.order = next_order_++;
 
   fs_masks_[watch.fsid] |= kernel_mask;
   event_mask_ = wanted;
@@ -219,6 +247,7 @@ int FanotifyBackend::AddWatch(int fd, const std::string& mount_point,
 void FanotifyBackend::ReleaseStatDir() {
   stat_dir_.Reset();
   stat_dir_key_.clear();
+  stat_dir_st_known_ = false;
 }
 
 std::map<std::string, FanotifyBackend::MountWatch>::iterator
@@ -231,6 +260,63 @@ FanotifyBackend::FindWatch(int fd, const std::string& mount_point) {
   const auto it = watches_.find(mount_point);
   if (it == watches_.end()) errno = ENOENT;
   return it;
+}
+
+int FanotifyBackend::SetUpTopLevel(int mount_fd, MountWatch* watch) {
+  int err = MountTopLevelSubvolume(mount_fd, &watch->top_level);
+  if (err != 0) return err;
+  struct stat st;
+  int mount_id = 0;
+  alignas(struct file_handle)
+      uint8_t storage[sizeof(struct file_handle) + MAX_HANDLE_SZ];
+  struct file_handle* handle = reinterpret_cast<struct file_handle*>(storage);
+  handle->handle_bytes = MAX_HANDLE_SZ;
+  std::string top_path;
+  if (!FsidOf(watch->top_level.Get(), &watch->fsid) ||
+      ::fstat(mount_fd, &st) != 0 ||
+      ::name_to_handle_at(mount_fd, "", handle, &mount_id, AT_EMPTY_PATH) !=
+          0) {
+    err = errno;
+  } else {
+    watch->root_dev = st.st_dev;
+    watch->root_ino = st.st_ino;
+    watch->root_handle.assign(reinterpret_cast<const char*>(storage),
+                              sizeof(struct file_handle) +
+                                  handle->handle_bytes);
+    err = FindSubvolumeRoot(*watch, &top_path);
+  }
+  if (err != 0) {
+    watch->top_level.Reset();
+    return err;
+  }
+  watch->paths.SetKernelRoot(std::move(top_path));
+  return 0;
+}
+
+int FanotifyBackend::FindSubvolumeRoot(const MountWatch& watch,
+                                       std::string* path) {
+  alignas(struct file_handle)
+      uint8_t storage[sizeof(struct file_handle) + MAX_HANDLE_SZ];
+  if (watch.root_handle.size() > sizeof(storage)) return EINVAL;
+  std::memcpy(storage, watch.root_handle.data(), watch.root_handle.size());
+  UniqueFd root(OpenByHandleWithin(watch.top_level.Get(),
+                                   reinterpret_cast<struct file_handle*>(storage),
+                                   O_PATH | O_CLOEXEC));
+  if (!root.Valid() || !ReadFdPath(root.Get(), path)) return errno;
+  return 0;
+}
+
+int FanotifyBackend::MarkableFd(const std::string& mount_point,
+                                const MountWatch& watch, UniqueFd* owned) {
+  // The top-level mount stays reachable whatever happens at the mount
+  // point.
+  if (watch.top_level.Valid()) return watch.top_level.Get();
+  owned->Reset(OpenPathOnly(mount_point));
+  uint64_t now = 0;
+  if (!owned->Valid() || !FsidOf(owned->Get(), &now) || now != watch.fsid) {
+    return -1;
+  }
+  return owned->Get();
 }
 
 int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
@@ -252,11 +338,11 @@ int FanotifyBackend::RemoveWatch(int fd, const std::string& mount_point,
     // mark goes with the last of them.
     const auto mask = fs_masks_.find(fsid);
     if (mask != fs_masks_.end()) {
-      UniqueFd mount_fd(OpenPathOnly(mount_point));
-      uint64_t now = 0;
-      if (mount_fd.Valid() && FsidOf(mount_fd.Get(), &now) && now == fsid) {
-        r = Mark(FAN_MARK_REMOVE, mount_fd.Get(), it->second.is_dir,
-                 mount_point, mask->second);
+      UniqueFd owned;
+      const int mount_fd = MarkableFd(mount_point, it->second, &owned);
+      if (mount_fd >= 0) {
+        r = Mark(FAN_MARK_REMOVE, mount_fd, it->second, mount_point,
+                 mask->second);
         err = errno;
       }
       // Otherwise the file system is no longer mounted there. Unmounted, it
@@ -286,9 +372,9 @@ int FanotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
   const uint64_t wanted = FanotifyMarkMask(new_mask, rename_events_);
   const uint64_t added = wanted & ~marked;
   const uint64_t removed = marked & ~wanted;
-  UniqueFd mount_fd(OpenPathOnly(mount_point));
-  uint64_t now = 0;
-  if (!mount_fd.Valid() || !FsidOf(mount_fd.Get(), &now) || now != fsid) {
+  UniqueFd owned;
+  const int mount_fd = MarkableFd(mount_point, it->second, &owned);
+  if (mount_fd < 0) {
     // The file system is no longer mounted there: its mark went with it
     // (see RemoveWatch). Nothing to change in the kernel.
     fs_masks_[fsid] = wanted;
@@ -297,8 +383,7 @@ int FanotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
     return 0;
   }
   if (added != 0) {
-    if (Mark(FAN_MARK_ADD, mount_fd.Get(), it->second.is_dir, mount_point,
-             added) != 0) {
+    if (Mark(FAN_MARK_ADD, mount_fd, it->second, mount_point, added) != 0) {
       return -1;
     }
     fs_masks_[fsid] |= added;
@@ -307,8 +392,8 @@ int FanotifyBackend::ChangeWatchMask(int fd, const std::string& mount_point,
     translator_.SetEventMask(event_mask_ | new_mask);
   }
   if (removed != 0) {
-    if (Mark(FAN_MARK_REMOVE, mount_fd.Get(), it->second.is_dir, mount_point,
-             removed) != 0) {
+    if (Mark(FAN_MARK_REMOVE, mount_fd, it->second, mount_point, removed) !=
+        0) {
       const int err = errno;
       event_mask_ |= new_mask;
       errno = err;
@@ -455,22 +540,27 @@ bool FanotifyBackend::FinishPending() {
   return translator_.HasPending();
 }
 
-const std::pair<const std::string, FanotifyBackend::MountWatch>*
-FanotifyBackend::Resolver(uint64_t fsid) {
-  const std::pair<const std::string, MountWatch>* best = nullptr;
-  for (const auto& entry : watches_) {
-    if (entry.second.fsid == fsid &&
-        (best == nullptr || entry.second.order < best->second.order)) {
-      best = &entry;
-    }
+void FanotifyBackend::Resolvers(uint64_t fsid, std::vector<WatchEntry*>* out) {
+  out->clear();
+  for (auto& entry : watches_) {
+    if (entry.second.fsid == fsid) out->push_back(&entry);
   }
-  return best;
+  std::sort(out->begin(), out->end(),
+            [](const WatchEntry* a, const WatchEntry* b) {
+              return a->second.order < b->second.order;
+            });
 }
 
-int FanotifyBackend::OpenDir(
-    const DirHandle& dir, UniqueFd* out,
-    const std::pair<const std::string, MountWatch>** watch_out) {
-  const auto* watch = Resolver(dir.fsid);
+int FanotifyBackend::OpenDir(const DirHandle& dir, UniqueFd* out,
+                             const WatchEntry* watch) {
+  if (watch == nullptr) {
+    for (const auto& entry : watches_) {
+      if (entry.second.fsid == dir.fsid &&
+          (watch == nullptr || entry.second.order < watch->second.order)) {
+        watch = &entry;
+      }
+    }
+  }
   if (watch == nullptr) return ESTALE;  // no watched mount point left there
   if (dir.size > MAX_HANDLE_SZ) return EINVAL;
 
@@ -481,43 +571,85 @@ int FanotifyBackend::OpenDir(
   handle->handle_type = dir.type;
   std::memcpy(handle->f_handle, dir.bytes, dir.size);
 
-  UniqueFd mount_fd(OpenPathOnly(watch->first));
-  if (!mount_fd.Valid()) return errno;
-  uint64_t fsid = 0;
-  if (!FsidOf(mount_fd.Get(), &fsid)) return errno;
-  // Another file system there now: the watched one was unmounted (or
-  // something was mounted over it).
-  if (fsid != dir.fsid) return ESTALE;
+  int through = watch->second.top_level.Get();
+  UniqueFd mount_fd;
+  if (!watch->second.top_level.Valid()) {
+    mount_fd.Reset(OpenPathOnly(watch->first));
+    if (!mount_fd.Valid()) return errno;
+    uint64_t fsid = 0;
+    if (!FsidOf(mount_fd.Get(), &fsid)) return errno;
+    // Another file system there now: the watched one was unmounted (or
+    // something was mounted over it).
+    if (fsid != dir.fsid) return ESTALE;
+    through = mount_fd.Get();
+  }
   // O_PATH: opening and closing the directory raises no events.
-  out->Reset(OpenByHandleWithin(mount_fd.Get(), handle, O_PATH | O_CLOEXEC));
+  out->Reset(OpenByHandleWithin(through, handle, O_PATH | O_CLOEXEC));
   if (!out->Valid()) return errno;
-  if (watch_out != nullptr) *watch_out = watch;
   return 0;
 }
 
-int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
-  UniqueFd dir_fd;
-  const std::pair<const std::string, MountWatch>* watch = nullptr;
-  const int err = OpenDir(dir, &dir_fd, &watch);
+int FanotifyBackend::MapPath(WatchEntry* entry, const std::string& real,
+                             std::string* path) {
+  MountWatch& watch = entry->second;
+  if (!watch.top_level.Valid()) {
+    // Not reachable through the watched mount point: EXDEV.
+    return watch.paths.Map(real, path) ? 0 : EXDEV;
+  }
+  // The subvolume's root must still be where its path says: one lookup
+  // tells a renamed subvolume, or another directory put in its place, from
+  // the one watched.
+  const auto root_still_there = [&] {
+    const std::string& top = watch.paths.kernel_root();
+    const std::string rel = top == "/" ? "." : top.substr(1);
+    struct stat st;
+    return ::fstatat(watch.top_level.Get(), rel.c_str(), &st,
+                     AT_SYMLINK_NOFOLLOW) == 0 &&
+           st.st_dev == watch.root_dev && st.st_ino == watch.root_ino;
+  };
+  if (root_still_there()) return watch.paths.Map(real, path) ? 0 : EXDEV;
+  std::string top_path;
+  const int err = FindSubvolumeRoot(watch, &top_path);
   if (err != 0) return err;
-  std::string real;
-  if (!ReadFdPath(dir_fd.Get(), &real)) return errno;
-  // Checked after reading the path: a directory removed before or during
-  // the read is refused, never reported under a " (deleted)" name.
-  struct stat st;
-  if (::fstat(dir_fd.Get(), &st) != 0) return errno;
-  if (st.st_nlink == 0) return ENOENT;
+  watch.paths.SetKernelRoot(std::move(top_path));
+  if (!root_still_there()) return ESTALE;  // moving as we look: no answer
+  return watch.paths.Map(real, path) ? 0 : EXDEV;
+}
 
-  // Re-spell the path under the mount point string the caller watches.
-  std::string_view rest;
-  if (!PathRelativeTo(watch->second.root, real, &rest)) {
-    return EXDEV;  // not reachable through the watched mount point
+int FanotifyBackend::ResolveDir(const DirHandle& dir, std::string* path) {
+  std::vector<WatchEntry*> watches;
+  Resolvers(dir.fsid, &watches);
+  if (watches.empty()) return ESTALE;  // no watched mount point left there
+  int err = EXDEV;
+  for (WatchEntry* watch : watches) {
+    UniqueFd dir_fd;
+    err = OpenDir(dir, &dir_fd, watch);
+    if (err != 0) continue;
+    std::string real;
+    if (!ReadFdPath(dir_fd.Get(), &real)) return errno;
+    // Checked after reading the path: a directory removed before or during
+    // the read is refused, never reported under a " (deleted)" name.
+    struct stat st;
+    if (::fstat(dir_fd.Get(), &st) != 0) return errno;
+    if (st.st_nlink == 0) return ENOENT;
+    // Re-spelt under the mount point string the caller watches.
+    err = MapPath(watch, real, path);
+    if (err == 0) return 0;
   }
-  path->assign(watch->first);
-  if (!rest.empty()) {
-    if (path->empty() || path->back() != '/') path->push_back('/');
-    path->append(rest.data(), rest.size());
-  }
+  return err;
+}
+
+int FanotifyBackend::UseStatDir(const DirHandle& dir) {
+  std::string key;
+  MakeDirKey(dir.fsid, dir.type, dir.bytes, dir.size, &key);
+  stat_dir_used_ = true;
+  if (stat_dir_.Valid() && stat_dir_key_ == key) return 0;
+  ReleaseStatDir();
+  const int err = OpenDir(dir, &stat_dir_);
+  // ENOENT is kept for "no such entry": a directory that cannot be
+  // opened is out of reach, whatever the reason.
+  if (err != 0) return err == ENOENT ? ESTALE : err;
+  stat_dir_key_ = std::move(key);
   return 0;
 }
 
@@ -527,23 +659,28 @@ int FanotifyBackend::StatName(const DirHandle& dir, std::string_view name,
       name.find('/') != std::string_view::npos) {
     return EINVAL;  // not one entry of the directory
   }
-  std::string key;
-  MakeDirKey(dir.fsid, dir.type, dir.bytes, dir.size, &key);
-  stat_dir_used_ = true;
-  if (!stat_dir_.Valid() || stat_dir_key_ != key) {
-    ReleaseStatDir();
-    const int err = OpenDir(dir, &stat_dir_, nullptr);
-    // ENOENT is kept for "no such entry": a directory that cannot be
-    // opened is out of reach, whatever the reason.
-    if (err != 0) return err == ENOENT ? ESTALE : err;
-    stat_dir_key_ = std::move(key);
-  }
+  const int err = UseStatDir(dir);
+  if (err != 0) return err;
   const std::string entry(name);
   if (::fstatat(stat_dir_.Get(), entry.c_str(), st, AT_SYMLINK_NOFOLLOW) ==
       0) {
     return 0;
   }
   return errno;
+}
+
+int FanotifyBackend::StatDir(const DirHandle& dir, struct stat* st) {
+  const int err = UseStatDir(dir);
+  if (err != 0) return err;
+  if (!stat_dir_st_known_) {
+    if (::fstat(stat_dir_.Get(), &stat_dir_st_) != 0) {
+      const int fstat_err = errno;
+      return fstat_err == ENOENT ? ESTALE : fstat_err;
+    }
+    stat_dir_st_known_ = true;
+  }
+  *st = stat_dir_st_;
+  return 0;
 }
 
 }  // namespace YULOTIFYD

@@ -8,7 +8,13 @@
 //                with select or poll works unchanged
 //   AddWatch     one FAN_MARK_FILESYSTEM mark for the mount point's file
 //                system (a file system mounted at several watched places is
-//                marked, and reported, once)
+//                marked, and reported, once). A btrfs subvolume mounted on
+//                its own, where the kernel refuses that mark (EXDEV), is
+//                marked through a detached mount of its file system's
+//                top-level subvolume instead (subvolume_mount.h): no
+//                per-directory marks, set-up constant in the tree's size.
+//                On failure errno holds the kernel's reason (EXDEV when
+//                even that way is closed)
 //   RemoveWatch  removes that mark when no watched mount point is left on
 //                the file system (one no longer mounted at its mount point
 //                lost its mark when it was unmounted)
@@ -22,7 +28,13 @@
 // open_by_handle_at(O_PATH) on the watched mount point's file system (O_PATH
 // opens raise no events of their own) and its path read back from
 // /proc/self/fd; answers are cached per directory. Paths are spelt under the
-// mount point string given to AddWatch.
+// mount point string given to AddWatch. For a subvolume watched through the
+// top-level subvolume, handles are decoded through the detached mount,
+// paths below the subvolume are re-spelt under the mount point (PathRemap)
+// and events elsewhere on the file system are dropped (one lookup per
+// directory, then remembered until a directory is renamed); one fstatat per
+// looked-up directory checks that the subvolume's root is still where its
+// path says, and a renamed subvolume is found again by its handle.
 //
 // Never keeps a volume busy: between calls the backend holds no descriptor
 // on a watched file system (a fanotify mark does not pin a mount), so the
@@ -31,14 +43,18 @@
 // is decoded, rests on it only during that lookup (see OpenByHandleWithin in
 // the .cc: the calling thread gets a working directory of its own for it).
 // One exception, while events keep coming: the directory whose names were
-// last looked up (StatName, for merged events) stays open from one Read to
-// the next as long as each Read looks names up in it, so that an archiver
-// replacing a tree costs one fstatat per merged event; it is closed by the
+// last looked up (StatName and StatDir, for merged events and directory
+// creates) stays open from one Read to the next as long as each Read looks
+// names up in it, so that an archiver replacing a tree costs one fstatat
+// per merged event; it is closed by the
 // first Read that does not use it, by WaitReadable before it waits for
 // events, and by RemoveWatch.
 // When a watched file system is unmounted, the kernel drops its mark and
 // nothing more arrives from it; events already queued whose directory is not
-// cached are dropped.
+// cached are dropped. The exception is the detached top-level mount of a
+// subvolume watch: it does not keep the user's mount busy (umount succeeds
+// at once), but it keeps the file system itself alive until RemoveWatch or
+// the backend's destruction lets it go.
 //
 // Requirements: CAP_SYS_ADMIN (file-system marks; Init fails with EPERM
 // without it, leaving the caller inert), CAP_DAC_READ_SEARCH
@@ -46,12 +62,15 @@
 // which pairs the two names of a move, needs Linux 5.17; on older kernels
 // moves come as unpaired halves (see FanotifyTranslator).
 //
-// Ownership: owns the fanotify descriptor, closed on destruction, and no
-// other descriptor between calls.
+// Ownership: owns the fanotify descriptor, closed on destruction, the
+// detached top-level mounts of subvolume watches, and no other descriptor
+// between calls.
 // Thread-safety: none (see NotifyBackend). Read (through path lookups)
 // gives the calling thread a working directory of its own the first time.
 #ifndef YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
 #define YULOTIFYD_NOTIFY_FANOTIFY_BACKEND_H_
+
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdint>
@@ -64,6 +83,7 @@
 #include "base/unique_fd.h"
 #include "notify/fanotify_translator.h"
 #include "notify/notify_backend.h"
+#include "notify/subvolume_mount.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -115,20 +135,49 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
 
  private:
   struct MountWatch {
+    // The file-system id the events of the watch carry: the mount point's,
+    // or for a btrfs subvolume mounted on its own, the top-level
+    // subvolume's.
     uint64_t fsid = 0;
-    uint64_t order = 0;  // AddWatch sequence, oldest resolves paths
-    std::string root;    // the mount point's path as the kernel prints it
+    uint64_t order = 0;  // AddWatch sequence, oldest resolves paths first
+    // Paths read back from the kernel, spelt under the mount point string.
+    PathRemap paths{std::string(), std::string()};
     bool is_dir = false;
+    // For a btrfs subvolume mounted on its own (see subvolume_mount.h): the
+    // detached mount of the file system's top-level subvolume, through
+    // which the file system is marked and handles are decoded; the handle
+    // of the subvolume's root, to find it again when it was renamed; and
+    // its identity, to check that the path known for it still names it.
+    UniqueFd top_level;
+    std::string root_handle;  // struct file_handle bytes
+    dev_t root_dev = 0;
+    ino_t root_ino = 0;
   };
+  using WatchEntry = std::pair<const std::string, MountWatch>;
 
   int ResolveDir(const DirHandle& dir, std::string* path) override;
   int StatName(const DirHandle& dir, std::string_view name,
                struct stat* st) override;
-  // An O_PATH descriptor of the directory `dir` into *out, through the
-  // watch that resolves its file system (*watch, when given). 0, or an
-  // errno value.
+  int StatDir(const DirHandle& dir, struct stat* st) override;
+  // An O_PATH descriptor of the directory `dir` into *out, through `watch`
+  // (by default the oldest watch of its file system). 0, or an errno
+  // value.
   int OpenDir(const DirHandle& dir, UniqueFd* out,
-              const std::pair<const std::string, MountWatch>** watch);
+              const WatchEntry* watch = nullptr);
+  // The directory StatName and StatDir look in, opened (and kept) for
+  // `dir`. 0, or an errno value (ESTALE when it cannot be opened).
+  int UseStatDir(const DirHandle& dir);
+  // The path of `real`, a path read back through `watch`, spelt under its
+  // mount point. 0, or EXDEV when it lies outside what the watch sees.
+  int MapPath(WatchEntry* watch, const std::string& real, std::string* path);
+  // Where the EXDEV of a whole-file-system mark through `mount_fd` came
+  // from a btrfs subvolume mounted on its own: mounts the top-level
+  // subvolume privately for `watch` and learns where the subvolume lies in
+  // it. 0, or an errno value.
+  int SetUpTopLevel(int mount_fd, MountWatch* watch);
+  // The path of the subvolume's root below the top-level subvolume, looked
+  // up anew by its handle. 0, or an errno value.
+  static int FindSubvolumeRoot(const MountWatch& watch, std::string* path);
   // The translator's repeat check, asking the kernel queue whether it is
   // still empty; then moves the pending records that fit to `out`.
   size_t CheckRepeats(uint8_t* out, size_t room);
@@ -136,16 +185,23 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   // Whether the kernel holds no event right now (a zero-timeout poll).
   bool KernelQueueEmpty();
   // fanotify_mark on the file system of `mount_fd`, an O_PATH descriptor of
-  // `mount_point`.
-  int Mark(unsigned int flags, int mount_fd, bool is_dir,
+  // `mount_point`, or through the watch's top-level mount when it has one.
+  int Mark(unsigned int flags, int mount_fd, const MountWatch& watch,
            const std::string& mount_point, uint64_t mask);
+  // A descriptor through which `watch`'s file system can still be marked
+  // (its top-level mount, or its mount point opened again) into *owned (or
+  // nothing owned for the top-level mount); -1 when the file system is no
+  // longer mounted at the mount point.
+  int MarkableFd(const std::string& mount_point, const MountWatch& watch,
+                 UniqueFd* owned);
   bool OwnDescriptor(int fd) const;
   // The watch of `mount_point`; watches_.end() with errno EBADF (not our
   // descriptor) or ENOENT (no such watch).
   std::map<std::string, MountWatch>::iterator FindWatch(
       int fd, const std::string& mount_point);
-  // The watch through which paths on `fsid` are resolved, or null.
-  const std::pair<const std::string, MountWatch>* Resolver(uint64_t fsid);
+  // The watches of `fsid` into *out, oldest first: paths are resolved
+  // through the first that sees them.
+  void Resolvers(uint64_t fsid, std::vector<WatchEntry*>* out);
 
   Options options_;
   UniqueFd fd_;
@@ -167,6 +223,9 @@ class FanotifyBackend : public NotifyBackend, private DirResolver {
   UniqueFd stat_dir_;
   std::string stat_dir_key_;
   bool stat_dir_used_ = false;
+  // fstat of stat_dir_, taken when StatDir first asks (0: not yet).
+  struct stat stat_dir_st_ {};
+  bool stat_dir_st_known_ = false;
   FanotifyTranslator translator_;
 };
 

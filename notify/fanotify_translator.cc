@@ -104,10 +104,22 @@ bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path,
                                      size_t* dir_len) {
   const std::string* dir =
       cache_.Find(info.dir.fsid, info.dir.type, info.dir.bytes, info.dir.size);
+  if (dir != nullptr && dir->empty()) {
+    ++dropped_events_;  // known to lie outside what is watched
+    return false;
+  }
   if (dir == nullptr) {
     ++resolver_calls_;
     const int err = resolver_->ResolveDir(info.dir, &dir_scratch_);
     if (err != 0) {
+      // Outside what is watched (the rest of a btrfs file system whose
+      // subvolume is watched) stays so until a directory is renamed, which
+      // empties the cache: an empty path remembers it, so that the next
+      // events there cost no system call.
+      if (err == EXDEV) {
+        cache_.Insert(info.dir.fsid, info.dir.type, info.dir.bytes,
+                      info.dir.size, std::string());
+      }
       ++dropped_events_;
       if (LogGateOpen(LogGate::kDebug)) {
         const std::string name(info.name);
@@ -136,6 +148,18 @@ bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path,
     path->append(info.name.data(), info.name.size());
   }
   return true;
+}
+
+bool FanotifyTranslator::ArrivedWhole(const DirHandle& dir,
+                                      const struct stat& entry) {
+  // An empty directory needs nothing; neither does one that filled up
+  // within its own file system after its create: those entries have events
+  // of their own, queued after this one.
+  if (!S_ISDIR(entry.st_mode) || entry.st_size <= 0) return false;
+  struct stat parent;
+  ++stat_calls_;
+  if (resolver_->StatDir(dir, &parent) != 0) return false;
+  return parent.st_dev != entry.st_dev;
 }
 
 size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
@@ -237,26 +261,38 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
       bool exists = (bits & kComingBits) != 0;
       bool rescan = false;
       const bool named = !plain.name.empty() && plain.name != ".";
+      struct stat st;
+      int stat_err = -1;  // not looked up
       if ((bits & kComingBits) && (bits & kGoingBits) && named) {
         // Gone and come, or come and gone: the name says which was last.
-        struct stat st;
         ++stat_calls_;
-        const int err = resolver_->StatName(plain.dir, plain.name, &st);
-        if (err == 0 && S_ISDIR(st.st_mode) == is_dir) {
+        stat_err = resolver_->StatName(plain.dir, plain.name, &st);
+        if (stat_err == 0 && S_ISDIR(st.st_mode) == is_dir) {
           order = kBackAgainOrder;
         } else {
           exists = false;
-          rescan = err != ENOENT;  // another kind of object, or no answer
+          rescan = stat_err != ENOENT;  // another kind of object, no answer
         }
       }
-      const bool late = is_dir && (bits & YULO_MOVE_TO) && NamedEarly(path_[0]);
+      bool whole = false;
+      if (is_dir && (bits & YULO_CREATE) && exists && named) {
+        if (stat_err < 0) {
+          ++stat_calls_;
+          stat_err = resolver_->StatName(plain.dir, plain.name, &st);
+        }
+        whole = stat_err == 0 && ArrivedWhole(plain.dir, st);
+      }
+      // The directory's own rescan: it arrived whole, or earlier records
+      // were named by its new name too early (once for both).
+      const bool self_rescan =
+          whole || (is_dir && (bits & YULO_MOVE_TO) && NamedEarly(path_[0]));
       size_t count = 0;
       for (uint32_t bit : kSplitOrder) count += (bits & bit) ? 1 : 0;
       size = count * RawRecordSize(path_[0]) +
              (rescan ? RawRecordSize(std::string_view(path_[0]).substr(
                                      0, dir_len))
                      : 0) +
-             (late ? RawRecordSize(path_[0]) : 0);
+             (self_rescan ? RawRecordSize(path_[0]) : 0);
       if (size > room) return kNoRoom;
       size_t n = 0;
       for (size_t i = 0; i < std::size(kSplitOrder); ++i) {
@@ -271,10 +307,11 @@ size_t FanotifyTranslator::TranslateOne(const uint8_t* event, uint64_t fan_mask,
                             std::string_view(path_[0]).substr(0, dir_len));
         ++rescan_records_;
       }
-      if (late) {
+      if (self_rescan) {
         WriteRawRecord(out + n, room - n, kRescanRecordMask, kDerivedRescanCookie,
                        path_[0]);
         ++rescan_records_;
+        if (whole) ++arrivals_;
       }
       if ((bits & (kComingBits | kGoingBits)) && named) {
         NoteTouch(plain, exists, is_dir);

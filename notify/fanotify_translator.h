@@ -30,6 +30,18 @@
 //    kDerivedRescanCookie) for the directory;
 //  - bits the caller did not ask for (SetEventMask) produce no record.
 //
+// A directory that arrives whole. A directory normally fills up through
+// changes of its own, each with its event after the directory's create. A
+// btrfs snapshot (or a subvolume rolled back or restored from a send
+// stream) holds its entries before its create event is even written, and
+// they never get events. So the created directory of a create record is
+// looked up (StatName): a directory that is the root of a file system of
+// its own (st_dev unlike its parent's, StatDir) and is not empty (st_size
+// above 0: btrfs counts its entries' names there) gets a rescan record
+// (YULO_RESCAN | YULO_ISDIR, cookie kDerivedRescanCookie) for its own path
+// after its create record, as a directory moved in from outside a queue's
+// view gets from the processor: list it to learn what it holds.
+//
 // Two more rescan records correct what merging and late naming can hide:
 //
 //  - Late names. A directory is named when its event is read, not when the
@@ -63,7 +75,9 @@
 // record carries a path that was already stale when its event happened. A
 // deleted directory needs nothing: its handle can never come back. An event
 // whose directory cannot be resolved (deleted meanwhile, unwatched file
-// system) is dropped with a level-7 log line; never given a wrong path.
+// system) is dropped with a level-7 log line; never given a wrong path. A
+// directory outside every watched mount point (EXDEV) is remembered as such
+// in the cache, so that its further events are dropped without a call.
 //
 // Ownership: does not own the resolver, which must outlive it.
 // Thread-safety: none.
@@ -99,7 +113,9 @@ class DirResolver {
  public:
   virtual ~DirResolver() = default;
   // Sets *path to the directory's full path under the watched mount point of
-  // its file system. Returns 0, or an errno value when it cannot be done.
+  // its file system. Returns 0, or an errno value when it cannot be done:
+  // EXDEV when the directory lies outside every watched mount point (it is
+  // then taken to stay outside until a directory is renamed).
   virtual int ResolveDir(const DirHandle& dir, std::string* path) = 0;
   // Looks `name` (one path component) up in the directory, never following
   // a symbolic link: 0 with *st filled when an entry of that name exists,
@@ -107,6 +123,8 @@ class DirResolver {
   // directory itself is gone or unreachable: never ENOENT for that).
   virtual int StatName(const DirHandle& dir, std::string_view name,
                        struct stat* st) = 0;
+  // stat of the directory itself: 0, or an errno value (never ENOENT).
+  virtual int StatDir(const DirHandle& dir, struct stat* st) = 0;
 };
 
 // The fanotify mask bits a caller's appliance mask needs from the kernel.
@@ -168,6 +186,8 @@ class FanotifyTranslator {
   uint64_t dropped_events() const { return dropped_events_; }
   uint64_t stat_calls() const { return stat_calls_; }
   uint64_t rescan_records() const { return rescan_records_; }
+  // Directories found to have arrived whole (see the top of this file).
+  uint64_t arrivals() const { return arrivals_; }
   // Repeated names waiting for a check.
   size_t doubts() const { return doubts_.size(); }
 
@@ -233,6 +253,9 @@ class FanotifyTranslator {
   // The key (MakeDirKey) of the directory of `doubt`.
   static std::string DoubtDirKey(const Doubt& doubt);
   void AddPendingRescan(const std::string& dir_path);
+  // Whether the directory `name` of `dir`, created and still there as
+  // `entry` says, arrived with its content (see the top of this file).
+  bool ArrivedWhole(const DirHandle& dir, const struct stat& entry);
 
   DirResolver* resolver_;
   uint32_t event_mask_ = 0;
@@ -241,6 +264,7 @@ class FanotifyTranslator {
   uint64_t dropped_events_ = 0;
   uint64_t stat_calls_ = 0;
   uint64_t rescan_records_ = 0;
+  uint64_t arrivals_ = 0;
   DirPathCache cache_;
   std::string dir_scratch_;  // reused for resolver answers
   std::string path_[2];      // reused for the paths of one event

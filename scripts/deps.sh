@@ -11,6 +11,7 @@ packages=(
   python3 python3-pytest
   util-linux procps inotify-tools
   git rsync tar linux-perf strace
+  btrfs-progs xfsprogs e2fsprogs
   systemd
   nats-server libnats-dev openssl python3-cryptography
 )

@@ -42,13 +42,18 @@ GIT = ["git", "-c", "user.name=Replay", "-c", "user.email=replay@example.org",
 
 class Workload:
     """One fresh daemon watching SHARE recursively for the codes a tree
-    consumer needs, and the replay of its queue."""
+    consumer needs, and the replay of its queue.
 
-    def __init__(self, app, name: str):
+    `mount(app)`, when given, mounts the volume in the daemon's namespace
+    before it starts (a real file system) instead of the harness's tmpfs;
+    SHARE and ELSEWHERE are then made on it."""
+
+    def __init__(self, app, name: str, mount=None):
         self.app = app
         self.name = name
         self.queue = app.queue_path("replay.queue")
-        app.add_volume(1, VOLUME)
+        self.mount = mount
+        app.add_volume(1, VOLUME, mounted=mount is None)
         app.add_share("Share", SHARE)
         app.dirs.append(ELSEWHERE)
         app.add_queue("system", "replay.json", self.queue,
@@ -60,8 +65,14 @@ class Workload:
         """Starts the daemon; `prepare(workload)` fills the volume first,
         unseen by the daemon. The model starts as the listing of the share
         once the daemon is ready, as a consumer's first scan would."""
-        self.app.start(before_exec=(lambda _: prepare(self)) if prepare
-                       else None)
+        def before_exec(_):
+            if self.mount is not None:
+                self.mount(self.app)
+                self.run(["mkdir", "-p", SHARE, ELSEWHERE])
+            if prepare is not None:
+                prepare(self)
+
+        self.app.start(before_exec=before_exec)
         self.app.wait_ready()
         self.replay = Replay(SHARE, to_host=lambda p: str(self.app.ns_path(p)))
         return self
@@ -87,26 +98,9 @@ class Workload:
             os.kill(self.app.pid, signal.SIGCONT)
 
     def settle(self) -> list:
-        """Waits until every line of the workload is written: a marker file
-        created after it has its line (lines of one volume keep the
-        kernel's order), then no new line for one processor pass. Returns
-        the queue's lines."""
-        self.host(MARKER).write_text("")
-        wait_lines(self.app, self.queue,
-                   lambda ls: any(l.get("path") == MARKER for l in ls),
-                   timeout=SETTLE_TIMEOUT)
-        last = [self.queue.stat().st_size, time.monotonic()]
-
-        def quiet():
-            size = self.queue.stat().st_size
-            now = time.monotonic()
-            if size != last[0]:
-                last[:] = [size, now]
-            return now - last[1] >= QUIET
-
-        assert wait_until(quiet, SETTLE_TIMEOUT, interval=0.1), \
-            "queue never went quiet" + self.app.diagnostics()
-        return self.app.read_queue(self.queue)
+        """Waits until every line of the workload is written (see settle
+        below); returns the queue's lines."""
+        return settle(self.app, self.queue, MARKER)
 
     def check(self, rescans_below=(), volume_rescan=False):
         """Replays the queue and asserts that the model equals the tree.
@@ -138,6 +132,28 @@ class Workload:
         assert not wrong, "%s: rescans outside %r: %r" % (
             self.name, list(rescans_below) + ([VOLUME] if volume_rescan
                                               else []), wrong[:10])
+
+
+def settle(app, queue, marker: str) -> list:
+    """Waits until every line of a workload is written to `queue`: a
+    `marker` file (a path in the daemon's namespace) created after it has
+    its line (lines of one volume keep the kernel's order), then no new
+    line for one processor pass. Returns the queue's lines."""
+    app.ns_path(marker).write_text("")
+    wait_lines(app, queue, lambda ls: any(l.get("path") == marker for l in ls),
+               timeout=SETTLE_TIMEOUT)
+    last = [queue.stat().st_size, time.monotonic()]
+
+    def quiet():
+        size = queue.stat().st_size
+        now = time.monotonic()
+        if size != last[0]:
+            last[:] = [size, now]
+        return now - last[1] >= QUIET
+
+    assert wait_until(quiet, SETTLE_TIMEOUT, interval=0.1), \
+        "queue never went quiet" + app.diagnostics()
+    return app.read_queue(queue)
 
 
 @pytest.fixture
@@ -341,15 +357,23 @@ def test_atomic_save_loop(workload):
     workload.check()
 
 
-def test_kernel_queue_overflow(workload):
+def overflow_workload(w, old=(4, 20), new=(10, 30)):
+    """A daemon whose kernel queue overflows while it is stopped, amid
+    creations, a removal and a rename: the replay still gives the tree,
+    with the volume's rescan. `old` and `new`: directories and files per
+    directory (write_files) before and while it is stopped."""
     with kernel_queue_limit(64):  # taken when the daemon opens fanotify
-        workload.start(lambda w: write_files(w.host(SHARE + "/old"), 4, 20))
-    share = workload.host(SHARE)
-    with workload.stopped(0):
-        write_files(share / "new", 10, 30)
+        w.start(lambda w: write_files(w.host(SHARE + "/old"), *old))
+    share = w.host(SHARE)
+    with w.stopped(0):
+        write_files(share / "new", *new)
         subprocess.run(["rm", "-rf", str(share / "old" / "d00")], check=True)
         os.rename(share / "old" / "d01", share / "renamed")
-    workload.app.wait_log(r"Recieve overflow event vol: /vol1$")
-    workload.check(rescans_below=[SHARE + "/old", SHARE + "/new",
-                                  SHARE + "/renamed"], volume_rescan=True)
-    assert VOLUME in workload.replay.rescans
+    w.app.wait_log(r"Recieve overflow event vol: /vol1$")
+    w.check(rescans_below=[SHARE + "/old", SHARE + "/new", SHARE + "/renamed"],
+            volume_rescan=True)
+    assert VOLUME in w.replay.rescans
+
+
+def test_kernel_queue_overflow(workload):
+    overflow_workload(workload)
