@@ -11,8 +11,10 @@ import json
 import re
 
 from control_util import run_ctl, ctl_binary  # noqa: F401
-from harness import monitor, wait_line, wait_until
+from harness import wait_line, wait_until
+from test_follow import two_volumes
 from test_pipeline import line, stop_cleanly
+from test_status import status_lines
 
 REFUSED = (r"^event_receiver:\d+ Volume /vol1 not watched: the kernel "
            r"refused the watch of /vol1/Public: Operation not supported$")
@@ -22,10 +24,6 @@ DEGRADED = ("STATUS=degraded: 1 of 2 volumes not watched (see yulotifyctl "
             "status), 1 monitor queues")
 WATCHING = "STATUS=watching 2 volumes, 1 monitor queues"
 LOG_ERR, LOG_WARNING = 3, 4
-
-
-def status_lines(app):
-    return [n for n in app.notifications if n.startswith("STATUS=")]
 
 
 def volumes_of(app, ctl, exit_status):
@@ -43,14 +41,7 @@ def severity_of(app, pattern):
 def test_a_refused_watch_shows_everywhere_and_is_tried_again(
         appliance, ctl_binary):  # noqa: F811
     app = appliance
-    app.add_volume(1, "/vol1")
-    app.add_volume(2, "/vol2")
-    app.add_share("Public", "/vol1/Public")
-    app.add_share("Backup", "/vol2/Backup")
-    q = app.queue_path("q.queue")
-    app.add_queue("system", "q.json", q,
-                  [monitor("Public", events=["create"]),
-                   monitor("Backup", events=["create"])])
+    q = two_volumes(app)
     app.start(before_exec=lambda a: a.run_in_ns(
         ["mount", "-t", "ramfs", "ramfs", "/vol1/Public"]))
     app.wait_ready()
