@@ -242,9 +242,10 @@ bool EventReceiver::PlaceWatch(const std::string& share) {
     return true;
   }
   // Without a kernel instance no call was made, and errno tells nothing.
-  const int err = descriptor() < 0 ? 0 : errno;
+  const bool instance = descriptor() >= 0;
+  const int err = instance ? errno : 0;
   const std::string reason =
-      err != 0 ? ErrnoText(err) : std::string("no kernel notification instance");
+      instance ? ErrnoText(err) : std::string("no kernel notification instance");
   // Said at error priority once per cause; every mount-table change, reload
   // and "mount_volume" tries again, and a refusal that repeats is traced
   // only.
