@@ -80,7 +80,7 @@ Daemon::Daemon(DaemonOptions options)
       reload_mutex_(PTHREAD_MUTEX_INITIALIZER),
       monitor_queue_lock(),
       monitor_queue_lock_ready_(false),
-      shown_(0, 0),
+      shown_(0, 0, 0),
       volumes_(platform_,
                options_.volume_factory ? options_.volume_factory
                                        : VolumeFactory(&MakeVolumeMgr),
@@ -229,7 +229,7 @@ bool Daemon::Start() {
   // behind, which the next start reads as an unclean stop and answers
   // with a rescan of every volume.
   run_status_file_.MarkRunning();
-  shown_ = std::make_pair(volumes_.size(), monitor_queues.size());
+  shown_ = CurrentWatching();
   return true;
 }
 
@@ -278,7 +278,7 @@ bool Daemon::Step(std::chrono::milliseconds max_wait) {
   FollowSources();
   if (config_.TakeDue(clock_->NowMillis())) ReloadMonitorQueues();
   // What the service manager shows follows what is watched.
-  const auto watching = std::make_pair(volumes_.size(), monitor_queues.size());
+  const Watching watching = CurrentWatching();
   if (watching != shown_) {
     NotifyWatching();
     shown_ = watching;
@@ -344,7 +344,7 @@ void Daemon::ReloadMonitorQueues() {
   // may have happened under either configuration.
   CreateReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->DrainKernel();
-  AwaitReloadAcks();
+  AwaitReloadAcks(volumes_.size());
   DestroyReloadSemaphore();
   const std::vector<MonitorQueue> before = GetMonitorQueues();
   LoadMonitorQueue();
@@ -377,13 +377,12 @@ void Daemon::UpdateWatches() {
   // acknowledgement is left over for the next barrier.
   CreateReloadSemaphore();
   for (auto& entry : volumes_.volumes()) entry.second->ReloadWatches();
-  AwaitReloadAcks();
+  AwaitReloadAcks(volumes_.size());
   DestroyReloadSemaphore();
 }
 
-void Daemon::AwaitReloadAcks() {
-  // One acknowledgement per manager, whatever their number.
-  for (size_t i = 0; i < volumes_.size(); ++i) {
+void Daemon::AwaitReloadAcks(size_t count) {
+  for (size_t i = 0; i < count; ++i) {
     while (sem_wait(reload_sem) != 0 && errno == EINTR) {
     }
   }
@@ -456,6 +455,13 @@ bool Daemon::SwitchShare(const std::string& share_name, bool mounted) {
 }
 
 void Daemon::ReportVolumeMounted(const std::string& mount_point) {
+  // For a volume watched already the report is a cue to try the watches
+  // the kernel refused again.
+  ManagedVolume* known = volumes_.FindByMountPoint(mount_point);
+  if (known != nullptr) {
+    if (known->WatchFailed()) RetryRefusedWatches({known});
+    return;
+  }
   MountVolume(mount_point);
 }
 

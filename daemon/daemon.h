@@ -39,6 +39,7 @@
 #include <chrono>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -165,8 +166,9 @@ class Daemon : public VolumeContext, private ControlHandler {
   // through SourceWatch's settling.
   void ReloadMonitorQueues();
   void CreateReloadSemaphore();
-  // Waits for one post of the reload semaphore per volume manager.
-  void AwaitReloadAcks();
+  // Waits for `count` posts of the reload semaphore: one per volume
+  // manager asked.
+  void AwaitReloadAcks(size_t count);
   // Has every receiver bring its watches in line with the monitor queues
   // and the volumes, and waits until all have.
   void UpdateWatches();
@@ -191,8 +193,20 @@ class Daemon : public VolumeContext, private ControlHandler {
   Json::Value BuildStatus();
   // Tells the service manager the daemon's state in one line (STATUS=).
   static void NotifyState(const std::string& text);
-  // "watching N volumes, M monitor queues".
+  // "watching N volumes, M monitor queues", or "degraded: K of N volumes
+  // not watched ..." while the kernel refuses watches of K volumes.
   void NotifyWatching();
+  // What NotifyWatching tells: volumes, volumes with refused watches,
+  // monitor queues.
+  using Watching = std::tuple<size_t, size_t, size_t>;
+  Watching CurrentWatching();
+
+  // Watches the kernel refused (refused_watches.cc).
+  // The volumes whose receivers miss a watch the kernel refused.
+  std::vector<ManagedVolume*> VolumesWithRefusedWatches();
+  // Has each of `volumes` try its missing watches again and waits until
+  // each has. A watch placed now gets its volume a rescan.
+  void RetryRefusedWatches(const std::vector<ManagedVolume*>& volumes);
 
   // Volume manager registry. Mount points are compared normalised.
   bool SetupVolumeMgr();
@@ -244,8 +258,8 @@ class Daemon : public VolumeContext, private ControlHandler {
   pthread_mutex_t reload_mutex_;
   pthread_rwlock_t monitor_queue_lock;
   bool monitor_queue_lock_ready_;
-  // Volumes and monitor queues as last told to the service manager.
-  std::pair<size_t, size_t> shown_;
+  // What was last told to the service manager.
+  Watching shown_;
 
   SourceWatch sources_;
   // The shares (name -> path) the monitor queues were last resolved with.

@@ -4,13 +4,18 @@
 // move. Nothing here needs root.
 #include "daemon/daemon.h"
 
+#include <errno.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <memory>
 #include <map>
 #include <string>
@@ -581,6 +586,128 @@ TEST_F(DaemonTest, ShareChangesReloadTheMonitorQueues) {
   EXPECT_EQ((Journal{"1 DrainKernel", "1 ProcessQueued", "1 ReloadWatches",
                      "1 RelistShares"}),
             fakes_.TakeJournal());
+}
+
+// A volume whose share the kernel refused to watch, as its receiver reports
+// it.
+std::vector<RefusedWatch> Refused(const std::string& share) {
+  return {RefusedWatch{share, EOPNOTSUPP, "Operation not supported"}};
+}
+
+TEST_F(DaemonTest, StatusShowsAVolumeTheKernelRefusesAsFailed) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  fakes_.refused[1] = Refused(dir_.File("vol1/Public"));
+  ASSERT_TRUE(Start());
+  const Json::Value status = Status();
+  ASSERT_EQ(2u, status["volumes"].size());
+  const Json::Value& failed = status["volumes"][0];
+  EXPECT_EQ("failed", failed["watch_state"].asString());
+  EXPECT_EQ("Operation not supported", failed["watch_error"].asString());
+  ASSERT_EQ(1u, failed["refused_shares"].size());
+  EXPECT_EQ(dir_.File("vol1/Public"), failed["refused_shares"][0].asString());
+  EXPECT_EQ(0u, failed["watched_shares"].size());
+  const Json::Value& fine = status["volumes"][1];
+  EXPECT_EQ("ok", fine["watch_state"].asString());
+  EXPECT_EQ("", fine["watch_error"].asString());
+  EXPECT_EQ(0u, fine["refused_shares"].size());
+}
+
+// Receives what the daemon tells the service manager, on a socket of the
+// test's own that NOTIFY_SOCKET names while it lives.
+class NotifyListener {
+ public:
+  explicit NotifyListener(const std::string& path) {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s",
+                  path.c_str());
+    EXPECT_EQ(0, bind(fd_, reinterpret_cast<struct sockaddr*>(&address),
+                      sizeof(address)));
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  }
+  ~NotifyListener() {
+    unsetenv("NOTIFY_SOCKET");
+    close(fd_);
+  }
+  // Every message sent so far (sd_notify sends before it returns).
+  std::vector<std::string> Take() {
+    std::vector<std::string> messages;
+    char buffer[1024];
+    ssize_t n;
+    while ((n = recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT)) >= 0) {
+      messages.emplace_back(buffer, static_cast<size_t>(n));
+    }
+    return messages;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+TEST_F(DaemonTest, TheServiceManagerIsToldOfVolumesNotWatched) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  ASSERT_TRUE(Start());
+  NotifyListener listener(dir_.File("notify.sock"));
+  Step();
+  EXPECT_TRUE(listener.Take().empty());
+  // A share mounted later that the kernel refuses.
+  fakes_.refused[2] = Refused(dir_.File("vol2/Media"));
+  Step();
+  EXPECT_EQ((std::vector<std::string>{
+                "STATUS=degraded: 1 of 2 volumes not watched (see "
+                "yulotifyctl status), 1 monitor queues"}),
+            listener.Take());
+  Step();
+  EXPECT_TRUE(listener.Take().empty());
+  // Watched at last.
+  fakes_.refused.clear();
+  Step();
+  EXPECT_EQ((std::vector<std::string>{
+                "STATUS=watching 2 volumes, 1 monitor queues"}),
+            listener.Take());
+}
+
+TEST_F(DaemonTest, MountVolumeTriesARefusedWatchAgain) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  fakes_.refused[1] = Refused(dir_.File("vol1/Public"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  const std::string mount = R"({"type":"mount_volume","data":{"mount_point":")";
+  EXPECT_EQ(0, Command(mount + dir_.File("vol1") + R"(/"}})"));
+  // Only the failed volume tries again; the watched one is left alone.
+  EXPECT_EQ((Journal{"1 ReloadWatches"}), fakes_.TakeJournal());
+  EXPECT_EQ(0, Command(mount + dir_.File("vol2") + R"("}})"));
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+  // Placed now: nothing more to try.
+  fakes_.refused.clear();
+  EXPECT_EQ(0, Command(mount + dir_.File("vol1") + R"("}})"));
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+}
+
+TEST_F(DaemonTest, AMountTableChangeTriesRefusedWatchesAgain) {
+  platform_.AddVolume(2, dir_.File("vol2"));
+  fakes_.refused[2] = Refused(dir_.File("vol2/Media"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  // Nothing comes or goes: only the volume with a refused watch is asked.
+  dir_.Write("etc/volumes.json", "{ }");
+  Follow();
+  EXPECT_EQ((Journal{"2 ReloadWatches"}), fakes_.TakeJournal());
+  fakes_.refused.clear();
+  dir_.Write("etc/volumes.json", "{}");
+  Follow();
+  EXPECT_TRUE(fakes_.TakeJournal().empty());
+}
+
+TEST_F(DaemonTest, AReloadTriesRefusedWatchesAgain) {
+  fakes_.refused[1] = Refused(dir_.File("vol1/Public"));
+  ASSERT_TRUE(Start());
+  fakes_.TakeJournal();
+  Daemon::HangupHandler(SIGHUP);
+  Step();
+  const Journal journal = fakes_.TakeJournal();
+  EXPECT_EQ(1, std::count(journal.begin(), journal.end(), "1 ReloadWatches"));
 }
 
 TEST_F(DaemonTest, ConnectionServedWithoutStarting) {

@@ -86,6 +86,12 @@ void Daemon::FollowSources() {
   if (volumes) DropVolumes(plan);
   if (due & SourceWatch::kShares) FollowShares();
   if (volumes) AddVolumes(plan);
+  // What made the kernel refuse a watch (a file system it cannot report on
+  // mounted at a share, say) may have gone with the mounts. AddVolumes has
+  // had every volume try when it added or dropped one.
+  if (volumes && plan.adds.empty() && plan.drops.empty()) {
+    RetryRefusedWatches(VolumesWithRefusedWatches());
+  }
 }
 
 bool Daemon::PlanVolumes(VolumePlan* plan) {

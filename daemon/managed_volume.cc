@@ -37,6 +37,7 @@ class VolumeMgrVolume : public ManagedVolume {
   bool FinishDrain() override { return mgr_.FinishDrain(); }
   bool Drain(Deadline deadline) override { return mgr_.Drain(deadline); }
   VolumeStatus GetStatus() override { return mgr_.GetStatus(); }
+  bool WatchFailed() override { return mgr_.WatchFailed(); }
   std::vector<QueueFileStatus> GetQueueFileStatus() override {
     return mgr_.GetQueueFileStatus();
   }

@@ -50,6 +50,10 @@ class ManagedVolume {
   virtual bool Drain(Deadline deadline) = 0;
 
   virtual VolumeStatus GetStatus() = 0;
+  // Whether the kernel refused the watch of a share the volume should
+  // watch (VolumeStatus::refused_watches is not empty). Cheap: the main
+  // loop asks it every round.
+  virtual bool WatchFailed() = 0;
   virtual std::vector<QueueFileStatus> GetQueueFileStatus() = 0;
 };
 

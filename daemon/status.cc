@@ -98,6 +98,20 @@ void AddBacklog(const QueueFileStatus& f, time_t now, Json::Value* file) {
   (*file)["oldest_line_age"] = Json::Value(static_cast<Json::Int64>(age));
 }
 
+// "watch_state" ("ok", or "failed" while the kernel refuses the watch of
+// a share the volume should watch), "watch_error" (the first refusal's
+// reason, "" when ok) and "refused_shares" (the shares refused).
+void AddWatchState(const VolumeStatus& v, Json::Value* volume) {
+  const bool failed = !v.refused_watches.empty();
+  (*volume)["watch_state"] = failed ? "failed" : "ok";
+  (*volume)["watch_error"] = failed ? v.refused_watches[0].reason : "";
+  Json::Value refused(Json::arrayValue);
+  for (const RefusedWatch& watch : v.refused_watches) {
+    refused.append(watch.share);
+  }
+  (*volume)["refused_shares"] = refused;
+}
+
 }  // namespace
 
 Json::Value Daemon::BuildStatus() {
@@ -127,6 +141,7 @@ Json::Value Daemon::BuildStatus() {
     for (const std::string& share : v.watched_shares) {
       volume["watched_shares"].append(share);
     }
+    AddWatchState(v, &volume);
     volume["backend"] = v.backend;
     volume["events_read"] = Count(v.events_read);
     volume["events_injected"] = Count(v.events_injected);
@@ -186,10 +201,25 @@ void Daemon::NotifyState(const std::string& text) {
   sd_notifyf(0, "STATUS=%s", text.c_str());
 }
 
+Daemon::Watching Daemon::CurrentWatching() {
+  return Watching(volumes_.size(), VolumesWithRefusedWatches().size(),
+                  GetMonitorQueues().size());
+}
+
 void Daemon::NotifyWatching() {
-  NotifyState("watching " + std::to_string(volumes_.size()) +
-              " volumes, " + std::to_string(GetMonitorQueues().size()) +
-              " monitor queues");
+  const Watching watching = CurrentWatching();
+  const std::string volumes = std::to_string(std::get<0>(watching));
+  const std::string failed = std::to_string(std::get<1>(watching));
+  const std::string queues =
+      std::to_string(std::get<2>(watching)) + " monitor queues";
+  // A volume the kernel does not report on must not pass for watched where
+  // "systemctl status" shows the daemon.
+  if (std::get<1>(watching) != 0) {
+    NotifyState("degraded: " + failed + " of " + volumes +
+                " volumes not watched (see yulotifyctl status), " + queues);
+  } else {
+    NotifyState("watching " + volumes + " volumes, " + queues);
+  }
 }
 
 }  // namespace YULOTIFYD

@@ -28,8 +28,9 @@ class EventSource {
   // True when the daemon started after a stop that was not clean.
   virtual bool IsRecovery() = 0;
 
-  // True, once, when events could not be queued (out of memory) since the
-  // last call: the volume must be rescanned.
+  // True, once, when the volume must be rescanned since the last call:
+  // events could not be queued (out of memory), or a watch the kernel had
+  // refused was placed at last.
   virtual bool TakeLostEvents() { return false; }
 
   // The volume's mount point, e.g. "/vol1".

@@ -17,8 +17,9 @@ const char kStatusHelp[] =
     "usage: yulotifyctl [--socket PATH] status [--json | --prometheus]\n"
     "\n"
     "Asks the daemon what it watches and counts: its version, uptime, kernel\n"
-    "backend and log level; per volume the watched shares, events read and\n"
-    "queued, lines written, kernel overflows and rescan lines; per queue file\n"
+    "backend and log level; per volume the watched shares (and the shares\n"
+    "the kernel refused to watch, with why), events read and queued, lines\n"
+    "written, kernel overflows and rescan lines; per queue file\n"
     "the lines written and kept, its state (ok, busy, failing, reset) and\n"
     "its last error. A table by default.\n"
     "\n"
@@ -32,9 +33,10 @@ const char kStatusHelp[] =
     "its oldest line.\n"
     "\n"
     "Exit status 0 when the daemon answered and all is well; 1 when it\n"
-    "answered but a queue file is failing, keeps lines it has not taken, or\n"
-    "is past 80% of its reset size (each said on stderr), so that it can\n"
-    "drive a health check; 3 when the daemon cannot be reached.\n";
+    "answered but a volume is not watched (the kernel refused its watch), or\n"
+    "a queue file is failing, keeps lines it has not taken, or is past 80%\n"
+    "of its reset size (each said on stderr), so that it can drive a health\n"
+    "check; 3 when the daemon cannot be reached.\n";
 
 int RunStatus(const Globals& globals, const Args& args) {
   const std::string cmd = "status";

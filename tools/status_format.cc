@@ -47,6 +47,21 @@ std::string Fraction(const Json::Value& v, const char* key) {
   return out.str();
 }
 
+// Whether the volume `v` misses a watch the kernel refused.
+bool WatchFailed(const Json::Value& v) {
+  return v["watch_state"].isString() && v["watch_state"].asString() == "failed";
+}
+
+// The shares of `v` the kernel refused to watch, escaped, one space apart.
+std::string RefusedShares(const Json::Value& v) {
+  std::string shares;
+  for (const Json::Value& s : v["refused_shares"]) {
+    if (!shares.empty()) shares += " ";
+    shares += EscapeText(s.asString());
+  }
+  return shares;
+}
+
 std::string Pad(const std::string& text, size_t width) {
   return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
@@ -133,6 +148,11 @@ std::string StatusTable(const Json::Value& status) {
         << Pad(Number(v, "kernel_overflows"), 11)
         << Pad(Number(v, "rescan_lines"), 9)
         << (shares.empty() ? "(none watched)" : shares) << "\n";
+    if (WatchFailed(v)) {
+      out << "        not watched, refused by the kernel: "
+          << EscapeText(v["watch_error"].asString()) << ": "
+          << RefusedShares(v) << "\n";
+    }
   }
   out << "\n"
       << Pad("STATE", 9) << Pad("LINES", 12) << Pad("KEPT", 8)
@@ -183,6 +203,9 @@ std::string StatusPrometheus(const Json::Value& status) {
                    "Kernel event queue overflows, per volume.");
   Family rescans("rescan_lines_total", "counter",
                  "Rescan lines produced, per volume.");
+  Family watch_failed("volume_watch_failed", "gauge",
+                      "1 while the kernel refuses the watch of a share the "
+                      "volume should watch, else 0.");
   for (const Json::Value& v : status["volumes"]) {
     const std::string labels =
         "volume=\"" + PrometheusLabel(Text(v, "id")) + "\",mount_point=\"" +
@@ -193,6 +216,7 @@ std::string StatusPrometheus(const Json::Value& status) {
     lines.Add(labels, Number(v, "lines_written"));
     overflows.Add(labels, Number(v, "kernel_overflows"));
     rescans.Add(labels, Number(v, "rescan_lines"));
+    watch_failed.Add(labels, WatchFailed(v) ? "1" : "0");
   }
 
   Family file_lines("queue_file_lines_written_total", "counter",
@@ -225,7 +249,7 @@ std::string StatusPrometheus(const Json::Value& status) {
   std::string out = StatusPrometheusUp(true);
   for (const Family* family :
        {&info, &uptime, &queues, &read, &injected, &queued, &lines,
-        &overflows, &rescans, &file_lines, &file_kept, &file_state,
+        &overflows, &rescans, &watch_failed, &file_lines, &file_kept, &file_state,
         &file_bytes, &file_limit, &file_age}) {
     family->AppendTo(&out);
   }
@@ -242,6 +266,13 @@ std::string StatusPrometheusUp(bool up) {
 
 std::vector<std::string> StatusProblems(const Json::Value& status) {
   std::vector<std::string> problems;
+  for (const Json::Value& v : status["volumes"]) {
+    if (!WatchFailed(v)) continue;
+    problems.push_back("volume " + Text(v, "mount_point") +
+                       " is not watched: the kernel refused the watch of " +
+                       RefusedShares(v) + ": " +
+                       EscapeText(v["watch_error"].asString()));
+  }
   for (const Json::Value& f : status["queue_files"]) {
     const std::string path = Text(f, "path");
     const std::string state = Text(f, "state");

@@ -31,9 +31,10 @@ std::string StatusPrometheusUp(bool up);
 // A queue file past this share of its reset size counts as a problem.
 constexpr double kLimitWarning = 0.8;
 
-// What calls for a look, one line each: queue files failing, keeping lines
-// they have not taken, or past kLimitWarning of their reset size (their
-// consumer may have stopped). Empty when all is well.
+// What calls for a look, one line each: volumes not watched because the
+// kernel refused a watch, queue files failing, keeping lines they have not
+// taken, or past kLimitWarning of their reset size (their consumer may have
+// stopped). Empty when all is well.
 std::vector<std::string> StatusProblems(const Json::Value& status);
 
 // `text` as a Prometheus label value: backslash, double quote and line feed

@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "yulotifyd/json_util.h"
 
@@ -131,6 +132,49 @@ TEST(StatusFormatTest, TableEscapesTextsFromUsers) {
       << text;
   EXPECT_NE(std::string::npos, text.find("bad\\x0dname")) << text;
   EXPECT_NE(std::string::npos, text.find("/vol1/\\x1b[2J")) << text;
+}
+
+// Sample() with its volume not watched: the kernel refused its share.
+Json::Value FailedVolume() {
+  Json::Value status = Sample();
+  Json::Value& v = status["volumes"][0];
+  v["watched_shares"] = Json::Value(Json::arrayValue);
+  v["watch_state"] = "failed";
+  v["watch_error"] = "Operation not supported";
+  v["refused_shares"] = Json::Value(Json::arrayValue);
+  v["refused_shares"].append("/vol1/A");
+  status["queue_files"] = Json::Value(Json::arrayValue);
+  return status;
+}
+
+TEST(StatusFormatTest, AVolumeNotWatchedIsAProblem) {
+  Json::Value status = FailedVolume();
+  const std::vector<std::string> problems = StatusProblems(status);
+  ASSERT_EQ(1u, problems.size());
+  EXPECT_EQ("volume /vol1 is not watched: the kernel refused the watch of "
+            "/vol1/A: Operation not supported",
+            problems[0]);
+  status["volumes"][0]["watch_state"] = "ok";
+  EXPECT_TRUE(StatusProblems(status).empty());
+  // A daemon that does not tell the state is taken as watching.
+  status["volumes"][0].removeMember("watch_state");
+  EXPECT_TRUE(StatusProblems(status).empty());
+}
+
+TEST(StatusFormatTest, TableAndPrometheusShowAVolumeNotWatched) {
+  const std::string text = StatusTable(FailedVolume());
+  EXPECT_NE(text.find("(none watched)\n        not watched, refused by the "
+                      "kernel: Operation not supported: /vol1/A\n"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(std::string::npos, StatusTable(Sample()).find("not watched"));
+  const std::string labels = "{volume=\"1\",mount_point=\"/vol1\"}";
+  EXPECT_NE(StatusPrometheus(FailedVolume())
+                .find("yulotifyd_volume_watch_failed" + labels + " 1\n"),
+            std::string::npos);
+  EXPECT_NE(StatusPrometheus(Sample())
+                .find("yulotifyd_volume_watch_failed" + labels + " 0\n"),
+            std::string::npos);
 }
 
 TEST(StatusFormatTest, LabelEscapes) {

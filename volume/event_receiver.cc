@@ -1,7 +1,10 @@
 #include "volume/event_receiver.h"
 
+#include <errno.h>
+
 #include <set>
 
+#include "base/errno_text.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -163,12 +166,10 @@ void EventReceiver::ReAddAllWatches() {
     if (watched_paths().count(share) != 0) continue;
     // Said once the watch is in place: whoever waits for the line may rely
     // on the share's changes being seen from then on.
-    if (AddWatch(share) < 0) {
-      YULO_LOG_ALWAYS("Add failed, path=%s", share.c_str());
-    } else {
-      YULO_LOG_INFO("Add watch, path=%s", share.c_str());
-    }
+    if (PlaceWatch(share)) YULO_LOG_INFO("Add watch, path=%s", share.c_str());
   }
+  // A share no longer wanted is no longer a failure of the volume.
+  health_.KeepRefusalsOf(shares);
   std::vector<std::pair<std::string, int>> unwanted;
   for (const auto& watched : watched_paths()) {
     if (shares.count(watched.first) == 0) unwanted.emplace_back(watched);
@@ -176,6 +177,7 @@ void EventReceiver::ReAddAllWatches() {
   for (const auto& watched : unwanted) {
     YULO_LOG_INFO("Remove watch, path=%s", watched.first.c_str());
     RemoveWatch(watched.second);
+    health_.Forget(watched.first);
   }
   // Narrow last, once every wanted bit is in place.
   SetEventMask(new_mask);
@@ -207,15 +209,14 @@ void EventReceiver::MountShare(const std::string& path) {
   // only ever added here (a reload narrows).
   SetEventMask(event_mask() |
                WantedKernelMask(queues, owner_->GetMountPoint()));
-  if (AddWatch(path) < 0) {
-    YULO_LOG_ALWAYS("Add failed, path=%s", path.c_str());
-    return;
-  }
+  if (!PlaceWatch(path)) return;
   YULO_LOG_DEBUG("EventReceiver Mount share, share=%s", path.c_str());
 }
 
 void EventReceiver::UmountShare(const std::string& path) {
   if (!MonitorQueue::IsDirMonitoring(owner_->GetMonitorQueues(), path)) return;
+  // Unmounted, the share is no longer the volume's failure either.
+  health_.Forget(path);
   std::string watch, relative;
   int id = -1;
   if (LookupWatch(path, watch, relative, id) != 0) {
@@ -225,6 +226,41 @@ void EventReceiver::UmountShare(const std::string& path) {
   }
   RemoveWatch(id);
   YULO_LOG_DEBUG("EventReceiver Umount share, share=%s", path.c_str());
+}
+
+bool EventReceiver::PlaceWatch(const std::string& share) {
+  errno = 0;
+  if (AddWatch(share) >= 0) {
+    if (health_.Placed(share)) {
+      // Its changes since the refusal were never read: the volume's
+      // processor rescans it, as for a volume that comes back.
+      YULO_LOG_WARNING("Volume %s watched after the kernel refused it, "
+                       "rescanning it, share=%s",
+                       owner_->GetMountPoint().c_str(), share.c_str());
+      owner_->WatchRecovered();
+    }
+    return true;
+  }
+  // Without a kernel instance no call was made, and errno tells nothing.
+  const bool instance = descriptor() >= 0;
+  const int err = instance ? errno : 0;
+  const std::string reason =
+      instance ? ErrnoText(err) : std::string("no kernel notification instance");
+  // Said at error priority once per cause; every mount-table change, reload
+  // and "mount_volume" tries again, and a refusal that repeats is traced
+  // only.
+  if (health_.Refused(share, err, reason)) {
+    YULO_LOG_ALWAYS("Volume %s not watched: the kernel refused the watch of "
+                    "%s: %s",
+                    owner_->GetMountPoint().c_str(), share.c_str(),
+                    reason.c_str());
+  } else {
+    YULO_LOG_DEBUG("Volume %s still not watched: the kernel refused the "
+                   "watch of %s: %s",
+                   owner_->GetMountPoint().c_str(), share.c_str(),
+                   reason.c_str());
+  }
+  return false;
 }
 
 }  // namespace YULOTIFYD

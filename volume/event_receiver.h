@@ -25,6 +25,7 @@
 #include "notify/packed_events.h"
 #include "notify/yulotify.h"
 #include "volume/receiver_owner.h"
+#include "volume/watch_health.h"
 #include "yulotifyd/thread.h"
 
 namespace YULO {
@@ -91,6 +92,10 @@ class EventReceiver : public YULotify, public Thread {
 
   size_t PendingCommands();
 
+  // Which shares have their kernel watch and which the kernel refused; any
+  // thread may read it.
+  const WatchHealth& health() const { return health_; }
+
  protected:
   void Run() override;
 
@@ -98,6 +103,11 @@ class EventReceiver : public YULotify, public Thread {
   void Setup(ReceiverOwner* owner);
   void MountShare(const std::string& path);
   void UmountShare(const std::string& path);
+  // Adds the watch of `share` and records the outcome in health_: a
+  // refusal is said at error priority when it is new, and a share watched
+  // after a refusal owes its volume a rescan (ReceiverOwner::WatchRecovered).
+  // True when the watch is in place.
+  bool PlaceWatch(const std::string& share);
   // kDrainKernel: queues what the kernel holds, for at most a second.
   void DrainKernelNow();
 
@@ -113,6 +123,7 @@ class EventReceiver : public YULotify, public Thread {
   std::atomic<size_t> command_count_;
   PackedEvents batch_;  // reused by RunOnce
   NotifyEvent next_;    // reused by RunOnce
+  WatchHealth health_;
 };
 
 }  // namespace YULOTIFYD

@@ -1,6 +1,8 @@
 #include "volume/event_receiver.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <chrono>
 #include <memory>
@@ -8,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/testing/log_capture.h"
 #include "notify/testing/fake_backend.h"
 
 namespace YULO {
@@ -16,8 +19,10 @@ namespace {
 
 using testing::FakeBackend;
 using testing::FakeKernel;
+using testing::CapturedLine;
 using testing::FakeMountEnv;
 using testing::RawRecordBytes;
+using testing::TakeCapturedLines;
 
 class FakeOwner : public ReceiverOwner {
  public:
@@ -47,6 +52,10 @@ class FakeOwner : public ReceiverOwner {
     std::lock_guard<std::mutex> lock(mutex);
     ++drained;
   }
+  void WatchRecovered() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++recovered;
+  }
 
   // Replaces the configuration with one queue watching `shares`.
   void Watch(const std::vector<std::string>& shares) {
@@ -68,6 +77,7 @@ class FakeOwner : public ReceiverOwner {
   std::vector<size_t> batches;  // sizes of the EnqueueEvents calls
   int ready = 0;
   int drained = 0;
+  int recovered = 0;
   std::string mount_point = "/vol1";
 };
 
@@ -388,6 +398,147 @@ TEST_F(EventReceiverTest, PathsTheOwnerDisownsAreNotWatched) {
   std::vector<std::string> watched;
   for (const auto& entry : receiver.watched_paths()) watched.push_back(entry.first);
   EXPECT_EQ(watched, (std::vector<std::string>{"/vol1/a"}));
+}
+
+// The captured lines of `priority` that contain `text`.
+std::vector<std::string> LinesAt(const std::vector<CapturedLine>& lines,
+                                 int priority, const std::string& text) {
+  std::vector<std::string> out;
+  for (const CapturedLine& line : lines) {
+    if (line.priority == priority &&
+        line.text.find(text) != std::string::npos) {
+      out.push_back(line.text);
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> Shares(const std::vector<RefusedWatch>& refused) {
+  std::vector<std::string> out;
+  for (const RefusedWatch& r : refused) out.push_back(r.share);
+  return out;
+}
+
+TEST_F(EventReceiverTest, ARefusedWatchIsNeverShownAsWatched) {
+  owner_.Watch({"/vol1/a", "/vol1/b"});
+  auto receiver = Make();
+  // The kernel refuses the mark of /vol1 for both shares on it.
+  kernel_->add_errnos = {EOPNOTSUPP, EOPNOTSUPP};
+  TakeCapturedLines();
+  receiver->ReAddAllWatches();
+  EXPECT_TRUE(receiver->watched_paths().empty());
+  EXPECT_TRUE(receiver->health().Watched().empty());
+  EXPECT_TRUE(receiver->health().AnyRefused());
+  const std::vector<RefusedWatch> refused = receiver->health().Refusals();
+  EXPECT_EQ(Shares(refused), (std::vector<std::string>{"/vol1/a", "/vol1/b"}));
+  EXPECT_EQ(refused[0].err, EOPNOTSUPP);
+  EXPECT_EQ(refused[0].reason, "Operation not supported");
+  // Still acknowledged: a reload waiting for the receiver goes on.
+  EXPECT_EQ(owner_.ready, 1);
+  // One line at error priority naming the volume and why, for both shares.
+  const std::vector<CapturedLine> lines = TakeCapturedLines();
+  EXPECT_EQ(LinesAt(lines, LOG_ERR, "Volume /vol1 not watched").size(), 1u);
+  EXPECT_EQ(LinesAt(lines, LOG_ERR,
+                    "the kernel refused the watch of /vol1/a: Operation not "
+                    "supported")
+                .size(),
+            1u);
+  EXPECT_EQ(owner_.recovered, 0);
+}
+
+TEST_F(EventReceiverTest, ARefusedWatchIsTriedAgainAndOwesARescanOncePlaced) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  kernel_->add_errnos = {EXDEV};
+  receiver->ReAddAllWatches();
+  ASSERT_TRUE(receiver->health().AnyRefused());
+  TakeCapturedLines();
+  // Refused again: traced, not said again at error priority.
+  kernel_->add_errnos = {EXDEV};
+  receiver->PostCommand(ReceiverCommand::kReloadAll, std::string());
+  receiver->RunCommands();
+  EXPECT_TRUE(LinesAt(TakeCapturedLines(), LOG_ERR, "not watched").empty());
+  EXPECT_EQ(owner_.recovered, 0);
+  EXPECT_EQ(kernel_->Count("add "), 2);
+  // The kernel takes it now.
+  receiver->PostCommand(ReceiverCommand::kReloadAll, std::string());
+  receiver->RunCommands();
+  EXPECT_EQ(receiver->watched_paths().count("/vol1/a"), 1u);
+  EXPECT_FALSE(receiver->health().AnyRefused());
+  EXPECT_EQ(receiver->health().Watched(), (std::vector<std::string>{"/vol1/a"}));
+  EXPECT_EQ(owner_.recovered, 1);
+  EXPECT_EQ(LinesAt(TakeCapturedLines(), LOG_WARNING,
+                    "Volume /vol1 watched after the kernel refused it, "
+                    "rescanning it, share=/vol1/a")
+                .size(),
+            1u);
+  // Watched from then on: later reloads add nothing and owe nothing.
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(kernel_->Count("add "), 3);
+  EXPECT_EQ(owner_.recovered, 1);
+}
+
+TEST_F(EventReceiverTest, ANewCauseOfRefusalIsSaidAgain) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  kernel_->add_errnos = {EXDEV};
+  receiver->ReAddAllWatches();
+  TakeCapturedLines();
+  kernel_->add_errnos = {ENOSPC};
+  receiver->ReAddAllWatches();
+  EXPECT_EQ(LinesAt(TakeCapturedLines(), LOG_ERR,
+                    "of /vol1/a: No space left on device")
+                .size(),
+            1u);
+  EXPECT_EQ(receiver->health().Refusals()[0].err, ENOSPC);
+}
+
+TEST_F(EventReceiverTest, AShareNoLongerWantedIsNoLongerAFailure) {
+  owner_.Watch({"/vol1/a", "/vol1/b"});
+  auto receiver = Make();
+  // /vol1/a refused; the kernel is asked again for /vol1/b and takes it.
+  kernel_->add_errnos = {ENODEV, 0};
+  receiver->ReAddAllWatches();
+  ASSERT_EQ(Shares(receiver->health().Refusals()),
+            (std::vector<std::string>{"/vol1/a"}));
+  EXPECT_EQ(receiver->health().Watched(), (std::vector<std::string>{"/vol1/b"}));
+  owner_.Watch({"/vol1/b"});
+  receiver->ReAddAllWatches();
+  EXPECT_FALSE(receiver->health().AnyRefused());
+  EXPECT_EQ(owner_.recovered, 0);
+  // Unwatched when unmounted.
+  receiver->PostCommand(ReceiverCommand::kUmountShare, "/vol1/b");
+  receiver->RunCommands();
+  EXPECT_TRUE(receiver->health().Watched().empty());
+}
+
+TEST_F(EventReceiverTest, AMountedShareTheKernelRefusesIsAFailureUntilPlaced) {
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  kernel_->add_errnos = {EOPNOTSUPP};
+  receiver->PostCommand(ReceiverCommand::kMountShare, "/vol1/a");
+  receiver->RunCommands();
+  EXPECT_EQ(Shares(receiver->health().Refusals()),
+            (std::vector<std::string>{"/vol1/a"}));
+  // Unmounted while refused: nothing is left to fail.
+  receiver->PostCommand(ReceiverCommand::kUmountShare, "/vol1/a");
+  receiver->RunCommands();
+  EXPECT_FALSE(receiver->health().AnyRefused());
+}
+
+TEST_F(EventReceiverTest, WithoutAKernelInstanceEveryShareIsRefused) {
+  kernel_->init_fd = -1;
+  owner_.Watch({"/vol1/a"});
+  auto receiver = Make();
+  TakeCapturedLines();
+  receiver->ReAddAllWatches();
+  const std::vector<RefusedWatch> refused = receiver->health().Refusals();
+  ASSERT_EQ(Shares(refused), (std::vector<std::string>{"/vol1/a"}));
+  EXPECT_EQ(refused[0].reason, "no kernel notification instance");
+  EXPECT_EQ(LinesAt(TakeCapturedLines(), LOG_ERR,
+                    "of /vol1/a: no kernel notification instance")
+                .size(),
+            1u);
 }
 
 }  // namespace

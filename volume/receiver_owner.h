@@ -50,6 +50,10 @@ class ReceiverOwner {
   // Called once the receiver has queued what the kernel held when it was
   // asked to (ReceiverCommand::kDrainKernel).
   virtual void KernelDrained() {}
+  // Called when a share's watch was placed after the kernel had refused
+  // it: what changed on the volume meanwhile was never read, so the volume
+  // is owed a rescan.
+  virtual void WatchRecovered() {}
   // The volume's mount point.
   virtual const std::string& GetMountPoint() const = 0;
   // Whether `path` lies on the volume, i.e. is to be watched by its

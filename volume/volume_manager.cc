@@ -340,8 +340,11 @@ VolumeStatus VolumeMgr::GetStatus() {
   VolumeStatus status;
   status.id = vol_id_;
   status.mount_point = mount_point_;
-  for (const std::string& share : MonitorQueue::GetShareSet(GetMonitorQueues())) {
-    if (OwnsPath(share)) status.watched_shares.push_back(share);
+  // What the receiver placed, not what the configuration asks for: a share
+  // the kernel refused is never shown as watched.
+  if (receiver_ != nullptr) {
+    status.watched_shares = receiver_->health().Watched();
+    status.refused_watches = receiver_->health().Refusals();
   }
   const NotifyBackend* backend =
       receiver_ != nullptr ? receiver_->backend() : nullptr;
@@ -380,6 +383,19 @@ void VolumeMgr::WatchesReady() {
 
 void VolumeMgr::KernelDrained() {
   if (context_ != nullptr) context_->PostReloadSemaphore();
+}
+
+void VolumeMgr::WatchRecovered() {
+  // The same owed rescan as for events that could not be queued; the
+  // processor is woken so that it follows at once instead of at its next
+  // pass.
+  events_lost_.store(true);
+  EventProcessor* processor = wake_target_.load();
+  if (processor != nullptr) processor->Wake();
+}
+
+bool VolumeMgr::WatchFailed() const {
+  return receiver_ != nullptr && receiver_->health().AnyRefused();
 }
 
 bool VolumeMgr::IsInitStart() {

@@ -30,6 +30,7 @@
 #include "volume/event_queue.h"
 #include "volume/receiver_owner.h"
 #include "volume/volume_context.h"
+#include "volume/watch_health.h"
 #include "yulo_platform.h"
 
 namespace YULO {
@@ -43,7 +44,11 @@ struct QueueFileStatus;
 struct VolumeStatus {
   int32_t id = 0;
   std::string mount_point;
+  // Shares with their kernel watch in place.
   std::vector<std::string> watched_shares;
+  // Wanted shares the kernel refused to watch, with why: the volume counts
+  // as failed while any is listed.
+  std::vector<RefusedWatch> refused_watches;
   std::string backend;          // "appliance", "fanotify" or "none"
   bool paired_renames = false;
   uint64_t events_read = 0;     // from the kernel
@@ -126,6 +131,10 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
   void KernelDrained() override;
+  // The processor's next pass, woken now, rescans the volume.
+  void WatchRecovered() override;
+  // Whether the kernel refused the watch of a wanted share. Any thread.
+  bool WatchFailed() const;
   bool IsInitStart();
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.
@@ -188,6 +197,8 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::condition_variable ready_cv_;
   bool watches_placed_ = false;
   std::atomic<uint64_t> events_injected_{0};
+  // The volume is owed a rescan: events could not be queued, or a refused
+  // watch was placed at last. Taken by the processor (TakeLostEvents).
   std::atomic<bool> events_lost_{false};
   std::vector<std::string> share_paths_;
   VolumeContext* context_;

@@ -7,8 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/testing/temp_dir.h"
@@ -159,6 +163,55 @@ TEST(VolumeMgrRescanTest, RescanAtStartCountsAsRecovery) {
   {
     VolumeMgr plain(&info, &context);
     EXPECT_TRUE(plain.IsRecovery());
+  }
+  Thread::DestroyThreadLock();
+}
+
+// Monitor queues fixed before any manager exists.
+class QueueContext : public VolumeContext {
+ public:
+  explicit QueueContext(std::vector<MonitorQueue> queues)
+      : queues_(std::move(queues)) {}
+  std::vector<MonitorQueue> GetMonitorQueues() override { return queues_; }
+  int32_t GetRunStatus() const override { return RUN_STATUS_STOPPED; }
+  void PostReloadSemaphore() override {}
+
+ private:
+  const std::vector<MonitorQueue> queues_;
+};
+
+// A watch placed after the kernel refused it leaves the volume's changes
+// meanwhile unread: the queues watching the volume get a rescan line of it,
+// soon, without waiting for the processor's next pass.
+TEST(VolumeMgrRescanTest, AWatchPlacedAfterARefusalRescansTheVolume) {
+  ASSERT_TRUE(Thread::InitThreadLock());
+  {
+    testing::TempDir dir("recovered");
+    const std::string share = dir.MakeDir("vol") + "/Share";
+    dir.MakeDir("vol/Share");
+    const std::string queue = dir.File("q.queue");
+    QueueContext context({MonitorQueue(
+        queue, {MonitorQueue::MakeConfig("Share", share, "/", true, 1023)},
+        getuid(), getgid())});
+    YULO_VOLUME_INFO info;
+    std::memset(&info, 0, sizeof(info));
+    info.vol_id = 7;
+    std::snprintf(info.mount_point, sizeof(info.mount_point), "%s",
+                  dir.File("vol").c_str());
+    VolumeMgr mgr(&info, &context);
+    EXPECT_EQ(0u, mgr.GetStatus().rescan_lines);
+    mgr.WatchRecovered();
+    // Well inside the processor's regular pause: the wake brought it.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
+    while (mgr.GetStatus().rescan_lines == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(1u, mgr.GetStatus().rescan_lines);
+    EXPECT_EQ("{\"event\":512,\"is_dir\":true,\"path\":\"" + dir.File("vol") +
+                  "\"}\n",
+              dir.Read("q.queue"));
   }
   Thread::DestroyThreadLock();
 }

@@ -59,7 +59,15 @@ class FakeVolume : public ManagedVolume {
     status.id = id_;
     status.mount_point = mount_point_;
     status.backend = "none";
+    const auto refused = owner_->refused.find(id_);
+    if (refused != owner_->refused.end()) {
+      status.refused_watches = refused->second;
+    }
     return status;
+  }
+  bool WatchFailed() override {
+    const auto refused = owner_->refused.find(id_);
+    return refused != owner_->refused.end() && !refused->second.empty();
   }
   std::vector<QueueFileStatus> GetQueueFileStatus() override {
     const auto it = owner_->queue_files.find(id_);

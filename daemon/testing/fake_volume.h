@@ -38,6 +38,8 @@ class FakeVolumes {
   // its watches or to drain its kernel queue (as a receiver does once it
   // has).
   bool acknowledge_reloads = true;
+  // The watches each volume reports refused by the kernel, by volume id.
+  std::map<int32_t, std::vector<RefusedWatch>> refused;
   // What each volume reports about its queue files, by volume id.
   std::map<int32_t, std::vector<QueueFileStatus>> queue_files;
   // How many fakes were made, and with which rescan flag, by volume id
