@@ -62,13 +62,14 @@ void EventProcessor::Run() {
     RunOnePass();
     SleepUnlessStopped(NextPauseMs());
   }
-  if (drain_requested_) drained_ = FinalPasses(drain_deadline_);
+  drain_.Finish([this](StopDrain::TimePoint deadline) {
+    return FinalPasses(deadline);
+  });
 }
 
 void EventProcessor::RequestDrainStop(
     std::chrono::steady_clock::time_point deadline) {
-  drain_deadline_ = deadline;
-  drain_requested_ = true;
+  drain_.Request(deadline);
   RequestStop();
 }
 

@@ -66,6 +66,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/stop_drain.h"
 #include "notify/notify_event.h"
 #include "notify/packed_events.h"
 #include "output/event_source.h"
@@ -161,7 +162,7 @@ class EventProcessor : public Thread {
   bool FinalPasses(std::chrono::steady_clock::time_point deadline);
 
   // False when the last drain left something unwritten. True before any.
-  bool Drained() const { return drained_; }
+  bool Drained() const { return drain_.Drained(); }
 
  protected:
   // SendRecoveryRescan, then RunOnePass and a 3-second pause (cut short by
@@ -260,11 +261,7 @@ class EventProcessor : public Thread {
   std::vector<std::pair<std::string, std::vector<size_t>>> queues_near_;
   std::string line_;  // reused for every line's text
   std::string path_a_, path_b_;  // reused for the events' full paths
-  // Set before the stop flag is raised and read by the worker after it sees
-  // the flag, so the flag's ordering covers them.
-  bool drain_requested_ = false;
-  std::chrono::steady_clock::time_point drain_deadline_;
-  std::atomic<bool> drained_{true};
+  StopDrain drain_;  // RequestDrainStop's request and how it went
 };
 
 }  // namespace YULOTIFYD

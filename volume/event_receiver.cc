@@ -115,13 +115,14 @@ void EventReceiver::Run() {
   ReAddAllWatches();
   SetReadTimeout(0, kReadTimeoutMicros);
   while (!stop_flag) RunOnce(event);
-  if (drain_requested_) drained_ = DrainKernel(drain_deadline_);
+  drain_.Finish([this](StopDrain::TimePoint deadline) {
+    return DrainKernel(deadline);
+  });
 }
 
 void EventReceiver::RequestDrainStop(
     std::chrono::steady_clock::time_point deadline) {
-  drain_deadline_ = deadline;
-  drain_requested_ = true;
+  drain_.Request(deadline);
   RequestStop();
 }
 
