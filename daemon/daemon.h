@@ -87,11 +87,7 @@ struct DaemonOptions {
 
 class Daemon : public VolumeContext, private ControlHandler {
  public:
-  static constexpr size_t kInotifyBufferSize = ConfigWatch::kBufferSize;
   static constexpr int kSelectTimeoutSeconds = 30;
-  // How long a stopping volume may take to write what it has read before
-  // the daemon gives up on it (and leaves the next start to rescan).
-  static constexpr int kDrainSeconds = VolumeRegistry::kDrainSeconds;
 
   explicit Daemon(DaemonOptions options = DaemonOptions());
   ~Daemon() override;
@@ -151,8 +147,6 @@ class Daemon : public VolumeContext, private ControlHandler {
   // Run status and monitor queues.
   void LoadMonitorQueue();
   void LoadDaemonRunStatus();
-  // Replaces the run-status file with {"status": `status`}.
-  bool WriteDaemonRunStatus(const char* status);
   void SaveDaemonRunStatus();
   // Drains and deletes every volume manager, side by side.
   void StopVolumeMgrs();
@@ -176,7 +170,6 @@ class Daemon : public VolumeContext, private ControlHandler {
   bool SetupDomainSocket();
   // Serves the control clients that select found ready.
   void HandleDomainSocket(const fd_set& readable, const fd_set& writable);
-  static bool ReadSocket(int fd, uint64_t length, char* buffer);
 
   // ControlHandler: the commands.
   Json::Value DescribeStatus() override;
@@ -196,11 +189,7 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // Volume manager registry. Mount points are compared normalised.
   bool SetupVolumeMgr();
-  // Refuses (false) a volume id that has a manager already.
-  bool CreateVolumeMgr(const YULO_VOLUME_INFO* info,
-                       bool rescan_at_start = false);
   ManagedVolume* GetVolumeMgrByShare(const std::string& share_name);
-  ManagedVolume* GetVolumeMgrByMountPoint(const std::string& mount_point);
   void MountVolume(const std::string& mount_point);
   void UmountVolume(const std::string& mount_point);
 

@@ -115,6 +115,10 @@ class QueueOutbox {
   // from line `index` (whose "path_old", if any, they keep).
   Outcome Reset(int fd, size_t index, const std::vector<MonitorQueue>& snapshot,
                 QueueFileOps& ops);
+  // Logs "Queue oversized": always, at warning priority, when the file is
+  // reset (`reset`); at debug level when lines meet a file that was reset
+  // and are dropped.
+  void LogOversized(bool reset) const;
   // The reset output (marker, then one rescan line per share) as lines.
   std::string ResetText(std::string_view quoted_old_path,
                         const std::vector<MonitorQueue>& snapshot) const;
