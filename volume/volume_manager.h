@@ -87,7 +87,6 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool EnqueueEvent(const NotifyEvent& event) override;
   bool EnqueueEvents(PackedEvents& events) override;
   void GetEvents(PackedEvents& out) override;
-  size_t QueuedEvents() { return queue_.Size(); }
 
   // Injects an event reported by another service: queue event code `type`,
   // its path and, for a rename (256), the old path. True when a record was
@@ -126,7 +125,6 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
   void KernelDrained() override;
-  bool IsInitStart();
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.
   bool IsRecovery() override;
@@ -141,43 +139,23 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // Main thread. Waits for a processor pass under way to end.
   VolumeStatus GetStatus();
   std::vector<QueueFileStatus> GetQueueFileStatus();
-  const std::vector<std::string>& GetSharePaths() const {
-    return share_paths_;
-  }
 
   // Whether a push of `pushed` events that left `size_after` queued brought
   // the queue across EventProcessor::kEarlyPassEvents.
   static bool CrossesEarlyPassMark(size_t pushed, size_t size_after);
 
-  // Queue event code `type` (as written in queue lines) -> kernel mask bits.
-  static uint32_t ConvertType(uint32_t type, bool is_dir);
-
-  // The records an injected event becomes, in the form the kernel would
-  // have produced them, appended to `out`: `type`, `path` and `path_old` as
-  // for PushEvent, `share_paths` the volume's shares in list order. Returns
-  // PushEvent's result. `cookie` is the counter of injected renames.
-  static bool BuildInjected(uint32_t type, const std::string& path,
-                            const std::string& path_old,
-                            const std::vector<std::string>& share_paths,
-                            const std::string& mount_point, uint64_t* cookie,
-                            std::vector<NotifyEvent>* out);
 
  private:
   bool Init(const YULO_VOLUME_INFO* info);
   void ListShares();
   void FreeThreads();
-  // Starts the processor's next pass now when a push of `pushed` events
-  // brought the queue to `size_after` across the early-pass mark.
-  void WakeProcessorIfBusy(size_t pushed, size_t size_after);
-  // Events could not be queued (out of memory): logged, and the volume is
-  // rescanned by the processor's next pass.
-  void NoteLostEvents();
-  // The first of `share_paths` that `path` begins with; "" when none.
-  static std::string FindShareRoot(const std::vector<std::string>& share_paths,
-                                   const std::string& path);
-  static NotifyEvent BuildRecord(uint32_t mask, bool is_dir,
-                                 const std::string& path,
-                                 const std::string& root);
+  // What follows every push of `pushed` events onto the queue, `queued`
+  // telling whether it took them and `size_after` how many it then held.
+  // Taken: starts the processor's next pass now when the push brought the
+  // queue across the early-pass mark. Not taken (out of memory): logged,
+  // and the processor's next pass rescans the volume instead. Returns
+  // `queued`.
+  bool AfterPush(bool queued, size_t pushed, size_t size_after);
 
   std::string mount_point_;
   int32_t vol_id_ = 0;
