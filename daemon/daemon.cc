@@ -18,6 +18,7 @@
 
 #include "base/errno_text.h"
 #include "daemon/queue_union.h"
+#include "volume/volume_manager.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 

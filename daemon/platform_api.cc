@@ -1,7 +1,7 @@
 #include "daemon/platform_api.h"
 
 #include "platform/share_path.h"
-#include "volume/volume_manager.h"
+#include "volume/share_list.h"
 
 namespace YULO {
 namespace YULOTIFYD {

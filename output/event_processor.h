@@ -71,24 +71,13 @@
 #include "notify/packed_events.h"
 #include "output/event_source.h"
 #include "output/queue_file_ops.h"
+#include "output/queue_file_status.h"
 #include "output/queue_outbox.h"
 #include "yulotifyd/monitor_queue.h"
 #include "yulotifyd/thread.h"
 
 namespace YULO {
 namespace YULOTIFYD {
-
-// What a processor reports about one queue file it writes.
-struct QueueFileStatus {
-  std::string path;
-  uint64_t lines_written = 0;
-  size_t lines_kept = 0;
-  QueueOutbox::State state = QueueOutbox::State::kOk;
-  std::string last_error;
-  time_t last_error_time = 0;
-  // See QueueOutbox::oldest_line_time.
-  time_t oldest_line_time = 0;
-};
 
 class EventProcessor : public Thread {
  public:

@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "output/queue_file.h"
+#include "output/queue_file_status.h"
 #include "output/queue_file_ops.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -49,12 +50,7 @@ namespace YULOTIFYD {
 class QueueOutbox {
  public:
   // How the file did at the last attempt.
-  enum class State {
-    kOk,       // took its lines
-    kBusy,     // the lock stayed busy
-    kFailing,  // open, lock or write failed otherwise
-    kReset,    // the first line is a reset marker: lines are dropped
-  };
+  using State = QueueFileState;
 
   // The lines of the queues naming file `path` whose configuration file
   // belongs to `owner_uid`:`owner_gid`. For an owner other than root, every

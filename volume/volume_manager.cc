@@ -1,20 +1,18 @@
 #include "volume/volume_manager.h"
 
-#include <cstring>
 #include <new>
 
 #include "notify/mount_point.h"
 #include "output/event_processor.h"
 #include "volume/event_receiver.h"
 #include "volume/injected_event.h"
+#include "volume/share_list.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 
 namespace {
-
-constexpr int kPathBufferSize = 4096;
 
 // Cookies of injected renames, shared by all volumes. Only the main thread
 // injects events, so it needs no lock.
@@ -86,26 +84,6 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
                     mount_point_.c_str());
   }
   return true;
-}
-
-int ReadAllShares(int flags,
-                  std::vector<std::pair<std::string, std::string>>* out) {
-  PYULO_SZ_LIST list = YULOSzListAlloc(1024);
-  if (list == nullptr) return kSharesNoMemory;
-  if (YULOShareEnum(&list, flags) < 0) {
-    YULOSzListFree(list);
-    return kSharesUnreadable;
-  }
-  for (int i = 0; i < YULOSzListCount(list); ++i) {
-    const char* name = YULOSzListGet(list, i);
-    if (name == nullptr) continue;
-    char path[kPathBufferSize];
-    std::memset(path, 0, sizeof(path));
-    if (YULOSharePathGet(name, path, sizeof(path)) != 0) continue;
-    out->emplace_back(name, path);
-  }
-  YULOSzListFree(list);
-  return 0;
 }
 
 void VolumeMgr::ListShares() {
@@ -299,6 +277,12 @@ bool VolumeMgr::IsRecovery() {
   if (rescan_at_start_) return true;
   return context_ != nullptr &&
          context_->GetRunStatus() == RUN_STATUS_RECOVERY;
+}
+
+std::unique_ptr<ManagedVolume> MakeVolumeMgr(const YULO_VOLUME_INFO* info,
+                                             VolumeContext* context,
+                                             bool rescan_at_start) {
+  return std::make_unique<VolumeMgr>(info, context, rescan_at_start);
 }
 
 }  // namespace YULOTIFYD
