@@ -8,9 +8,9 @@ void StopDrain::Request(TimePoint deadline) {
   requested_ = true;
 }
 
-bool StopDrain::Finish(const Step& step) {
+bool StopDrain::Finish() {
   if (!requested_) return false;
-  drained_.store(step(deadline_));
+  drained_.store(step_(deadline_));
   return true;
 }
 

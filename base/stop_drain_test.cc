@@ -15,33 +15,33 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 TEST(StopDrainTest, NothingRunsWithoutARequest) {
-  StopDrain drain;
   int runs = 0;
-  EXPECT_FALSE(drain.Finish([&runs](StopDrain::TimePoint) {
+  StopDrain drain([&runs](StopDrain::TimePoint) {
     ++runs;
     return false;
-  }));
+  });
+  EXPECT_FALSE(drain.Finish());
   EXPECT_EQ(runs, 0);
   EXPECT_TRUE(drain.Drained());
 }
 
 TEST(StopDrainTest, TheStepGetsTheRequestedDeadline) {
-  StopDrain drain;
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(7);
-  drain.Request(deadline);
   Clock::time_point seen;
-  EXPECT_TRUE(drain.Finish([&seen](StopDrain::TimePoint d) {
+  StopDrain drain([&seen](StopDrain::TimePoint d) {
     seen = d;
     return true;
-  }));
+  });
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(7);
+  drain.Request(deadline);
+  EXPECT_TRUE(drain.Finish());
   EXPECT_EQ(seen, deadline);
   EXPECT_TRUE(drain.Drained());
 }
 
 TEST(StopDrainTest, AStepThatRanOutOfTimeIsReported) {
-  StopDrain drain;
+  StopDrain drain([](StopDrain::TimePoint) { return false; });
   drain.Request(Clock::now());
-  EXPECT_TRUE(drain.Finish([](StopDrain::TimePoint) { return false; }));
+  EXPECT_TRUE(drain.Finish());
   EXPECT_FALSE(drain.Drained());
 }
 
@@ -49,17 +49,17 @@ TEST(StopDrainTest, AStepThatRanOutOfTimeIsReported) {
 // the stop flag, as the workers do; under TSan this also checks that the
 // flag's ordering is all the plain fields need.
 TEST(StopDrainTest, ARequestMadeBeforeTheStopReachesTheWorker) {
-  StopDrain drain;
+  Clock::time_point seen;
+  StopDrain drain([&seen](StopDrain::TimePoint d) {
+    seen = d;
+    return false;
+  });
   std::atomic<bool> stop{false};
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(3);
-  Clock::time_point seen;
   bool finished = false;
   std::thread worker([&] {
     while (!stop.load()) std::this_thread::yield();
-    finished = drain.Finish([&seen](StopDrain::TimePoint d) {
-      seen = d;
-      return false;
-    });
+    finished = drain.Finish();
   });
   drain.Request(deadline);
   stop.store(true);

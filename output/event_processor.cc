@@ -62,9 +62,7 @@ void EventProcessor::Run() {
     RunOnePass();
     SleepUnlessStopped(NextPauseMs());
   }
-  drain_.Finish([this](StopDrain::TimePoint deadline) {
-    return FinalPasses(deadline);
-  });
+  drain_.Finish();
 }
 
 void EventProcessor::RequestDrainStop(

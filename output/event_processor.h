@@ -250,7 +250,10 @@ class EventProcessor : public Thread {
   std::vector<std::pair<std::string, std::vector<size_t>>> queues_near_;
   std::string line_;  // reused for every line's text
   std::string path_a_, path_b_;  // reused for the events' full paths
-  StopDrain drain_;  // RequestDrainStop's request and how it went
+  // RequestDrainStop's request and how it went; the step is FinalPasses.
+  StopDrain drain_{[this](StopDrain::TimePoint deadline) {
+    return FinalPasses(deadline);
+  }};
 };
 
 }  // namespace YULOTIFYD

@@ -115,9 +115,7 @@ void EventReceiver::Run() {
   ReAddAllWatches();
   SetReadTimeout(0, kReadTimeoutMicros);
   while (!stop_flag) RunOnce(event);
-  drain_.Finish([this](StopDrain::TimePoint deadline) {
-    return DrainKernel(deadline);
-  });
+  drain_.Finish();
 }
 
 void EventReceiver::RequestDrainStop(

@@ -103,7 +103,10 @@ class EventReceiver : public YULotify, public Thread {
   void DrainKernelNow();
 
   ReceiverOwner* owner_;
-  StopDrain drain_;  // RequestDrainStop's request and how it went
+  // RequestDrainStop's request and how it went; the step is DrainKernel.
+  StopDrain drain_{[this](StopDrain::TimePoint deadline) {
+    return DrainKernel(deadline);
+  }};
   pthread_mutex_t command_mutex_;
   std::list<ReceiverCommand> commands_;
   // commands_.size(), changed under command_mutex_ and read without it.
