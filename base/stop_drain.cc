@@ -3,9 +3,10 @@
 namespace YULO {
 namespace YULOTIFYD {
 
-void StopDrain::Request(TimePoint deadline) {
+void StopDrain::RequestStop(TimePoint deadline) {
   deadline_ = deadline;
   requested_ = true;
+  raise_stop_();
 }
 
 bool StopDrain::Finish() {

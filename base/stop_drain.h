@@ -4,17 +4,16 @@
 // then does one last bounded piece of work (write what it holds, read what
 // the kernel still has) before its thread ends, and reports whether that
 // work got done before the deadline. The worker makes its StopDrain with
-// that last step; the controlling thread calls Request and then raises the
-// worker's stop flag; the worker, once its loop has seen the flag, calls
-// Finish.
+// that last step and with the way its stop flag is raised; the controlling
+// thread calls RequestStop; the worker, once its loop has seen the flag,
+// calls Finish.
 //
-// Ordering: Request's fields are plain, written before the stop flag is
-// raised and read by the worker only after it has seen the flag; the flag's
-// release/acquire ordering publishes them. Drained() may be read from any
-// thread.
+// Ordering: the request's fields are plain. RequestStop writes them before
+// it raises the stop flag, and the worker reads them only after it has seen
+// the flag, so the flag's release/acquire ordering publishes them.
 //
-// Thread-safety: Request on the controlling thread, before the stop flag is
-// raised; Finish on the worker after it saw the flag; Drained on any thread.
+// Thread-safety: RequestStop on the controlling thread; Finish on the
+// worker after it saw the flag; Drained on any thread.
 #ifndef YULOTIFYD_BASE_STOP_DRAIN_H_
 #define YULOTIFYD_BASE_STOP_DRAIN_H_
 
@@ -33,14 +32,17 @@ class StopDrain {
   using Step = std::function<bool(TimePoint deadline)>;
 
   // `step` is the worker's last piece of work; it is only called by Finish.
-  explicit StopDrain(Step step) : step_(std::move(step)) {}
+  // `raise_stop` raises the worker's stop flag (and wakes it) without
+  // waiting for it.
+  StopDrain(Step step, std::function<void()> raise_stop)
+      : step_(std::move(step)), raise_stop_(std::move(raise_stop)) {}
 
   StopDrain(const StopDrain&) = delete;
   StopDrain& operator=(const StopDrain&) = delete;
 
-  // Asks for a drain up to `deadline` at the coming stop. REQUIRES: the
-  // worker's stop flag is raised after this call, not before.
-  void Request(TimePoint deadline);
+  // Asks the worker to stop and, before its thread ends, to drain until
+  // `deadline`. Does not wait; the worker's owner joins it as on any stop.
+  void RequestStop(TimePoint deadline);
 
   // Runs the step with the requested deadline when a drain was requested,
   // and records its result for Drained(); does nothing otherwise. Returns
@@ -52,6 +54,7 @@ class StopDrain {
 
  private:
   const Step step_;
+  const std::function<void()> raise_stop_;
   bool requested_ = false;
   TimePoint deadline_;
   std::atomic<bool> drained_{true};

@@ -65,12 +65,6 @@ void EventProcessor::Run() {
   drain_.Finish();
 }
 
-void EventProcessor::RequestDrainStop(
-    std::chrono::steady_clock::time_point deadline) {
-  drain_.Request(deadline);
-  RequestStop();
-}
-
 bool EventProcessor::FinalPasses(
     std::chrono::steady_clock::time_point deadline) {
   // How long to wait before trying a file that did not take its lines

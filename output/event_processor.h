@@ -143,7 +143,9 @@ class EventProcessor : public Thread {
   // then, and more passes while a file keeps lines, until `deadline`.
   // REQUIRES: nothing adds to the source any more (its receiver has
   // stopped). Stop() then joins; Drained() tells how it went.
-  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline) {
+    drain_.RequestStop(deadline);
+  }
 
   // The last step of the thread body after RequestDrainStop, public so
   // tests can run it without the thread: true when every event taken was
@@ -251,9 +253,9 @@ class EventProcessor : public Thread {
   std::string line_;  // reused for every line's text
   std::string path_a_, path_b_;  // reused for the events' full paths
   // RequestDrainStop's request and how it went; the step is FinalPasses.
-  StopDrain drain_{[this](StopDrain::TimePoint deadline) {
-    return FinalPasses(deadline);
-  }};
+  StopDrain drain_{
+      [this](StopDrain::TimePoint deadline) { return FinalPasses(deadline); },
+      [this] { RequestStop(); }};
 };
 
 }  // namespace YULOTIFYD

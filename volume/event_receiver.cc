@@ -118,12 +118,6 @@ void EventReceiver::Run() {
   drain_.Finish();
 }
 
-void EventReceiver::RequestDrainStop(
-    std::chrono::steady_clock::time_point deadline) {
-  drain_.Request(deadline);
-  RequestStop();
-}
-
 bool EventReceiver::DrainKernel(
     std::chrono::steady_clock::time_point deadline) {
   // HasEvent never waits: it is true while records sit in the buffer or the

@@ -80,7 +80,9 @@ class EventReceiver : public YULotify, public Thread {
   // it first hand the owner every event the kernel still holds, until none
   // is left or `deadline` passes. Stop() then joins; Drained() tells how it
   // went.
-  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline) {
+    drain_.RequestStop(deadline);
+  }
 
   // Reads and queues events until the kernel has none left (true) or
   // `deadline` passes (false). The thread body's last step after
@@ -104,9 +106,9 @@ class EventReceiver : public YULotify, public Thread {
 
   ReceiverOwner* owner_;
   // RequestDrainStop's request and how it went; the step is DrainKernel.
-  StopDrain drain_{[this](StopDrain::TimePoint deadline) {
-    return DrainKernel(deadline);
-  }};
+  StopDrain drain_{
+      [this](StopDrain::TimePoint deadline) { return DrainKernel(deadline); },
+      [this] { RequestStop(); }};
   pthread_mutex_t command_mutex_;
   std::list<ReceiverCommand> commands_;
   // commands_.size(), changed under command_mutex_ and read without it.
