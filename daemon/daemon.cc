@@ -18,6 +18,7 @@
 
 #include "base/errno_text.h"
 #include "daemon/queue_union.h"
+#include "volume/volume_manager.h"
 #include "yulotifyd/log.h"
 #include "yulotifyd/thread.h"
 
@@ -326,10 +327,6 @@ std::vector<MonitorQueue> Daemon::GetMonitorQueues() {
 
 void Daemon::LoadDaemonRunStatus() { run_status_file_.Load(); }
 
-bool Daemon::WriteDaemonRunStatus(const char* status) {
-  return run_status_file_.Write(status);
-}
-
 void Daemon::SaveDaemonRunStatus() {
   run_status_file_.SaveStop(volumes_.all_drained());
 }
@@ -430,10 +427,6 @@ int32_t Daemon::HandleConnection(int conn) {
   return control_.ServeConnection(conn);
 }
 
-bool Daemon::ReadSocket(int fd, uint64_t length, char* buffer) {
-  return ControlServer::ReadSocket(fd, length, buffer);
-}
-
 Json::Value Daemon::DescribeStatus() { return BuildStatus(); }
 
 void Daemon::InjectEvent(uint32_t event, const std::string& path,
@@ -477,18 +470,8 @@ void Daemon::ReportVolumeUnmounted(const std::string& mount_point) {
 
 bool Daemon::SetupVolumeMgr() { return volumes_.CreateAll(); }
 
-bool Daemon::CreateVolumeMgr(const YULO_VOLUME_INFO* info,
-                             bool rescan_at_start) {
-  return volumes_.Create(info, rescan_at_start);
-}
-
 ManagedVolume* Daemon::GetVolumeMgrByShare(const std::string& share_name) {
   return volumes_.FindByShare(share_name);
-}
-
-ManagedVolume* Daemon::GetVolumeMgrByMountPoint(
-    const std::string& mount_point) {
-  return volumes_.FindByMountPoint(mount_point);
 }
 
 void Daemon::MountVolume(const std::string& mount_point) {

@@ -47,12 +47,12 @@
 #include "daemon/config_watch.h"
 #include "daemon/control_server.h"
 #include "daemon/instance_lock.h"
-#include "daemon/managed_volume.h"
 #include "daemon/platform_api.h"
 #include "daemon/run_status_file.h"
 #include "daemon/source_watch.h"
 #include "daemon/volume_plan.h"
 #include "daemon/volume_registry.h"
+#include "volume/managed_volume.h"
 #include "volume/volume_context.h"
 #include "yulo_build_config.h"
 #include "yulo_platform.h"
@@ -88,11 +88,7 @@ struct DaemonOptions {
 
 class Daemon : public VolumeContext, private ControlHandler {
  public:
-  static constexpr size_t kInotifyBufferSize = ConfigWatch::kBufferSize;
   static constexpr int kSelectTimeoutSeconds = 30;
-  // How long a stopping volume may take to write what it has read before
-  // the daemon gives up on it (and leaves the next start to rescan).
-  static constexpr int kDrainSeconds = VolumeRegistry::kDrainSeconds;
 
   explicit Daemon(DaemonOptions options = DaemonOptions());
   ~Daemon() override;
@@ -152,8 +148,6 @@ class Daemon : public VolumeContext, private ControlHandler {
   // Run status and monitor queues.
   void LoadMonitorQueue();
   void LoadDaemonRunStatus();
-  // Replaces the run-status file with {"status": `status`}.
-  bool WriteDaemonRunStatus(const char* status);
   void SaveDaemonRunStatus();
   // Drains and deletes every volume manager, side by side.
   void StopVolumeMgrs();
@@ -178,7 +172,6 @@ class Daemon : public VolumeContext, private ControlHandler {
   bool SetupDomainSocket();
   // Serves the control clients that select found ready.
   void HandleDomainSocket(const fd_set& readable, const fd_set& writable);
-  static bool ReadSocket(int fd, uint64_t length, char* buffer);
 
   // ControlHandler: the commands.
   Json::Value DescribeStatus() override;
@@ -210,11 +203,7 @@ class Daemon : public VolumeContext, private ControlHandler {
 
   // Volume manager registry. Mount points are compared normalised.
   bool SetupVolumeMgr();
-  // Refuses (false) a volume id that has a manager already.
-  bool CreateVolumeMgr(const YULO_VOLUME_INFO* info,
-                       bool rescan_at_start = false);
   ManagedVolume* GetVolumeMgrByShare(const std::string& share_name);
-  ManagedVolume* GetVolumeMgrByMountPoint(const std::string& mount_point);
   void MountVolume(const std::string& mount_point);
   void UmountVolume(const std::string& mount_point);
 

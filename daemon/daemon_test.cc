@@ -26,7 +26,7 @@
 #include "daemon/testing/fake_platform.h"
 #include "daemon/testing/fake_volume.h"
 #include "base/testing/temp_dir.h"
-#include "output/event_processor.h"
+#include "output/queue_file_status.h"
 #include "lib/testing/log_capture.h"
 #include "yulotifyd/log.h"
 
@@ -258,7 +258,7 @@ TEST_F(DaemonTest, StatusTellsWhatIsWatched) {
   QueueFileStatus two = one;
   two.lines_written = 4;
   two.lines_kept = 0;
-  two.state = QueueOutbox::State::kBusy;
+  two.state = QueueFileState::kBusy;
   two.last_error = "locked";
   two.last_error_time = 77;
   fakes_.queue_files[1] = {one};

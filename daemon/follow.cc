@@ -13,6 +13,7 @@
 
 #include "daemon/daemon.h"
 #include "notify/mount_point.h"
+#include "volume/share_list.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
@@ -25,7 +26,7 @@ namespace {
 std::map<std::string, std::string> ReadShareMap(PlatformApi* platform) {
   std::vector<std::pair<std::string, std::string>> shares;
   std::map<std::string, std::string> out;
-  if (platform->ReadAllShares(VolumeMgr::kShareEnumFlags, &shares) != 0) {
+  if (platform->ReadAllShares(kShareEnumFlags, &shares) != 0) {
     return out;
   }
   for (auto& share : shares) out[share.first] = share.second;

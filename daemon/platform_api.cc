@@ -1,7 +1,7 @@
 #include "daemon/platform_api.h"
 
-#include "volume/volume_manager.h"
-#include "yulotifyd/monitor_queue.h"
+#include "platform/share_path.h"
+#include "volume/share_list.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -30,7 +30,7 @@ class LibraryPlatform : public PlatformApi {
   int FileExists(const char* path) override { return YULOFileExist(path); }
   bool ResolveSharePath(const std::string& share_name,
                         std::string* path) override {
-    return MonitorQueue::ResolveSharePath(share_name, path);
+    return ResolvePlatformSharePath(share_name, path);
   }
   int ReadAllShares(
       int flags,

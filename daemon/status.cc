@@ -8,7 +8,7 @@
 #include <string>
 
 #include "daemon/daemon.h"
-#include "output/event_processor.h"
+#include "output/queue_file_status.h"
 #include "output/queue_file.h"
 #include "yulotifyd/log.h"
 
@@ -45,29 +45,29 @@ std::string LogLevelName(int32_t level) {
 
 // The states of a queue file, worst last: several volumes may write one
 // file, and the file is shown in the worst state any of them sees.
-int Severity(QueueOutbox::State state) {
+int Severity(QueueFileState state) {
   switch (state) {
-    case QueueOutbox::State::kOk:
+    case QueueFileState::kOk:
       return 0;
-    case QueueOutbox::State::kReset:
+    case QueueFileState::kReset:
       return 1;
-    case QueueOutbox::State::kBusy:
+    case QueueFileState::kBusy:
       return 2;
-    case QueueOutbox::State::kFailing:
+    case QueueFileState::kFailing:
       return 3;
   }
   return 3;
 }
 
-const char* StateName(QueueOutbox::State state) {
+const char* StateName(QueueFileState state) {
   switch (state) {
-    case QueueOutbox::State::kOk:
+    case QueueFileState::kOk:
       return "ok";
-    case QueueOutbox::State::kReset:
+    case QueueFileState::kReset:
       return "reset";
-    case QueueOutbox::State::kBusy:
+    case QueueFileState::kBusy:
       return "busy";
-    case QueueOutbox::State::kFailing:
+    case QueueFileState::kFailing:
       return "failing";
   }
   return "failing";

@@ -24,9 +24,9 @@
 #include <string>
 #include <vector>
 
-#include "daemon/managed_volume.h"
 #include "daemon/platform_api.h"
 #include "daemon/volume_plan.h"
+#include "volume/managed_volume.h"
 #include "volume/volume_context.h"
 #include "yulo_platform.h"
 

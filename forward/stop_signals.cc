@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-#include <initializer_list>
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -18,9 +17,11 @@ void BlockStopSignals(sigset_t* stop_set) {
 
 bool StopRequested(const sigset_t& stop_set) {
   sigset_t pending;
-  sigpending(&pending);
-  for (int sig : {SIGTERM, SIGINT}) {
-    if (sigismember(&stop_set, sig) && sigismember(&pending, sig)) return true;
+  if (sigpending(&pending) != 0) return false;
+  for (int sig = 1; sig < NSIG; ++sig) {
+    if (sigismember(&stop_set, sig) == 1 && sigismember(&pending, sig) == 1) {
+      return true;
+    }
   }
   return false;
 }
@@ -32,8 +33,7 @@ bool WaitForStop(const sigset_t& stop_set, int64_t ms) {
   // end the wait alike: the caller's next round comes a little early.
   struct timespec ts = {static_cast<time_t>(ms / 1000),
                         static_cast<long>((ms % 1000) * 1000000)};
-  const int sig = sigtimedwait(&stop_set, nullptr, &ts);
-  return sig == SIGTERM || sig == SIGINT;
+  return sigtimedwait(&stop_set, nullptr, &ts) > 0;
 }
 
 }  // namespace FORWARD

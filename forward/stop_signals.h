@@ -19,7 +19,8 @@ namespace FORWARD {
 // Blocks SIGTERM and SIGINT and puts them in `stop_set`; ignores SIGPIPE.
 void BlockStopSignals(sigset_t* stop_set);
 
-// Whether a signal of `stop_set` is pending.
+// Whether a signal of `stop_set` is pending (any member, not only the two
+// BlockStopSignals puts there).
 bool StopRequested(const sigset_t& stop_set);
 
 // Sleeps up to `ms`; true when a stop signal came (or was pending).

@@ -14,19 +14,14 @@
 #include "base/errno_text.h"
 #include "lib/monitor_queue_internal.h"
 #include "yulo_build_config.h"
-#include "yulo_platform.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 
-using monitor_queue_internal::HasNul;
 using monitor_queue_internal::kLogSource;
 using monitor_queue_internal::LoadFileGuarded;
 
 namespace {
-
-// Buffer handed to YULOSharePathGet.
-constexpr int kSharePathBufSize = 4096;
 
 constexpr const char kConfSuffix[] = ".json";
 
@@ -131,23 +126,6 @@ std::string MonitorQueue::GetConfDir(_tag_monitor_queue_type_ type,
   if (dir.empty() || dir.back() != '/') dir += '/';
   dir += sub;
   return dir;
-}
-
-bool MonitorQueue::ResolveSharePath(const std::string& share_name,
-                                    std::string* path) {
-  if (share_name.empty() || HasNul(share_name)) return false;
-  char buf[kSharePathBufSize];
-  buf[0] = '\0';
-  if (YULOSharePathGet(share_name.c_str(), buf, sizeof(buf)) != 0) {
-    return false;
-  }
-  buf[sizeof(buf) - 1] = '\0';
-  if (path != nullptr) *path = buf;
-  return true;
-}
-
-int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues) {
-  return LoadAll(queues, YULOTIFYD_CONF_DIR, &MonitorQueue::ResolveSharePath);
 }
 
 int MonitorQueue::LoadAll(std::vector<MonitorQueue>& queues,

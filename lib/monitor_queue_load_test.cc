@@ -60,14 +60,6 @@ TEST(MonitorQueueConfDirTest, UnknownTypeGivesEmptyString) {
   EXPECT_EQ(MonitorQueue::GetConfDir(bogus), "");
 }
 
-TEST(MonitorQueueResolveTest, EmptyOrNulNameIsUnknown) {
-  std::string path = "unchanged";
-  EXPECT_FALSE(MonitorQueue::ResolveSharePath("", &path));
-  EXPECT_FALSE(
-      MonitorQueue::ResolveSharePath(std::string("Pub\0lic", 7), &path));
-  EXPECT_EQ(path, "unchanged");
-}
-
 // ---------------------------------------------------------------------------
 // LoadAll: which files, in which order
 

@@ -62,14 +62,7 @@ void EventProcessor::Run() {
     RunOnePass();
     SleepUnlessStopped(NextPauseMs());
   }
-  if (drain_requested_) drained_ = FinalPasses(drain_deadline_);
-}
-
-void EventProcessor::RequestDrainStop(
-    std::chrono::steady_clock::time_point deadline) {
-  drain_deadline_ = deadline;
-  drain_requested_ = true;
-  RequestStop();
+  drain_.Finish();
 }
 
 bool EventProcessor::FinalPasses(

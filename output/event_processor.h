@@ -66,28 +66,18 @@
 #include <utility>
 #include <vector>
 
+#include "base/stop_drain.h"
 #include "notify/notify_event.h"
 #include "notify/packed_events.h"
 #include "output/event_source.h"
 #include "output/queue_file_ops.h"
+#include "output/queue_file_status.h"
 #include "output/queue_outbox.h"
 #include "yulotifyd/monitor_queue.h"
 #include "yulotifyd/thread.h"
 
 namespace YULO {
 namespace YULOTIFYD {
-
-// What a processor reports about one queue file it writes.
-struct QueueFileStatus {
-  std::string path;
-  uint64_t lines_written = 0;
-  size_t lines_kept = 0;
-  QueueOutbox::State state = QueueOutbox::State::kOk;
-  std::string last_error;
-  time_t last_error_time = 0;
-  // See QueueOutbox::oldest_line_time.
-  time_t oldest_line_time = 0;
-};
 
 class EventProcessor : public Thread {
  public:
@@ -153,7 +143,9 @@ class EventProcessor : public Thread {
   // then, and more passes while a file keeps lines, until `deadline`.
   // REQUIRES: nothing adds to the source any more (its receiver has
   // stopped). Stop() then joins; Drained() tells how it went.
-  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline) {
+    drain_.RequestStop(deadline);
+  }
 
   // The last step of the thread body after RequestDrainStop, public so
   // tests can run it without the thread: true when every event taken was
@@ -161,7 +153,7 @@ class EventProcessor : public Thread {
   bool FinalPasses(std::chrono::steady_clock::time_point deadline);
 
   // False when the last drain left something unwritten. True before any.
-  bool Drained() const { return drained_; }
+  bool Drained() const { return drain_.Drained(); }
 
  protected:
   // SendRecoveryRescan, then RunOnePass and a 3-second pause (cut short by
@@ -260,11 +252,10 @@ class EventProcessor : public Thread {
   std::vector<std::pair<std::string, std::vector<size_t>>> queues_near_;
   std::string line_;  // reused for every line's text
   std::string path_a_, path_b_;  // reused for the events' full paths
-  // Set before the stop flag is raised and read by the worker after it sees
-  // the flag, so the flag's ordering covers them.
-  bool drain_requested_ = false;
-  std::chrono::steady_clock::time_point drain_deadline_;
-  std::atomic<bool> drained_{true};
+  // RequestDrainStop's request and how it went; the step is FinalPasses.
+  StopDrain drain_{
+      [this](StopDrain::TimePoint deadline) { return FinalPasses(deadline); },
+      [this] { RequestStop(); }};
 };
 
 }  // namespace YULOTIFYD

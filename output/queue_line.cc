@@ -75,7 +75,7 @@ bool HasInvalidString(const Json::Value& object) {
 }  // namespace
 
 uint32_t QueueEventCode(uint32_t mask) {
-  uint32_t code = mask & 0x3F;
+  uint32_t code = mask & kPassThroughEventBits;
   if (mask & (YULO_MOVE_TO | YULO_CREATE)) code += 64;
   if (mask & YULO_RESCAN) code += 512;
   if (mask & (YULO_MOVE_FROM | YULO_DELETE)) code += 128;

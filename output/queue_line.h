@@ -28,8 +28,12 @@
 namespace YULO {
 namespace YULOTIFYD {
 
+// The kernel event bits YULO_ACCESS to YULO_OPEN and the queue event codes
+// 1 to 32 have the same values: they pass through either way unchanged.
+constexpr uint32_t kPassThroughEventBits = 0x3F;
+
 // The queue event code for a kernel event mask (NotifyEventType bits):
-// the bits 0x3F pass through; YULO_MOVE_TO or YULO_CREATE add 64;
+// kPassThroughEventBits pass through; YULO_MOVE_TO or YULO_CREATE add 64;
 // YULO_RESCAN adds 512; YULO_MOVE_FROM or YULO_DELETE add 128. Every other
 // bit (YULO_Q_OVERFLOW, YULO_ISDIR, unnamed bits) is dropped, so 256 and
 // 1024 never come out of here.

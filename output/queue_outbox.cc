@@ -268,7 +268,7 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
   // nothing until the consumer has emptied or removed it.
   std::string first_line;
   if (ReadFirstLine(ops, fd, &first_line) && IsResetMarker(first_line)) {
-    OUTBOX_LOG(kDebug, "Queue oversized, path=%s", path_.c_str());
+    LogOversized(/*reset=*/false);
     Written();
     NoteSuccess(State::kReset);
     return Outcome::kDropped;
@@ -329,13 +329,21 @@ QueueOutbox::Outcome QueueOutbox::WriteLocked(
   return Outcome::kWritten;
 }
 
+void QueueOutbox::LogOversized(bool reset) const {
+  static constexpr char kText[] = "Queue oversized, path=%s";
+  if (reset) {
+    OUTBOX_WARNING(kText, path_.c_str());
+  } else {
+    OUTBOX_LOG(kDebug, kText, path_.c_str());
+  }
+}
+
 QueueOutbox::Outcome QueueOutbox::Reset(
     int fd, size_t index, const std::vector<MonitorQueue>& snapshot,
     QueueFileOps& ops) {
-  OUTBOX_WARNING("Queue oversized, path=%s", path_.c_str());
-  if (index + 1 < lines_.size()) {
-    OUTBOX_LOG(kDebug, "Queue oversized, path=%s", path_.c_str());
-  }
+  LogOversized(/*reset=*/true);
+  // The lines after line `index` meet the file just reset.
+  if (index + 1 < lines_.size()) LogOversized(/*reset=*/false);
   const std::string output = ResetText(OldPathOf(index), snapshot);
   if (TruncateTo(ops, fd, 0) != 0) {
     NoteFailure(Failure::kWrite, errno);

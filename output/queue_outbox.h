@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "output/queue_file.h"
+#include "output/queue_file_status.h"
 #include "output/queue_file_ops.h"
 #include "yulotifyd/monitor_queue.h"
 
@@ -49,12 +50,7 @@ namespace YULOTIFYD {
 class QueueOutbox {
  public:
   // How the file did at the last attempt.
-  enum class State {
-    kOk,       // took its lines
-    kBusy,     // the lock stayed busy
-    kFailing,  // open, lock or write failed otherwise
-    kReset,    // the first line is a reset marker: lines are dropped
-  };
+  using State = QueueFileState;
 
   // The lines of the queues naming file `path` whose configuration file
   // belongs to `owner_uid`:`owner_gid`. For an owner other than root, every
@@ -115,6 +111,10 @@ class QueueOutbox {
   // from line `index` (whose "path_old", if any, they keep).
   Outcome Reset(int fd, size_t index, const std::vector<MonitorQueue>& snapshot,
                 QueueFileOps& ops);
+  // Logs "Queue oversized": always, at warning priority, when the file is
+  // reset (`reset`); at debug level when lines meet a file that was reset
+  // and are dropped.
+  void LogOversized(bool reset) const;
   // The reset output (marker, then one rescan line per share) as lines.
   std::string ResetText(std::string_view quoted_old_path,
                         const std::vector<MonitorQueue>& snapshot) const;

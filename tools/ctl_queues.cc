@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/text_escape.h"
+#include "platform/share_path.h"
 #include "tools/ctl.h"
 #include "tools/ctl_conf.h"
 #include "yulo_build_config.h"
@@ -61,7 +62,7 @@ bool ReadConfView(const std::string& cmd, const Args& args, ConfView* view,
     view->conf_root = it->second;
   }
   view->files = MonitorQueue::Describe(
-      view->conf_root, &MonitorQueue::ResolveSharePath, &view->dirs);
+      view->conf_root, &ResolvePlatformSharePath, &view->dirs);
   return true;
 }
 

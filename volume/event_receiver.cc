@@ -118,14 +118,7 @@ void EventReceiver::Run() {
   ReAddAllWatches();
   SetReadTimeout(0, kReadTimeoutMicros);
   while (!stop_flag) RunOnce(event);
-  if (drain_requested_) drained_ = DrainKernel(drain_deadline_);
-}
-
-void EventReceiver::RequestDrainStop(
-    std::chrono::steady_clock::time_point deadline) {
-  drain_deadline_ = deadline;
-  drain_requested_ = true;
-  RequestStop();
+  drain_.Finish();
 }
 
 bool EventReceiver::DrainKernel(

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "base/stop_drain.h"
 #include "notify/packed_events.h"
 #include "notify/yulotify.h"
 #include "volume/receiver_owner.h"
@@ -80,7 +81,9 @@ class EventReceiver : public YULotify, public Thread {
   // it first hand the owner every event the kernel still holds, until none
   // is left or `deadline` passes. Stop() then joins; Drained() tells how it
   // went.
-  void RequestDrainStop(std::chrono::steady_clock::time_point deadline);
+  void RequestDrainStop(std::chrono::steady_clock::time_point deadline) {
+    drain_.RequestStop(deadline);
+  }
 
   // Reads and queues events until the kernel has none left (true) or
   // `deadline` passes (false). The thread body's last step after
@@ -88,7 +91,7 @@ class EventReceiver : public YULotify, public Thread {
   bool DrainKernel(std::chrono::steady_clock::time_point deadline);
 
   // False when the last drain ran out of time. True before any drain.
-  bool Drained() const { return drained_; }
+  bool Drained() const { return drain_.Drained(); }
 
   size_t PendingCommands();
 
@@ -112,11 +115,10 @@ class EventReceiver : public YULotify, public Thread {
   void DrainKernelNow();
 
   ReceiverOwner* owner_;
-  // Set before the stop flag is raised and read by the worker after it sees
-  // the flag, so the flag's ordering covers them.
-  bool drain_requested_ = false;
-  std::chrono::steady_clock::time_point drain_deadline_;
-  std::atomic<bool> drained_{true};
+  // RequestDrainStop's request and how it went; the step is DrainKernel.
+  StopDrain drain_{
+      [this](StopDrain::TimePoint deadline) { return DrainKernel(deadline); },
+      [this] { RequestStop(); }};
   pthread_mutex_t command_mutex_;
   std::list<ReceiverCommand> commands_;
   // commands_.size(), changed under command_mutex_ and read without it.

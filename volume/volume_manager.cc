@@ -1,21 +1,18 @@
 #include "volume/volume_manager.h"
 
-#include <sys/stat.h>
-
-#include <cstring>
 #include <new>
 
 #include "notify/mount_point.h"
 #include "output/event_processor.h"
 #include "volume/event_receiver.h"
+#include "volume/injected_event.h"
+#include "volume/share_list.h"
 #include "yulotifyd/log.h"
 
 namespace YULO {
 namespace YULOTIFYD {
 
 namespace {
-
-constexpr int kPathBufferSize = 4096;
 
 // Cookies of injected renames, shared by all volumes. Only the main thread
 // injects events, so it needs no lock.
@@ -89,26 +86,6 @@ bool VolumeMgr::Init(const YULO_VOLUME_INFO* info) {
   return true;
 }
 
-int ReadAllShares(int flags,
-                  std::vector<std::pair<std::string, std::string>>* out) {
-  PYULO_SZ_LIST list = YULOSzListAlloc(1024);
-  if (list == nullptr) return kSharesNoMemory;
-  if (YULOShareEnum(&list, flags) < 0) {
-    YULOSzListFree(list);
-    return kSharesUnreadable;
-  }
-  for (int i = 0; i < YULOSzListCount(list); ++i) {
-    const char* name = YULOSzListGet(list, i);
-    if (name == nullptr) continue;
-    char path[kPathBufferSize];
-    std::memset(path, 0, sizeof(path));
-    if (YULOSharePathGet(name, path, sizeof(path)) != 0) continue;
-    out->emplace_back(name, path);
-  }
-  YULOSzListFree(list);
-  return 0;
-}
-
 void VolumeMgr::ListShares() {
   std::vector<std::pair<std::string, std::string>> shares;
   if (ReadAllShares(kShareEnumFlags, &shares) == kSharesNoMemory) {
@@ -138,12 +115,7 @@ void VolumeMgr::RelistShares() {
 bool VolumeMgr::EnqueueEvent(const NotifyEvent& event) {
   size_t size_after = 0;
   events_read_.fetch_add(1, std::memory_order_relaxed);
-  if (queue_.Push(event, &size_after)) {
-    WakeProcessorIfBusy(1, size_after);
-    return true;
-  }
-  NoteLostEvents();
-  return false;
+  return AfterPush(queue_.Push(event, &size_after), 1, size_after);
 }
 
 bool VolumeMgr::CrossesEarlyPassMark(size_t pushed, size_t size_after) {
@@ -155,63 +127,29 @@ bool VolumeMgr::EnqueueEvents(PackedEvents& events) {
   size_t size_after = 0;
   const size_t pushed = events.size();
   events_read_.fetch_add(pushed, std::memory_order_relaxed);
-  if (queue_.PushAll(events, &size_after)) {
-    WakeProcessorIfBusy(pushed, size_after);
-    return true;
+  return AfterPush(queue_.PushAll(events, &size_after), pushed, size_after);
+}
+
+bool VolumeMgr::AfterPush(bool queued, size_t pushed, size_t size_after) {
+  if (!queued) {
+    YULO_LOG_WARNING("Event queue is full");
+    // The processor rescans the volume at its next pass instead.
+    events_lost_.store(true);
+    return false;
   }
-  NoteLostEvents();
-  return false;
-}
-
-void VolumeMgr::NoteLostEvents() {
-  YULO_LOG_WARNING("Event queue is full");
-  // The processor rescans the volume at its next pass instead.
-  events_lost_.store(true);
-}
-
-bool VolumeMgr::TakeLostEvents() { return events_lost_.exchange(false); }
-
-void VolumeMgr::WakeProcessorIfBusy(size_t pushed, size_t size_after) {
   // A burst is written as it comes rather than piled up for the next
   // 3-second pass: that bounds both the memory it takes and how late its
   // lines are. Only the push that crosses the mark wakes the processor; it
   // takes everything queued when its pass starts.
-  if (!CrossesEarlyPassMark(pushed, size_after)) return;
+  if (!CrossesEarlyPassMark(pushed, size_after)) return true;
   EventProcessor* processor = wake_target_.load();
   if (processor != nullptr) processor->Wake();
+  return true;
 }
+
+bool VolumeMgr::TakeLostEvents() { return events_lost_.exchange(false); }
 
 void VolumeMgr::GetEvents(PackedEvents& out) { queue_.TakeAll(out); }
-
-std::string VolumeMgr::FindShareRoot(
-    const std::vector<std::string>& share_paths, const std::string& path) {
-  // Deliberately a plain prefix test without a "/" boundary, in list order.
-  for (const std::string& share : share_paths) {
-    if (path.compare(0, share.size(), share) == 0) return share;
-  }
-  return std::string();
-}
-
-NotifyEvent VolumeMgr::BuildRecord(uint32_t mask, bool is_dir,
-                                   const std::string& path,
-                                   const std::string& root) {
-  NotifyEvent record;
-  record.mask = is_dir ? (mask | YULO_ISDIR) : mask;
-  record.cookie = 0;
-  record.root = -1;
-  record.watch = root;
-  record.path = path.substr(std::min(root.size(), path.size()));
-  return record;
-}
-
-uint32_t VolumeMgr::ConvertType(uint32_t type, bool is_dir) {
-  uint32_t mask = type & 0x3f;
-  if (type & QUEUE_EVENT_CREATE) mask |= YULO_CREATE;
-  if (type & QUEUE_EVENT_DELETE) mask |= YULO_DELETE;
-  if (type & QUEUE_EVENT_RESCAN) mask |= YULO_RESCAN;
-  if (is_dir) mask |= YULO_ISDIR;
-  return mask;
-}
 
 bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
                           const std::string& path_old) {
@@ -227,56 +165,9 @@ bool VolumeMgr::PushEvent(uint32_t type, const std::string& path,
     events_injected_.fetch_add(packed.size(), std::memory_order_relaxed);
     size_t size_after = 0;
     const size_t pushed = packed.size();
-    if (queue_.PushAll(packed, &size_after)) {
-      WakeProcessorIfBusy(pushed, size_after);
-    } else {
-      NoteLostEvents();
-    }
+    AfterPush(queue_.PushAll(packed, &size_after), pushed, size_after);
   }
   return offered;
-}
-
-bool VolumeMgr::BuildInjected(uint32_t type, const std::string& path,
-                              const std::string& path_old,
-                              const std::vector<std::string>& share_paths,
-                              const std::string& mount_point,
-                              uint64_t* cookie,
-                              std::vector<NotifyEvent>* out) {
-  const std::string root = FindShareRoot(share_paths, path);
-  const std::string root_old = FindShareRoot(share_paths, path_old);
-  if (root.empty() && root_old.empty()) return false;
-  // An event for a path that no longer exists is dropped silently.
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return false;
-  bool is_dir = S_ISDIR(st.st_mode);
-  YULO_LOG_DEBUG("Volume: %s push event: %d, Path: %s, OldPath: %s",
-                 mount_point.c_str(), static_cast<int>(type), path.c_str(),
-                 path_old.c_str());
-  if (type & QUEUE_EVENT_MOVE) {
-    if (root == root_old) {
-      // Injected cookies stay below the top bit, which the kernel layer's
-      // cookies always have: halves of different origins never pair.
-      uint32_t shared = static_cast<uint32_t>(++*cookie) & 0x7fffffffu;
-      if (shared == 0) shared = static_cast<uint32_t>(++*cookie) & 0x7fffffffu;
-      out->push_back(BuildRecord(YULO_MOVE_FROM, is_dir, path_old, root_old));
-      out->back().cookie = shared;
-      out->push_back(BuildRecord(YULO_MOVE_TO, is_dir, path, root));
-      out->back().cookie = shared;
-      return true;
-    }
-    // Across share roots the rename is a creation here and a deletion there.
-    if (!root.empty() && lstat(path.c_str(), &st) == 0) {
-      is_dir = S_ISDIR(st.st_mode);
-      out->push_back(BuildRecord(YULO_CREATE, is_dir, path, root));
-    }
-    if (!root_old.empty()) {
-      out->push_back(BuildRecord(YULO_DELETE, is_dir, path_old, root_old));
-    }
-    return true;
-  }
-  if (root.empty()) return false;
-  out->push_back(BuildRecord(ConvertType(type, false), is_dir, path, root));
-  return true;
 }
 
 void VolumeMgr::MountShare(const std::string& share_name) {
@@ -394,18 +285,20 @@ void VolumeMgr::WatchRecovered() {
   if (processor != nullptr) processor->Wake();
 }
 
-bool VolumeMgr::WatchFailed() const {
+bool VolumeMgr::WatchFailed() {
   return receiver_ != nullptr && receiver_->health().AnyRefused();
-}
-
-bool VolumeMgr::IsInitStart() {
-  return context_ != nullptr && context_->GetRunStatus() == RUN_STATUS_INIT;
 }
 
 bool VolumeMgr::IsRecovery() {
   if (rescan_at_start_) return true;
   return context_ != nullptr &&
          context_->GetRunStatus() == RUN_STATUS_RECOVERY;
+}
+
+std::unique_ptr<ManagedVolume> MakeVolumeMgr(const YULO_VOLUME_INFO* info,
+                                             VolumeContext* context,
+                                             bool rescan_at_start) {
+  return std::make_unique<VolumeMgr>(info, context, rescan_at_start);
 }
 
 }  // namespace YULOTIFYD

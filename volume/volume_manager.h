@@ -3,9 +3,10 @@
 // It owns the volume's two worker threads (the EventReceiver, which reads the
 // kernel and fills the event queue, and the EventProcessor, which drains it
 // into the queue files), the event queue between them, and the list of
-// shares on the volume. The daemon core reaches the threads only through it:
-// share mount and unmount, bringing the watches in line after a reload, and
-// events injected by other services.
+// shares on the volume. The daemon core reaches the threads only through it,
+// as a ManagedVolume (managed_volume.h): share mount and unmount, bringing
+// the watches in line after a reload, and events injected by other
+// services.
 //
 // Ownership: created and deleted by the daemon core; owns its receiver,
 // processor and queued events; `context` is not owned and outlives it.
@@ -21,6 +22,7 @@
 #include <chrono>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +30,7 @@
 #include "notify/notify_event.h"
 #include "output/event_source.h"
 #include "volume/event_queue.h"
+#include "volume/managed_volume.h"
 #include "volume/receiver_owner.h"
 #include "volume/volume_context.h"
 #include "volume/watch_health.h"
@@ -38,43 +41,11 @@ namespace YULOTIFYD {
 
 class EventProcessor;
 class EventReceiver;
-struct QueueFileStatus;
 
-// What a volume manager reports about itself (the daemon's "status").
-struct VolumeStatus {
-  int32_t id = 0;
-  std::string mount_point;
-  // Shares with their kernel watch in place.
-  std::vector<std::string> watched_shares;
-  // Wanted shares the kernel refused to watch, with why: the volume counts
-  // as failed while any is listed.
-  std::vector<RefusedWatch> refused_watches;
-  std::string backend;          // "appliance", "fanotify" or "none"
-  bool paired_renames = false;
-  uint64_t events_read = 0;     // from the kernel
-  uint64_t events_injected = 0;  // by "notify" commands
-  uint64_t events_queued = 0;   // waiting for the processor now
-  uint64_t lines_written = 0;
-  uint64_t kernel_overflows = 0;
-  uint64_t rescan_lines = 0;
-};
-// ReadAllShares results besides 0.
-constexpr int kSharesNoMemory = -1;
-constexpr int kSharesUnreadable = -2;
-
-// Appends every share of the share configuration to `out` as (name, path),
-// in the configuration's order, enumerating with `flags` (passed to
-// YULOShareEnum). Returns 0, kSharesNoMemory or kSharesUnreadable (nothing
-// appended then). Any thread.
-int ReadAllShares(int flags,
-                  std::vector<std::pair<std::string, std::string>>* out);
-
-class VolumeMgr : public EventSource, public ReceiverOwner {
+class VolumeMgr : public EventSource,
+                  public ReceiverOwner,
+                  public ManagedVolume {
  public:
-  // The flag word the daemon enumerates shares with (the platform
-  // library's to interpret).
-  static constexpr int kShareEnumFlags = 0xA09;
-
   // Sets the volume up from its information record and starts its threads.
   // With `rescan_at_start` the processor requests a rescan of the volume
   // when it starts, as after an unclean stop: for a volume that comes back
@@ -92,25 +63,24 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   bool EnqueueEvent(const NotifyEvent& event) override;
   bool EnqueueEvents(PackedEvents& events) override;
   void GetEvents(PackedEvents& out) override;
-  size_t QueuedEvents() { return queue_.Size(); }
 
   // Injects an event reported by another service: queue event code `type`,
   // its path and, for a rename (256), the old path. True when a record was
   // offered to the queue.
   bool PushEvent(uint32_t type, const std::string& path,
-                 const std::string& path_old);
-  void MountShare(const std::string& share_name);
-  void UmountShare(const std::string& share_name);
+                 const std::string& path_old) override;
+  void MountShare(const std::string& share_name) override;
+  void UmountShare(const std::string& share_name) override;
   // Asks the receiver to bring its watches in line with the current
   // configuration (EventReceiver::ReAddAllWatches); acknowledged through
   // the context's reload semaphore.
-  void ReloadWatches();
+  void ReloadWatches() override;
   // Asks the receiver to queue what the kernel holds now; acknowledged
   // through the context's reload semaphore.
-  void DrainKernel();
+  void DrainKernel() override;
   // Has the processor write every event queued so far, with the monitor
   // queues as they are now. Main thread; waits for it.
-  void ProcessQueued();
+  void ProcessQueued() override;
 
   // Stops the volume's threads so that everything read gets written: the
   // receiver first reads what the kernel still holds, then the processor
@@ -119,14 +89,14 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // several volumes down side by side: BeginDrain on each, then
   // FinishReceiving on each, then FinishDrain on each. FinishDrain returns
   // whether everything was written, and logs it when not.
-  void BeginDrain(std::chrono::steady_clock::time_point deadline);
-  void FinishReceiving(std::chrono::steady_clock::time_point deadline);
-  bool FinishDrain();
+  void BeginDrain(Deadline deadline) override;
+  void FinishReceiving(Deadline deadline) override;
+  bool FinishDrain() override;
   // The three steps for this volume alone.
-  bool Drain(std::chrono::steady_clock::time_point deadline);
+  bool Drain(Deadline deadline) override;
   // Lists the volume's shares again (after the share configuration
   // changed); shares added by MountShare are forgotten.
-  void RelistShares();
+  void RelistShares() override;
 
   std::vector<MonitorQueue> GetMonitorQueues() override;
   void WatchesReady() override;
@@ -134,8 +104,7 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // The processor's next pass, woken now, rescans the volume.
   void WatchRecovered() override;
   // Whether the kernel refused the watch of a wanted share. Any thread.
-  bool WatchFailed() const;
-  bool IsInitStart();
+  bool WatchFailed() override;
   // True after an unclean stop of the previous run, and for a manager made
   // with `rescan_at_start`.
   bool IsRecovery() override;
@@ -146,47 +115,26 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   // wins, as for share commands; every other volume lies inside one
   // mounted at "/"). Any thread.
   bool OwnsPath(const std::string& path) const override;
-  int32_t GetVolumeId() const { return vol_id_; }
+  int32_t GetVolumeId() const override { return vol_id_; }
   // Main thread. Waits for a processor pass under way to end.
-  VolumeStatus GetStatus();
-  std::vector<QueueFileStatus> GetQueueFileStatus();
-  const std::vector<std::string>& GetSharePaths() const {
-    return share_paths_;
-  }
+  VolumeStatus GetStatus() override;
+  std::vector<QueueFileStatus> GetQueueFileStatus() override;
 
   // Whether a push of `pushed` events that left `size_after` queued brought
   // the queue across EventProcessor::kEarlyPassEvents.
   static bool CrossesEarlyPassMark(size_t pushed, size_t size_after);
 
-  // Queue event code `type` (as written in queue lines) -> kernel mask bits.
-  static uint32_t ConvertType(uint32_t type, bool is_dir);
-
-  // The records an injected event becomes, in the form the kernel would
-  // have produced them, appended to `out`: `type`, `path` and `path_old` as
-  // for PushEvent, `share_paths` the volume's shares in list order. Returns
-  // PushEvent's result. `cookie` is the counter of injected renames.
-  static bool BuildInjected(uint32_t type, const std::string& path,
-                            const std::string& path_old,
-                            const std::vector<std::string>& share_paths,
-                            const std::string& mount_point, uint64_t* cookie,
-                            std::vector<NotifyEvent>* out);
-
  private:
   bool Init(const YULO_VOLUME_INFO* info);
   void ListShares();
   void FreeThreads();
-  // Starts the processor's next pass now when a push of `pushed` events
-  // brought the queue to `size_after` across the early-pass mark.
-  void WakeProcessorIfBusy(size_t pushed, size_t size_after);
-  // Events could not be queued (out of memory): logged, and the volume is
-  // rescanned by the processor's next pass.
-  void NoteLostEvents();
-  // The first of `share_paths` that `path` begins with; "" when none.
-  static std::string FindShareRoot(const std::vector<std::string>& share_paths,
-                                   const std::string& path);
-  static NotifyEvent BuildRecord(uint32_t mask, bool is_dir,
-                                 const std::string& path,
-                                 const std::string& root);
+  // What follows every push of `pushed` events onto the queue, `queued`
+  // telling whether it took them and `size_after` how many it then held.
+  // Taken: starts the processor's next pass now when the push brought the
+  // queue across the early-pass mark. Not taken (out of memory): logged,
+  // and the processor's next pass rescans the volume instead. Returns
+  // `queued`.
+  bool AfterPush(bool queued, size_t pushed, size_t size_after);
 
   std::string mount_point_;
   int32_t vol_id_ = 0;
@@ -210,6 +158,11 @@ class VolumeMgr : public EventSource, public ReceiverOwner {
   EventReceiver* receiver_;
   EventQueue queue_;
 };
+
+// The daemon's VolumeFactory: a VolumeMgr with its threads running.
+std::unique_ptr<ManagedVolume> MakeVolumeMgr(const YULO_VOLUME_INFO* info,
+                                             VolumeContext* context,
+                                             bool rescan_at_start);
 
 }  // namespace YULOTIFYD
 }  // namespace YULO

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "volume/volume_manager.h"
+#include "volume/share_list.h"
 
 namespace YULO {
 namespace YULOTIFYD {

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/managed_volume.h"
+#include "volume/managed_volume.h"
 
 namespace YULO {
 namespace YULOTIFYD {

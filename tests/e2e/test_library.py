@@ -17,9 +17,9 @@ BUILD_TIMEOUT = 300
 # -Werror) and uses one piece of every kind the library exports: a free
 # function (DecodeQueuePath on a path as JsonCpp parses it), MonitorQueue, a
 # class derived from Thread (its vtable and typeinfo), ControlClient, the
-# JSON helpers, the logging macros and LOG_LEVEL, and ResolveSharePath,
-# which runs in libyuloplatform, a dependency the consumer does not link
-# itself.
+# JSON helpers, the logging macros and LOG_LEVEL, and LoadAll with a share
+# resolver of the consumer's own (the library has none: it needs no platform
+# library).
 CONSUMER_SOURCE = r"""
 #include <yulotifyd/control_client.h>
 #include <yulotifyd/export.h>
@@ -36,6 +36,7 @@ CONSUMER_SOURCE = r"""
 #include <atomic>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 using namespace YULO::YULOTIFYD;
 
@@ -73,9 +74,15 @@ int main() {
               queue.IsMonitoring("/vol1/Public/Other/a.jpg", QUEUE_EVENT_CREATE),
               queue.IsMonitoring("/vol1/Public/Photos/a.jpg", QUEUE_EVENT_DELETE));
 
-  std::string share_path;
-  std::printf("share %d\n", MonitorQueue::ResolveSharePath(
-                                "no share of this name", &share_path));
+  std::vector<MonitorQueue> queues;
+  int asked = 0;
+  std::printf("share %d %d\n",
+              MonitorQueue::LoadAll(queues, "/nonexistent-yulotifyd-conf",
+                                    [&asked](const std::string&, std::string*) {
+                                      ++asked;
+                                      return false;
+                                    }),
+              asked);
 
   if (!Thread::InitThreadLock()) return 3;
   {
@@ -106,7 +113,7 @@ int main() {
 EXPECTED_OUTPUT = (
     "path 2f 76 6f 6c 31 2f 63 61 66 e9\n"
     "monitor 1 0 0\n"
-    "share 0\n"
+    "share 0 0\n"
     "thread 1 0\n"
     "control 1\n"
     'json {"a":1}\n'
@@ -175,6 +182,19 @@ def consumer_env(pc_dir, library):
     return env
 
 
+def needed_libraries(binary):
+    """The NEEDED entries of an ELF file."""
+    dynamic = run(["readelf", "-d", str(binary)])
+    return re.findall(r"\(NEEDED\)\s+Shared library: \[(.*)\]", dynamic)
+
+
+def assert_links_only_libyulotifyd(binary):
+    """Of the project's libraries, `binary` records libyulotifyd alone."""
+    ours = [n for n in needed_libraries(binary) if n.startswith("libyulo")]
+    assert len(ours) == 1 and ours[0].startswith("libyulotifyd.so."), \
+        needed_libraries(binary)
+
+
 def run_path(binary):
     """The RPATH and RUNPATH entries of an ELF file."""
     dynamic = run(["readelf", "-d", str(binary)])
@@ -197,12 +217,13 @@ def test_pkg_config_consumer_builds_and_runs(installed, tmp_path):
          "-o", str(binary)] + flags, env=env)
     assert run_path(binary) == [], "the consumer got a run path"
     assert run([str(binary)], env=env) == EXPECTED_OUTPUT
+    assert_links_only_libyulotifyd(binary)
 
     # The flags for a static link (Libs.private, Requires) name libraries
     # that exist: the same program links and runs with them too.
     static_flags = run(["pkg-config", "--static", "--cflags", "--libs",
                         "yulotifyd"], env=env).split()
-    assert "-lyuloplatform" in static_flags
+    assert not [f for f in static_flags if "yuloplatform" in f], static_flags
     static_binary = tmp_path / "consumer-static-flags"
     run(["g++", "-std=c++17", str(source), "-o", str(static_binary)] +
         static_flags, env=env)
@@ -226,6 +247,7 @@ def test_cmake_consumer_builds_and_runs(installed, yulotifyd_prefix,
     binary = build / "consumer"
     assert run([str(binary)], env=consumer_env(pc_dir, library)) == \
         EXPECTED_OUTPUT
+    assert_links_only_libyulotifyd(binary)
 
 
 def test_only_the_public_api_is_exported(installed):
@@ -248,6 +270,13 @@ def test_only_the_public_api_is_exported(installed):
                    "vtable for YULO::YULOTIFYD::Thread",
                    "typeinfo for YULO::YULOTIFYD::Thread"):
         assert any(s.startswith(needed) for s in symbols), needed
+
+
+def test_library_needs_no_platform_library(installed):
+    library, _ = installed
+    names = needed_libraries(library.resolve())
+    assert any(n.startswith("libjsoncpp.so.") for n in names), names
+    assert not [n for n in names if n.startswith("libyulo")], names
 
 
 def test_soname_is_the_major_version(installed):

@@ -118,9 +118,10 @@ class YULOTIFYD_EXPORT MonitorQueue {
                                        const std::string& dir, bool recursive,
                                        uint32_t events);
 
-  // Replaces `queues` with every queue configured under the compiled-in
-  // configuration root, shares resolved through the platform library.
-  // Returns how many queues were loaded.
+  // Replaces `queues` with every queue configured under `conf_root` (the
+  // daemon's is GetConfDir's compiled-in root), the share names of its
+  // monitors mapped to paths by `resolve`: the library knows no share table
+  // of its own. Returns how many queues were loaded.
   //
   // A subscription in user.d sees only what its owner could: a monitor
   // whose directory the file's owner cannot list (search and read, checked
@@ -129,8 +130,6 @@ class YULOTIFYD_EXPORT MonitorQueue {
   // reads what, are left out of its events (logged; a monitor left with no
   // event is dropped), and without "events" it gets every code but those
   // three. Each is logged (and reported by Describe) like any other drop.
-  static int LoadAll(std::vector<MonitorQueue>& queues);
-  // The same from another configuration root and share resolver.
   static int LoadAll(std::vector<MonitorQueue>& queues,
                      const std::string& conf_root,
                      const ShareResolver& resolve);
@@ -182,10 +181,6 @@ class YULOTIFYD_EXPORT MonitorQueue {
   static std::string GetConfDir(_tag_monitor_queue_type_ type);
   static std::string GetConfDir(_tag_monitor_queue_type_ type,
                                 const std::string& conf_root);
-
-  // The resolver used by LoadAll(queues): the platform's share table.
-  static bool ResolveSharePath(const std::string& share_name,
-                               std::string* path);
 
   // Absolute share paths of every monitor of every queue.
   static std::set<std::string> GetShareSet(

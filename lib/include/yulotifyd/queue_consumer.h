@@ -1,11 +1,11 @@
 // QueueConsumer: takes the lines yulotifyd has appended to a queue file.
 //
-// The daemon appends one JSON object per line to a queue file, each line
-// with a single write while it holds an exclusive flock() on the file; it
-// tries that lock without blocking, three times within about 30 ms, and if
-// the file stays locked it keeps the lines and tries again at its next
-// pass, 3 seconds later. A consumer therefore holds the lock as briefly as
-// it can, or its lines come late:
+// The daemon appends one JSON object per line to a queue file: each batch
+// of lines it has for the file goes in with a single write, while it holds
+// an exclusive flock() on the file; it tries that lock without blocking,
+// three times within about 30 ms, and if the file stays locked it keeps
+// the lines and tries again at its next pass, 3 seconds later. A consumer
+// therefore holds the lock as briefly as it can, or its lines come late:
 //
 //   1. open the file (read-write, never creating it, never through a
 //      symbolic link) and check that it is a queue file one may take

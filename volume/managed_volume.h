@@ -1,15 +1,14 @@
 // ManagedVolume: what the daemon core asks of a volume manager.
 //
-// The registry holds volumes through this interface and makes them through
-// a VolumeFactory, so that tests can register volumes that start no thread
-// and touch no kernel (testing/fake_volume.h). The shipped daemon makes real
-// VolumeMgr objects (MakeVolumeMgr); each operation is documented in
-// volume/volume_manager.h under the same name.
+// VolumeMgr (volume_manager.h, where each operation is documented under
+// the same name) is the one real implementation. The daemon's registry
+// holds volumes through this interface and makes them through a
+// VolumeFactory, so that its tests can register volumes that start no
+// thread and touch no kernel.
 //
-// Thread-safety: as VolumeMgr's; the daemon's main thread calls all of
-// these.
-#ifndef YULOTIFYD_DAEMON_MANAGED_VOLUME_H_
-#define YULOTIFYD_DAEMON_MANAGED_VOLUME_H_
+// Thread-safety: the daemon's main thread calls all of these.
+#ifndef YULOTIFYD_VOLUME_MANAGED_VOLUME_H_
+#define YULOTIFYD_VOLUME_MANAGED_VOLUME_H_
 
 #include <chrono>
 #include <cstdint>
@@ -18,13 +17,32 @@
 #include <string>
 #include <vector>
 
-#include "output/event_processor.h"
+#include "output/queue_file_status.h"
 #include "volume/volume_context.h"
-#include "volume/volume_manager.h"
+#include "volume/watch_health.h"
 #include "yulo_platform.h"
 
 namespace YULO {
 namespace YULOTIFYD {
+
+// What a volume manager reports about itself (the daemon's "status").
+struct VolumeStatus {
+  int32_t id = 0;
+  std::string mount_point;
+  // Shares with their kernel watch in place.
+  std::vector<std::string> watched_shares;
+  // Wanted shares the kernel refused to watch, with why: the volume counts
+  // as failed while any is listed.
+  std::vector<RefusedWatch> refused_watches;
+  std::string backend;          // "appliance", "fanotify" or "none"
+  bool paired_renames = false;
+  uint64_t events_read = 0;     // from the kernel
+  uint64_t events_injected = 0;  // by "notify" commands
+  uint64_t events_queued = 0;   // waiting for the processor now
+  uint64_t lines_written = 0;
+  uint64_t kernel_overflows = 0;
+  uint64_t rescan_lines = 0;
+};
 
 class ManagedVolume {
  public:
@@ -64,12 +82,7 @@ using VolumeFactory = std::function<std::unique_ptr<ManagedVolume>(
     const YULO_VOLUME_INFO* info, VolumeContext* context,
     bool rescan_at_start)>;
 
-// The shipped factory: a VolumeMgr with its threads running.
-std::unique_ptr<ManagedVolume> MakeVolumeMgr(const YULO_VOLUME_INFO* info,
-                                             VolumeContext* context,
-                                             bool rescan_at_start);
-
 }  // namespace YULOTIFYD
 }  // namespace YULO
 
-#endif  // YULOTIFYD_DAEMON_MANAGED_VOLUME_H_
+#endif  // YULOTIFYD_VOLUME_MANAGED_VOLUME_H_
