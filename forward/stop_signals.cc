@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-
 namespace YULO {
 namespace YULOTIFYD {
 namespace FORWARD {
