@@ -1,6 +1,7 @@
 // yulotify-forward-dump: prints the messages of a JetStream stream, one a
-// line: "SEQ<TAB>Nats-Msg-Id<TAB>Yulotifyd-Host<TAB>Yulotifyd-Event<TAB>payload".
-// For checking what a forwarder has delivered (and for its tests).
+// line:
+// "SEQ<TAB>Nats-Msg-Id<TAB>Yulotifyd-Host<TAB>Yulotifyd-Event<TAB>payload". For
+// checking what a forwarder has delivered (and for its tests).
 //
 // It reaches the servers as the forwarder does (connection.h): the same
 // TLS and credential options, or the forwarder's own --config file.

@@ -36,7 +36,8 @@ bool SetOption(const std::string& key, const std::string& value,
     }
     o->subject = value;
   } else if (key == "stream") {
-    if (value.empty() || value.find_first_of(" \t.*>/\\") != std::string::npos) {
+    if (value.empty() ||
+        value.find_first_of(" \t.*>/\\") != std::string::npos) {
       *error = "stream must be a name without blanks, '.', '*', '>' or slashes";
       return false;
     }
@@ -119,7 +120,9 @@ bool ParseSize(const std::string& text, uint64_t* bytes) {
   else if (!unit.empty()) return false;
   errno = 0;
   const uint64_t v = std::strtoull(text.substr(0, count).c_str(), nullptr, 10);
-  if (errno == ERANGE || v == 0 || v > (std::numeric_limits<uint64_t>::max() >> shift)) return false;
+  if (errno == ERANGE || v == 0 ||
+      v > (std::numeric_limits<uint64_t>::max() >> shift))
+    return false;
   *bytes = v << shift;
   return true;
 }

@@ -60,9 +60,9 @@ bool ParseCommandLine(int argc, const char* const* argv, Options* options,
                       std::string* error);
 
 // Applies the "key=value" lines of `text` (keys: subject, stream,
-// replicas, duplicate-window, spool, spool-max, interval, queue, user, hidden-dirs and those of
-// SetConnectionOption) to `options`. `origin` names the file in error
-// messages.
+// replicas, duplicate-window, spool, spool-max, interval, queue, user,
+// hidden-dirs and those of SetConnectionOption) to `options`. `origin` names
+// the file in error messages.
 bool ApplyConfigText(const std::string& text, const std::string& origin,
                      Options* options, std::string* error);
 

@@ -30,7 +30,8 @@ TEST(OptionsTest, FullCommandLine) {
                      "--spool-max", "64M", "--interval=50", "/q/a.queue"},
                     &o, &error))
       << error;
-  EXPECT_EQ(o.connection.servers, (std::vector<std::string>{"nats://a:4222", "nats://b:4222"}));
+  EXPECT_EQ(o.connection.servers,
+            (std::vector<std::string>{"nats://a:4222", "nats://b:4222"}));
   EXPECT_EQ(o.subject, "yulotifyd.h.q");
   EXPECT_EQ(o.stream, "S");
   EXPECT_EQ(o.spool_dir, "/sp");
@@ -42,7 +43,8 @@ TEST(OptionsTest, FullCommandLine) {
 TEST(OptionsTest, Defaults) {
   Options o;
   std::string error;
-  ASSERT_TRUE(Parse({"--server", "nats://a", "--subject", "s", "/q"}, &o, &error));
+  ASSERT_TRUE(
+      Parse({"--server", "nats://a", "--subject", "s", "/q"}, &o, &error));
   EXPECT_EQ(o.spool_dir, "/var/lib/yulotifyd/forward");
   EXPECT_EQ(o.spool_max_bytes, uint64_t{1} << 30);
   EXPECT_EQ(o.interval_ms, 1000);
@@ -177,7 +179,8 @@ TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
   }
   Options o;
   std::string error;
-  ASSERT_TRUE(Parse({"--config", path, "--interval", "20"}, &o, &error)) << error;
+  ASSERT_TRUE(Parse({"--config", path, "--interval", "20"}, &o, &error))
+      << error;
   EXPECT_EQ(o.connection.servers, (std::vector<std::string>{"nats://a:4222"}));
   EXPECT_EQ(o.subject, "yulotifyd.h.idx");
   EXPECT_EQ(o.stream, "IDX");
@@ -193,7 +196,8 @@ TEST(OptionsTest, ConfigFileAndCommandLineOverride) {
 TEST(OptionsTest, ConfigErrorsNameTheLine) {
   Options o;
   std::string error;
-  EXPECT_FALSE(ApplyConfigText("server=nats://a\nnonsense\n", "f.conf", &o, &error));
+  EXPECT_FALSE(
+      ApplyConfigText("server=nats://a\nnonsense\n", "f.conf", &o, &error));
   EXPECT_EQ(error.rfind("f.conf:2:", 0), 0u) << error;
   EXPECT_FALSE(ApplyConfigText("colour=blue\n", "f.conf", &o, &error));
 }
@@ -242,8 +246,10 @@ TEST(OptionsTest, UserAndHiddenDirectories) {
                     &o, &error))
       << error;
   EXPECT_EQ(o.user, "idx");
-  EXPECT_EQ(o.hidden_dirs, (std::vector<std::string>{"/tmp", "/var/tmp", "/home"}));
-  for (const std::vector<const char*>& bad : std::vector<std::vector<const char*>>{
+  EXPECT_EQ(o.hidden_dirs,
+            (std::vector<std::string>{"/tmp", "/var/tmp", "/home"}));
+  for (const std::vector<const char*>& bad :
+       std::vector<std::vector<const char*>>{
            {"--user", "", "/q"},
            {"--user", "a/b", "/q"},
            {"--hidden-dirs", "tmp", "/q"},
@@ -276,7 +282,8 @@ TEST_F(ConfigFileTest, OnlyItsOwnerMayReadOrChangeIt) {
     Options o;
     std::string error;
     const std::string path = Write(ok);
-    EXPECT_TRUE(Parse({"--config", path.c_str()}, &o, &error)) << ok << " " << error;
+    EXPECT_TRUE(Parse({"--config", path.c_str()}, &o, &error))
+        << ok << " " << error;
   }
   for (const mode_t bad : {0644, 0604, 0602, 0620, 0666}) {
     Options o;
@@ -296,14 +303,16 @@ TEST_F(ConfigFileTest, AFileOfAnotherUserOrNotAFileIsRefused) {
   EXPECT_FALSE(Parse({"--config", scratch_.path().c_str()}, &o, &error));
   EXPECT_NE(error.find("not a regular file"), std::string::npos) << error;
   EXPECT_FALSE(Parse({"--config", "/nonexistent/f.conf"}, &o, &error));
-  EXPECT_NE(error.find("cannot open /nonexistent/f.conf"), std::string::npos) << error;
+  EXPECT_NE(error.find("cannot open /nonexistent/f.conf"), std::string::npos)
+      << error;
   const std::string path = Write(0600);
   // Only root can give a file away; as anyone else the file stays ours
   // and is taken.
   const bool given = geteuid() == 0 && chown(path.c_str(), 65534, 65534) == 0;
   EXPECT_EQ(Parse({"--config", path.c_str()}, &o, &error), !given) << error;
   if (given) {
-    EXPECT_NE(error.find("neither root nor the user running"), std::string::npos)
+    EXPECT_NE(error.find("neither root nor the user running"),
+              std::string::npos)
         << error;
   }
 }

@@ -45,7 +45,8 @@ Publisher::~Publisher() {
     // The library calls our callbacks from its own thread, the closed one
     // last; `this` has to outlive it.
     std::unique_lock<std::mutex> lock(mu_);
-    closed_cv_.wait_for(lock, std::chrono::seconds(5), [this] { return closed_; });
+    closed_cv_.wait_for(lock, std::chrono::seconds(5),
+                        [this] { return closed_; });
   }
   if (js_ != nullptr) jsCtx_Destroy(js_);
   if (nc_ != nullptr) natsConnection_Destroy(nc_);
@@ -119,7 +120,8 @@ void Publisher::OnAck(jsCtx*, natsMsg* msg, jsPubAck* pa, jsPubAckErr* pae,
   const char* id = nullptr;
   if (natsMsgHeader_Get(msg, kMsgIdHeader, &id) == NATS_OK && id != nullptr) {
     const char* colon = strrchr(id, ':');
-    const uint64_t seq = strtoull(colon != nullptr ? colon + 1 : id, nullptr, 10);
+    const uint64_t seq =
+        strtoull(colon != nullptr ? colon + 1 : id, nullptr, 10);
     std::lock_guard<std::mutex> lock(self->mu_);
     if (seq >= self->batch_first_seq_ &&
         seq - self->batch_first_seq_ < self->batch_status_.size()) {
@@ -137,9 +139,11 @@ void Publisher::OnAck(jsCtx*, natsMsg* msg, jsPubAck* pa, jsPubAckErr* pae,
         if (pae != nullptr && pae->ErrCode != 0) self->batch_refused_ = true;
         // Too large after all (the stream's limit changed, or counts what
         // we do not): no message that large is tried again.
-        if (pae != nullptr && pae->ErrCode == JSStreamMessageExceedsMaximumErr &&
+        if (pae != nullptr &&
+            pae->ErrCode == JSStreamMessageExceedsMaximumErr &&
             self->batch_bytes_[i] > 1 &&
-            (self->refused_size_ == 0 || self->batch_bytes_[i] <= self->refused_size_)) {
+            (self->refused_size_ == 0 ||
+             self->batch_bytes_[i] <= self->refused_size_)) {
           self->refused_size_ = self->batch_bytes_[i] - 1;
         }
       }
@@ -154,12 +158,15 @@ bool Publisher::Start(const Config& config, std::string* error) {
   if (!BuildNatsOptions(config_.connection, &opts_, error)) return false;
   natsStatus s = natsOptions_SetNoRandomize(opts_, false);
   if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts_, -1);
-  if (s == NATS_OK) s = natsOptions_SetCustomReconnectDelay(opts_, ReconnectDelay, this);
+  if (s == NATS_OK)
+    s = natsOptions_SetCustomReconnectDelay(opts_, ReconnectDelay, this);
   // The first connection is made by Connect, again and again until one
   // succeeds (KeepUp): the forwarder starts and spools whether or not a
   // server is up, and each failure comes back with its reason.
-  if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts_, OnDisconnected, this);
-  if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts_, OnReconnected, this);
+  if (s == NATS_OK)
+    s = natsOptions_SetDisconnectedCB(opts_, OnDisconnected, this);
+  if (s == NATS_OK)
+    s = natsOptions_SetReconnectedCB(opts_, OnReconnected, this);
   if (s == NATS_OK) s = natsOptions_SetClosedCB(opts_, OnClosed, this);
   if (s == NATS_OK) s = natsOptions_SetTimeout(opts_, 2000);
   if (s != NATS_OK) {
@@ -363,7 +370,8 @@ size_t Publisher::MessageBytes(
     const std::vector<std::pair<std::string, std::string>>& headers) {
   // "NATS/1.0\r\n", then "Key: Value\r\n" each, then "\r\n".
   size_t bytes = payload_bytes + 10 + 2;
-  for (const auto& h : headers) bytes += h.first.size() + 2 + h.second.size() + 2;
+  for (const auto& h : headers)
+    bytes += h.first.size() + 2 + h.second.size() + 2;
   return bytes;
 }
 
@@ -426,7 +434,8 @@ size_t Publisher::SendGroup(const std::vector<SpooledLine>& lines,
                                   payload->data(),
                                   static_cast<int>(payload->size()));
     for (const auto& h : headers) {
-      if (s == NATS_OK) s = natsMsgHeader_Set(msg, h.first.c_str(), h.second.c_str());
+      if (s == NATS_OK)
+        s = natsMsgHeader_Set(msg, h.first.c_str(), h.second.c_str());
     }
     {
       std::lock_guard<std::mutex> lock(mu_);
@@ -493,7 +502,8 @@ size_t Publisher::PublishBatch(const std::vector<SpooledLine>& lines,
   if (acked < lines.size()) {
     if (!batch_error_.empty()) *error = batch_error_;
     else if (!send_error.empty()) *error = send_error;
-    else if (done != NATS_OK) *error = "no acknowledgement: " + StatusText(done);
+    else if (done != NATS_OK)
+      *error = "no acknowledgement: " + StatusText(done);
     else *error = "not acknowledged";
   }
   // A refusal may come from a stream whose configuration changed (its

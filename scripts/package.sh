@@ -75,7 +75,7 @@ lintian --fail-on error --tag-display-limit 0 "$changes" ||
 
 echo "== install"
 debs=()
-for p in yulotifyd libyulotifyd0 libyuloplatform0 libyulotifyd-dev; do
+for p in yulotifyd libyulotifyd1 libyuloplatform0 libyulotifyd-dev; do
   debs+=("$(ls "$out"/${p}_*.deb)")
   installed+=("$p")
 done

@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 
 PROGRAMS = ["sbin/yulotifyd", "bin/yulotifyctl", "bin/yulotify-forward",
-            "bin/yulotify-forward-dump"]
+            "bin/yulotify-forward-dump", "bin/yulotify-sink"]
 
 
 def run(prefix, program, *args):

@@ -18,7 +18,7 @@ from harness import (CONF_ROOT, RUN_STATUS_PATH, end_all,  # noqa: E402
 
 # The packages a system runs: the daemon with its libraries, and the
 # forwarder. The development package has nothing to run.
-PACKAGES = ("libyulotifyd0", "libyuloplatform0", "yulotifyd", "yulotify-forward")
+PACKAGES = ("libyulotifyd1", "libyuloplatform0", "yulotifyd", "yulotify-forward")
 
 
 def pytest_addoption(parser):
