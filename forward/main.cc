@@ -15,7 +15,6 @@
 // cannot be opened, bad server options, the queue's directory is not
 // there), 2 usage or configuration error, 3 the server refused to create
 // the stream, 4 a certificate, key or secret file is refused (connection.h).
-#include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -146,34 +145,19 @@ int BecomeUser(const RunAs& who, Options* options) {
 // Checks where the queue file is and, started as root, becomes the user
 // the queue is forwarded as. Returns an exit status, or kGoOn.
 int TakeIdentity(Options* options) {
-  std::string error;
-  switch (CheckQueuePlace(options->queue_file, options->hidden_dirs,
-                          &error)) {
-    case PlaceCheck::kOk:
-      break;
-    case PlaceCheck::kHidden:
-      YULO_LOG_ALWAYS("%s", error.c_str());
-      return kExitUsage;
-    case PlaceCheck::kNotFound:
-      YULO_LOG_ALWAYS("%s", error.c_str());
-      return kExitFailed;
-  }
-  if (geteuid() != 0) {
-    const struct passwd* pw = getpwuid(geteuid());
-    if (!options->user.empty() &&
-        (pw == nullptr || options->user != pw->pw_name)) {
-      YULO_LOG_ALWAYS("cannot run as %s: only root can change user",
-                      options->user.c_str());
-      return kExitUsage;
-    }
-    return kGoOn;
-  }
   RunAs who;
-  if (!ChooseUser(options->queue_file, options->user, &who, &error)) {
-    YULO_LOG_ALWAYS("%s", error.c_str());
-    return kExitUsage;
+  switch (ChooseIdentity(options->queue_file, options->hidden_dirs,
+                         options->user, &who)) {
+    case IdentityChoice::kStay:
+      return kGoOn;
+    case IdentityChoice::kSwitch:
+      return BecomeUser(who, options);
+    case IdentityChoice::kUsageError:
+      return kExitUsage;
+    case IdentityChoice::kFailed:
+      break;
   }
-  return who.uid == 0 ? kGoOn : BecomeUser(who, options);
+  return kExitFailed;
 }
 
 // Opens the spool, starts the publisher and runs the Forwarder until it

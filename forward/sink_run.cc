@@ -1,6 +1,5 @@
 #include "forward/sink_run.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,33 +49,19 @@ class Trouble {
 }  // namespace
 
 int TakeSinkIdentity(const SinkOptions& options) {
-  std::string error;
-  switch (CheckQueuePlace(options.queue_file, options.hidden_dirs, &error)) {
-    case PlaceCheck::kOk:
+  RunAs who;
+  switch (ChooseIdentity(options.queue_file, options.hidden_dirs,
+                         options.user, &who)) {
+    case IdentityChoice::kStay:
+      return -1;
+    case IdentityChoice::kSwitch:
       break;
-    case PlaceCheck::kHidden:
-      YULO_LOG_ALWAYS("%s", error.c_str());
+    case IdentityChoice::kUsageError:
       return kSinkExitUsage;
-    case PlaceCheck::kNotFound:
-      YULO_LOG_ALWAYS("%s", error.c_str());
+    case IdentityChoice::kFailed:
       return kSinkExitFailed;
   }
-  if (geteuid() != 0) {
-    const struct passwd* pw = getpwuid(geteuid());
-    if (!options.user.empty() &&
-        (pw == nullptr || options.user != pw->pw_name)) {
-      YULO_LOG_ALWAYS("cannot run as %s: only root can change user",
-                      options.user.c_str());
-      return kSinkExitUsage;
-    }
-    return -1;
-  }
-  RunAs who;
-  if (!ChooseUser(options.queue_file, options.user, &who, &error)) {
-    YULO_LOG_ALWAYS("%s", error.c_str());
-    return kSinkExitUsage;
-  }
-  if (who.uid == 0) return -1;
+  std::string error;
   if (!SwitchUser(who, &error)) {
     YULO_LOG_ALWAYS("%s", error.c_str());
     return kSinkExitFailed;

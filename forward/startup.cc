@@ -15,6 +15,7 @@
 #include "base/path.h"
 #include "base/unique_fd.h"
 #include "forward/spool.h"
+#include "yulotifyd/log.h"
 
 namespace YULO {
 namespace YULOTIFYD {
@@ -112,6 +113,36 @@ bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
     return false;
   }
   return true;
+}
+
+IdentityChoice ChooseIdentity(const std::string& queue,
+                              const std::vector<std::string>& hidden_dirs,
+                              const std::string& user, RunAs* who) {
+  std::string error;
+  switch (CheckQueuePlace(queue, hidden_dirs, &error)) {
+    case PlaceCheck::kOk:
+      break;
+    case PlaceCheck::kHidden:
+      YULO_LOG_ALWAYS("%s", error.c_str());
+      return IdentityChoice::kUsageError;
+    case PlaceCheck::kNotFound:
+      YULO_LOG_ALWAYS("%s", error.c_str());
+      return IdentityChoice::kFailed;
+  }
+  if (geteuid() != 0) {
+    const struct passwd* pw = getpwuid(geteuid());
+    if (!user.empty() && (pw == nullptr || user != pw->pw_name)) {
+      YULO_LOG_ALWAYS("cannot run as %s: only root can change user",
+                      user.c_str());
+      return IdentityChoice::kUsageError;
+    }
+    return IdentityChoice::kStay;
+  }
+  if (!ChooseUser(queue, user, who, &error)) {
+    YULO_LOG_ALWAYS("%s", error.c_str());
+    return IdentityChoice::kUsageError;
+  }
+  return who->uid == 0 ? IdentityChoice::kStay : IdentityChoice::kSwitch;
 }
 
 bool PrepareSpoolDir(const std::string& dir, const std::string& queue,

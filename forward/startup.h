@@ -54,6 +54,20 @@ struct RunAs {
 bool ChooseUser(const std::string& queue, const std::string& user, RunAs* out,
                 std::string* error);
 
+enum class IdentityChoice {
+  kStay,        // run as who runs now
+  kSwitch,      // started as root: become `who` (SwitchUser)
+  kUsageError,  // a hidden place, or a user that cannot be chosen
+  kFailed,      // the queue file's directory is not there
+};
+
+// What both forwarding programs settle first: CheckQueuePlace, then, when
+// started as root, ChooseUser. Not root, a configured `user` other than
+// the one running is a usage error. Each refusal is logged.
+IdentityChoice ChooseIdentity(const std::string& queue,
+                              const std::vector<std::string>& hidden_dirs,
+                              const std::string& user, RunAs* who);
+
 // As root: makes `dir` (searchable by all, so that the user reaches their
 // own directory in it) and in it `who.name` (mode 0700, owned by `who`),
 // and sets `spool_dir` to the latter. A link in place of the latter is

@@ -93,6 +93,26 @@ TEST_F(StartupTest, RunsAsTheConfiguredUserOrTheOwnerOfTheQueuesDirectory) {
   EXPECT_EQ(who.why, "owner of " + dir);
 }
 
+TEST_F(StartupTest, BothProgramsSettleTheirIdentityTheSameWay) {
+  RunAs who;
+  EXPECT_EQ(ChooseIdentity("/tmp/q", {"/tmp"}, "", &who),
+            IdentityChoice::kUsageError);
+  EXPECT_EQ(ChooseIdentity(root_ + "/none/q", {"/nothing-hidden"}, "", &who),
+            IdentityChoice::kFailed);
+  const std::string dir = root_ + "/own";
+  fs::create_directories(dir);
+  Give(dir);
+  // As root: the directory's owner; as anyone else: stays who runs.
+  EXPECT_EQ(ChooseIdentity(dir + "/q", {"/nothing-hidden"}, "", &who),
+            geteuid() == 0 ? IdentityChoice::kSwitch : IdentityChoice::kStay);
+  if (geteuid() == 0) {
+    EXPECT_EQ(who.uid, Owner());
+  } else {
+    EXPECT_EQ(ChooseIdentity(dir + "/q", {"/nothing-hidden"}, "root", &who),
+              IdentityChoice::kUsageError);
+  }
+}
+
 TEST_F(StartupTest, ADirectoryOthersCanWriteNeedsTheUserNamed) {
   const std::string dir = root_ + "/shared";
   fs::create_directories(dir);
