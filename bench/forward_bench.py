@@ -84,8 +84,8 @@ def run(args, prefix: Path, work: Path, servers, replicas: int) -> dict:
             fwd.wait()
 
 
-def main():
-    ap = argparse.ArgumentParser()
+def add_arguments(ap):
+    """The options both forwarding benchmarks take."""
     ap.add_argument("--prefix", required=True)
     ap.add_argument("--count", type=int, default=200000)
     ap.add_argument("--chunk", type=int, default=1000,
@@ -94,31 +94,45 @@ def main():
     ap.add_argument("--servers", default="single,cluster",
                     help="single, cluster or both (comma-separated)")
     ap.add_argument("--dir", default=None, help="where the files go")
+
+
+def server_sets(ap, args, stem):
+    """Yields (label, work, servers, replicas) for each of --servers, the
+    servers started in a fresh directory, and stops and removes them after
+    the caller's round."""
+    for kind in args.servers.split(","):
+        if kind not in ("single", "cluster"):
+            ap.error("--servers takes single and cluster")
+        work = Path(tempfile.mkdtemp(prefix=stem + ".", dir=args.dir))
+        if kind == "single":
+            servers, replicas = NatsServer(work), 1
+        else:
+            servers, replicas = NatsCluster(work, 3), 3
+        label = "1 server" if kind == "single" else "3-node cluster, R3"
+        try:
+            servers.start()
+            yield label, work, servers, replicas
+        finally:
+            servers.stop()
+            shutil.rmtree(work, ignore_errors=True)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    add_arguments(ap)
     args = ap.parse_args()
     prefix = Path(args.prefix)
 
     results = []
-    for kind in args.servers.split(","):
-        work = Path(tempfile.mkdtemp(prefix="forward-bench.", dir=args.dir))
-        if kind == "single":
-            servers, replicas = NatsServer(work), 1
-        elif kind == "cluster":
-            servers, replicas = NatsCluster(work, 3), 3
-        else:
-            ap.error("--servers takes single and cluster")
-        try:
-            servers.start()
-            results.append((kind, run(args, prefix, work, servers, replicas)))
-        finally:
-            servers.stop()
-            shutil.rmtree(work, ignore_errors=True)
+    for label, work, servers, replicas in server_sets(ap, args,
+                                                      "forward-bench"):
+        results.append((label, run(args, prefix, work, servers, replicas)))
 
     print("lines %d, %d a chunk" % (args.count, args.chunk))
     print("%-24s %12s %12s %10s %12s %5s" % (
         "servers", "writer (s)", "stored (s)", "lines/s", "CPU us/line",
         "exit"))
-    for kind, r in results:
-        label = "1 server" if kind == "single" else "3-node cluster, R3"
+    for label, r in results:
         print("%-24s %12.2f %12.2f %10.0f %12.1f %5d" % (
             label, r["wrote"], r["elapsed"], args.count / r["elapsed"],
             r["cpu"] * 1e6 / args.count, r["exit"]))

@@ -19,10 +19,8 @@ tests (tests/e2e/forward_harness.py).
 """
 
 import argparse
-import shutil
 import subprocess
 import sys
-import tempfile
 import time
 from pathlib import Path
 
@@ -30,8 +28,9 @@ REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 sys.path.insert(0, str(REPO / "bench"))
 
-from forward_bench import cpu_seconds, run  # noqa: E402
-from forward_harness import STREAM, NatsCluster, NatsServer  # noqa: E402
+from forward_bench import (  # noqa: E402
+    add_arguments, cpu_seconds, run, server_sets)
+from forward_harness import STREAM  # noqa: E402
 
 
 def line_count(path: Path) -> int:
@@ -67,37 +66,17 @@ def run_sink(args, prefix: Path, work: Path, servers) -> dict:
 
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--count", type=int, default=200000)
-    ap.add_argument("--chunk", type=int, default=1000,
-                    help="lines per locked append into the forwarder's "
-                         "queue file")
+    add_arguments(ap)
     ap.add_argument("--batch", type=int, default=1000,
                     help="the sink's --batch")
-    ap.add_argument("--servers", default="single,cluster",
-                    help="single, cluster or both (comma-separated)")
-    ap.add_argument("--dir", default=None, help="where the files go")
     args = ap.parse_args()
     prefix = Path(args.prefix)
 
     rows = []
-    for kind in args.servers.split(","):
-        work = Path(tempfile.mkdtemp(prefix="sink-bench.", dir=args.dir))
-        if kind == "single":
-            servers, replicas = NatsServer(work), 1
-        elif kind == "cluster":
-            servers, replicas = NatsCluster(work, 3), 3
-        else:
-            ap.error("--servers takes single and cluster")
-        label = "1 server" if kind == "single" else "3-node cluster, R3"
-        try:
-            servers.start()
-            fwd = run(args, prefix, work, servers, replicas)
-            rows.append((label, "forwarder", fwd))
-            rows.append((label, "sink", run_sink(args, prefix, work, servers)))
-        finally:
-            servers.stop()
-            shutil.rmtree(work, ignore_errors=True)
+    for label, work, servers, replicas in server_sets(ap, args, "sink-bench"):
+        fwd = run(args, prefix, work, servers, replicas)
+        rows.append((label, "forwarder", fwd))
+        rows.append((label, "sink", run_sink(args, prefix, work, servers)))
 
     print("lines %d, sink batch %d" % (args.count, args.batch))
     print("%-20s %-10s %10s %10s %12s %5s" % (
