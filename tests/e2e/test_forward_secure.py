@@ -5,7 +5,9 @@ logged with its reason, once per back-off, while the lines wait in the
 spool; a secret file others can read is refused at start."""
 
 import base64
+import datetime
 import hashlib
+import ipaddress
 import json
 import re
 import subprocess
@@ -13,8 +15,11 @@ import time
 from pathlib import Path
 
 import pytest
-from cryptography.hazmat.primitives import serialization
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.hazmat.primitives.asymmetric.ed25519 import Ed25519PrivateKey
+from cryptography.x509.oid import NameOID
 
 from forward_harness import (  # noqa: F401 (fixture: forwarders)
     Forwarder, NatsServer, append_lines, create_line, forwarders,
@@ -49,6 +54,34 @@ class Pki:
     def pem(self, name: str) -> str:
         return str(self.dir / (name + ".pem"))
 
+    def sign_expired(self, name: str):
+        """A certificate for 127.0.0.1 from the first CA whose time ran out
+        yesterday (openssl's x509 cannot date one in the past)."""
+        ca_key = serialization.load_pem_private_key(
+            Path(self.key("ca")).read_bytes(), password=None)
+        ca = x509.load_pem_x509_certificate(Path(self.pem("ca")).read_bytes())
+        key = ec.generate_private_key(ec.SECP256R1())
+        now = datetime.datetime.now(datetime.timezone.utc)
+        cert = (x509.CertificateBuilder()
+                .subject_name(x509.Name([x509.NameAttribute(
+                    NameOID.COMMON_NAME, name)]))
+                .issuer_name(ca.subject)
+                .public_key(key.public_key())
+                .serial_number(x509.random_serial_number())
+                .not_valid_before(now - datetime.timedelta(days=3))
+                .not_valid_after(now - datetime.timedelta(days=1))
+                .add_extension(x509.SubjectAlternativeName(
+                    [x509.IPAddress(ipaddress.ip_address("127.0.0.1"))]),
+                    critical=False)
+                .sign(ca_key, hashes.SHA256()))
+        Path(self.pem(name)).write_bytes(
+            cert.public_bytes(serialization.Encoding.PEM))
+        Path(self.key(name)).write_bytes(key.private_bytes(
+            serialization.Encoding.PEM,
+            serialization.PrivateFormat.PKCS8,
+            serialization.NoEncryption()))
+        Path(self.key(name)).chmod(0o600)
+
     def key(self, name: str) -> str:
         return str(self.dir / (name + ".key"))
 
@@ -77,9 +110,10 @@ def servers():
         s.stop()
 
 
-def tls_server(tmp_path, pki, verify_clients: bool) -> NatsServer:
+def tls_server(tmp_path, pki, verify_clients: bool,
+               cert: str = "server") -> NatsServer:
     config = "tls { cert_file: \"%s\", key_file: \"%s\"" % (
-        pki.pem("server"), pki.key("server"))
+        pki.pem(cert), pki.key(cert))
     if verify_clients:
         config += ", ca_file: \"%s\", verify: true" % pki.pem("ca")
     config += " }"
@@ -173,6 +207,22 @@ def test_tls_delivers_with_the_ca_and_refuses_without_it_or_with_another(
         assert "connected to" not in log, log
     assert stream_count(yulotifyd_prefix, server) == -1  # never reached
     delivers(yulotifyd_prefix, tmp_path, server, q, lines, forwarders)
+
+
+def test_a_server_whose_certificate_expired_is_refused_saying_so(
+        pki, servers, forwarders, yulotifyd_prefix, tmp_path):
+    pki.sign_expired("expired")
+    server = tls_server(tmp_path, pki, verify_clients=False, cert="expired")
+    q, lines = serve_lines(servers, server, tmp_path, "x", 50)
+    log = run_refused(yulotifyd_prefix, tmp_path, server, q,
+                      ["--tls-ca", pki.pem("ca")], "cannot connect",
+                      forwarders)
+    assert "certificate has expired" in log, log
+    assert "connected to" not in log, log
+    # The lines wait in the spool, and the forwarder stopped cleanly: no
+    # crash, no busy loop (the refusals come after their back-off).
+    assert len(backoffs(log)) >= 1, log
+    assert stream_count(yulotifyd_prefix, server) == -1
 
 
 def test_a_server_verifying_clients_takes_the_forwarders_certificate_only(
