@@ -481,6 +481,7 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
         }
         return static_cast<ssize_t>(produced);
       }
+      translator_.ReadTranslated();
     }
     if (repeat_check_due_) {
       produced += CheckRepeats(out + produced, capacity - produced);
@@ -511,7 +512,7 @@ ssize_t FanotifyBackend::Read(int fd, void* buffer, size_t capacity) {
     if (!last_read_full) {
       // fanotify fills a read until its queue runs dry or the buffer is
       // full: with room left, it ran dry.
-      translator_.QueueFoundEmpty();
+      translator_.QueueRanDry();
       repeat_check_due_ = true;
     }
   }

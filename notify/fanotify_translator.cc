@@ -138,6 +138,7 @@ bool FanotifyTranslator::ResolvePath(const FidInfo& info, std::string* path,
       named_dirs_.push_back(dir_scratch_);
     } else {
       named_overflow_ = true;
+      overflow_since_dry_ = true;
     }
     dir = &dir_scratch_;
   }

@@ -47,7 +47,9 @@
 //  - Late names. A directory is named when its event is read, not when the
 //    change happened, so changes made in a directory before it was renamed
 //    can come out under its new name. The paths the resolver gave since the
-//    kernel queue was last found empty (QueueFoundEmpty) are kept, at most
+//    kernel queue was last found empty are kept (a read that ran the queue
+//    dry forgets those given before it only once its own events, which
+//    may hold the renames behind them, are translated: QueueRanDry), at most
 //    kMaxNamedDirs of them; when a directory rename is read and one of them
 //    lies at or below its new path (or more were given than are kept), a
 //    rescan record for the new path follows the move records.
@@ -162,6 +164,17 @@ class FanotifyTranslator {
   // REQUIRES: every event read before is translated.
   void QueueFoundEmpty();
 
+  // The reader's last read ran the kernel queue dry, but its events are
+  // not translated yet. A path given before that read may carry the new
+  // name of a directory renamed before it, and that rename's event is in
+  // the read: such paths are kept until the read is translated
+  // (ReadTranslated), then forgotten. Paths given while it is translated
+  // are kept on.
+  void QueueRanDry();
+  // Every event of the read that ran the queue dry is translated. No-op
+  // when no such read is waiting.
+  void ReadTranslated();
+
   // Checks the names touched more than once against the file system (see
   // the top of this file) at monotonic time `now_ms`. `queue_still_empty`
   // is asked once, after the lookups, when there is something to look up;
@@ -271,6 +284,11 @@ class FanotifyTranslator {
   // Directory paths the resolver gave since the queue was last found empty.
   std::vector<std::string> named_dirs_;
   bool named_overflow_ = false;  // more were given than named_dirs_ keeps
+  // QueueRanDry's mark: how many of named_dirs_ came before the read, and
+  // whether more than named_dirs_ keeps were given since.
+  bool dry_pending_ = false;
+  size_t dry_mark_ = 0;
+  bool overflow_since_dry_ = false;
   NameRepeats repeats_;
   std::unordered_map<uint64_t, Doubt> doubts_;
   int64_t recheck_at_ms_ = 0;

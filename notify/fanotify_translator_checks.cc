@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -28,6 +29,22 @@ bool FanotifyTranslator::NamedEarly(const std::string& path) const {
 void FanotifyTranslator::QueueFoundEmpty() {
   named_dirs_.clear();
   named_overflow_ = false;
+  dry_pending_ = false;
+}
+
+void FanotifyTranslator::QueueRanDry() {
+  dry_pending_ = true;
+  dry_mark_ = named_dirs_.size();
+  overflow_since_dry_ = false;
+}
+
+void FanotifyTranslator::ReadTranslated() {
+  if (!dry_pending_) return;
+  dry_pending_ = false;
+  named_dirs_.erase(named_dirs_.begin(),
+                    named_dirs_.begin() + static_cast<std::ptrdiff_t>(
+                                              dry_mark_));
+  named_overflow_ = overflow_since_dry_;
 }
 
 void FanotifyTranslator::NoteTouch(const FidInfo& info, bool exists,

@@ -810,6 +810,40 @@ TEST_F(FanotifyTranslatorTest, NamesGivenBeforeTheQueueWasEmptyAreNotLate) {
   EXPECT_EQ(0u, translator_.rescan_records());
 }
 
+TEST_F(FanotifyTranslatorTest, AReadThatRanDryKeepsEarlierNamesUntilItIsDone) {
+  // The deletes in job0 were read and named after job0 became job0-done;
+  // the next read, which ran the queue dry, holds that rename: the names
+  // given before it are late for the renames in it.
+  resolver_.Set("H-jobs", "/vol1/media/jobs");
+  resolver_.Set("H-job0", "/vol1/media/jobs/job0-done");
+  Run(Event(FAN_DELETE, {Dir("H-job0", "a")}));
+  translator_.QueueRanDry();
+  auto records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                           {Old("H-jobs", "job0"), New("H-jobs", "job0-done")}));
+  translator_.ReadTranslated();
+  ASSERT_EQ(3u, records.size());
+  EXPECT_EQ(kRescanDir, records[2].mask);
+  EXPECT_EQ("/vol1/media/jobs/job0-done", records[2].name);
+  // Once that read is done, they are forgotten...
+  records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                      {Old("H-jobs", "job0-done"), New("H-jobs", "job0")}));
+  EXPECT_EQ(2u, records.size());
+  // ...but names given while it was translated are kept for the next one.
+  resolver_.Set("H-job1", "/vol1/media/jobs/job1-done");
+  Run(Event(FAN_DELETE, {Dir("H-job1", "a")}));
+  translator_.QueueRanDry();
+  resolver_.Set("H-job2", "/vol1/media/jobs/job2-done");
+  Run(Event(FAN_DELETE, {Dir("H-job2", "b")}));
+  translator_.ReadTranslated();
+  records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                      {Old("H-jobs", "job1"), New("H-jobs", "job1-done")}));
+  EXPECT_EQ(2u, records.size()) << "job1-done was named before that read";
+  records = Run(Event(FAN_RENAME | FAN_ONDIR,
+                      {Old("H-jobs", "job2"), New("H-jobs", "job2-done")}));
+  ASSERT_EQ(3u, records.size()) << "job2-done was named after it";
+  EXPECT_EQ("/vol1/media/jobs/job2-done", records[2].name);
+}
+
 TEST_F(FanotifyTranslatorTest, LateNameRecordIsBounded) {
   std::string events;
   for (size_t i = 0; i <= FanotifyTranslator::kMaxNamedDirs; ++i) {
