@@ -10,10 +10,11 @@ EventQueue::EventQueue() : mutex_(PTHREAD_MUTEX_INITIALIZER) {}
 
 EventQueue::~EventQueue() { pthread_mutex_destroy(&mutex_); }
 
-bool EventQueue::Push(const NotifyEvent& event, size_t* size_after) {
+template <typename Add>
+bool EventQueue::AddLocked(const Add& add, size_t* size_after) {
   pthread_mutex_lock(&mutex_);
   try {
-    events_.Push(event);
+    add(events_);
   } catch (const std::bad_alloc&) {
     pthread_mutex_unlock(&mutex_);
     return false;
@@ -23,17 +24,14 @@ bool EventQueue::Push(const NotifyEvent& event, size_t* size_after) {
   return true;
 }
 
+bool EventQueue::Push(const NotifyEvent& event, size_t* size_after) {
+  return AddLocked([&event](PackedEvents& queued) { queued.Push(event); },
+                   size_after);
+}
+
 bool EventQueue::PushAll(PackedEvents& events, size_t* size_after) {
-  pthread_mutex_lock(&mutex_);
-  try {
-    events_.Append(events);
-  } catch (const std::bad_alloc&) {
-    pthread_mutex_unlock(&mutex_);
-    return false;
-  }
-  if (size_after != nullptr) *size_after = events_.size();
-  pthread_mutex_unlock(&mutex_);
-  return true;
+  return AddLocked([&events](PackedEvents& queued) { queued.Append(events); },
+                   size_after);
 }
 
 void EventQueue::TakeAll(PackedEvents& out) {

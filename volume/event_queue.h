@@ -40,6 +40,11 @@ class EventQueue {
   size_t Size();
 
  private:
+  // Runs `add` on the queued events under the lock; what Push and PushAll
+  // share. An allocation failure inside `add` must leave them unchanged.
+  template <typename Add>
+  bool AddLocked(const Add& add, size_t* size_after);
+
   pthread_mutex_t mutex_;
   PackedEvents events_;
 };
